@@ -1,0 +1,2 @@
+// pbrctl, the operator's tool: entry.
+int main() { return 0; }

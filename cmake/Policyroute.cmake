@@ -1,0 +1,57 @@
+# Helpers of the build.
+
+file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/empty.cpp CONTENT "")
+
+# All sources of folders (not of their sub-folders), found again at every build.
+function(pbr_sources OUT)
+  set(found)
+  foreach(folder ${ARGN})
+    file(GLOB files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cpp)
+    list(APPEND found ${files})
+  endforeach()
+  if(NOT found AND NOT ARGN MATCHES "^tests/(unit|scenario|system)")
+    set(found ${CMAKE_BINARY_DIR}/empty.cpp)
+  endif()
+  set(${OUT} ${found} PARENT_SCOPE)
+endfunction()
+
+# Header-only libraries for a cross compiler that does not look into /usr/include: a folder of links.
+set(POLICYROUTE_HEADER_ONLY_DIR ${CMAKE_BINARY_DIR}/header-only)
+file(MAKE_DIRECTORY ${POLICYROUTE_HEADER_ONLY_DIR})
+foreach(lib boost nlohmann)
+  if(EXISTS /usr/include/${lib})
+    file(CREATE_LINK /usr/include/${lib} ${POLICYROUTE_HEADER_ONLY_DIR}/${lib} SYMBOLIC)
+  endif()
+endforeach()
+
+# The checks that every build makes: includes against docs/layers.txt, calls the daemon must not make,
+# and every header of the daemon, the seam and the client compiled alone.
+function(pbr_house_checks)
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+  file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/platform/*.h ${CMAKE_SOURCE_DIR}/core/*.h
+       ${CMAKE_SOURCE_DIR}/store/*.h ${CMAKE_SOURCE_DIR}/rtmsg/*.h ${CMAKE_SOURCE_DIR}/nexthop/*.h
+       ${CMAKE_SOURCE_DIR}/hw/*.h ${CMAKE_SOURCE_DIR}/api/*.h ${CMAKE_SOURCE_DIR}/client/*.h)
+  file(GLOB daemonSources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/core/*.cpp ${CMAKE_SOURCE_DIR}/store/*.cpp
+       ${CMAKE_SOURCE_DIR}/rtmsg/*.cpp ${CMAKE_SOURCE_DIR}/nexthop/*.cpp ${CMAKE_SOURCE_DIR}/hw/*.cpp
+       ${CMAKE_SOURCE_DIR}/api/*.cpp)
+  set(stamp ${CMAKE_BINARY_DIR}/house-checks.stamp)
+  add_custom_command(
+    OUTPUT ${stamp}
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/scripts/check-house.py ${CMAKE_SOURCE_DIR}
+    COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+    DEPENDS ${headers} ${daemonSources} ${CMAKE_SOURCE_DIR}/docs/layers.txt
+            ${CMAKE_SOURCE_DIR}/scripts/check-house.py
+    COMMENT "Checking layers and forbidden calls")
+  add_custom_target(house_checks ALL DEPENDS ${stamp})
+
+  set(units)
+  foreach(header ${headers})
+    file(RELATIVE_PATH relative ${CMAKE_SOURCE_DIR} ${header})
+    string(REPLACE "/" "_" unit ${relative})
+    set(source ${CMAKE_BINARY_DIR}/header-checks/${unit}.cpp)
+    file(CONFIGURE OUTPUT ${source} CONTENT "#include \"${relative}\"\n#include \"${relative}\"\n")
+    list(APPEND units ${source})
+  endforeach()
+  add_library(header_checks OBJECT ${units})
+  target_compile_options(header_checks PRIVATE -O0 -Wno-unused-function)
+endfunction()

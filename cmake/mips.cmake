@@ -1,0 +1,12 @@
+# 32-bit big-endian MIPS, static: the target's width and byte order, run under user-mode emulation.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR mips)
+set(CMAKE_CXX_COMPILER mips-linux-gnu-g++)
+set(CMAKE_C_COMPILER mips-linux-gnu-gcc)
+set(CMAKE_CXX_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
+set(CMAKE_CXX_STANDARD_LIBRARIES_INIT "-latomic")
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mips-static)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -1,0 +1,91 @@
+// A forwarding plane of the host: what the daemon's entries end up in.
+//
+// Two kinds of input. (1) The daemon's own calls, record by record (add, del): a strict device keeps
+// just those. (2) The redirect view: after every change of the store the daemon says so, and a
+// level-triggered device makes the plane equal to the desired state computed from the view.
+// Calls (1) and storeChanged come with the daemon's mutex held; everything else comes on the event
+// thread without it. A device has a lock of its own.
+#ifndef HOST_DEVICE_DEVICE_H
+#define HOST_DEVICE_DEVICE_H
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "hw/pbr_redirect_view.h"
+
+namespace host {
+
+using IpAddress = std::array<uint8_t, 16>; // network order; IPv4 in the first 4 bytes, rest 0
+
+// A redirect of the view as a value.
+struct RedirectEntry {
+    std::string list;
+    uint32_t nodeIndex = 0;
+    uint32_t ifUnit = 0;
+    uint32_t aclNum = 0;
+    PbrRedirectKind kind = PBR_REDIRECT_ABSENT;
+    uint8_t ipVer = 0; // 1, 2, 0 unknown
+    bool ecmp = false;
+    uint8_t newIpPri = 0;
+    uint32_t vrfid = 0;
+    uint32_t outIfUnit = 0;
+    uint32_t configuredCount = 0;
+    std::vector<IpAddress> nextHops;
+    bool operator==(const RedirectEntry &) const = default;
+};
+RedirectEntry redirectEntryFrom(const PbrRedirect &redirect); // host/device/desired
+
+// The desired state: for each list its entries, for each interface unit and node index.
+struct DesiredState {
+    // list name -> (ifUnit, nodeIndex) -> entry
+    std::map<std::string, std::map<std::pair<uint32_t, uint32_t>, RedirectEntry>> lists;
+};
+
+// Brings `state` up to date from the redirect view. Result: names of the lists whose entries differ from
+// before. Lock: held by caller (the daemon's mutex)
+std::vector<std::string> desiredStateTake(DesiredState &state, bool all); // host/device/desired
+
+class Device {
+public:
+    virtual ~Device() = default;
+
+    // Opens the plane; adopts what an earlier run left. Result: empty, or why it cannot be used.
+    virtual std::string start() = 0;
+
+    // aclIfSetApi: record is the 80-byte redirect record. Result: 0, or a code that the daemon counts
+    // and retries; lastError then tells the text. Lock: held by caller (the daemon's mutex)
+    virtual int32_t add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) = 0;
+    virtual int32_t del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) = 0;
+
+    // devSyncStore found marks. Lock: held by caller (the daemon's mutex)
+    virtual void storeChanged() = 0;
+
+    // The rules of an ACL changed. Event thread.
+    virtual void aclChanged(uint32_t aclNum) = 0;
+
+    // The configuration is complete for now (end of an apply): a plane that keeps adopted state may let
+    // go of what is no longer wanted. Event thread. Result: empty, or what could not be made right.
+    virtual std::string settle() = 0;
+
+    // Removes everything of ours from the plane. Event thread. Result: empty, or why not.
+    virtual std::string flush() = 0;
+
+    // For `pbrctl show device`: {"kind": "kernel"|"memory", "entries": [{"list","node","interface",
+    // "ifUnit","acl","action": "next-hops"|"out-interface"|"priority"|"inert"|"absent","ipVersion",
+    // "ecmp","nextHops":[text...],"outInterface","vrf","priority","installed": bool,"error": text}],
+    // "counters": {...}, ...device's own}. Event thread.
+    virtual nlohmann::json show() = 0;
+};
+
+// The device that option host.device names; made and started by the first call.
+Device &hostDevice();
+
+} // namespace host
+
+#endif

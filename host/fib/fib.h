@@ -1,0 +1,42 @@
+// The kernel's routing tables as the host needs them: which interface and gateway lead to an address.
+//
+// A mirror of all unicast routes of all tables, IPv4 and IPv6, kept by dump and notification on the event
+// thread. Routes of our own protocol number (FIB_PROTO_POLICYROUTE) are left out.
+#ifndef HOST_FIB_FIB_H
+#define HOST_FIB_FIB_H
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace host {
+
+constexpr uint8_t FIB_PROTO_POLICYROUTE = 206; // our number on rules, routes and next hops
+
+struct FibEgress {
+    uint32_t ifIndex = 0;                // kernel interface index
+    bool hasGateway = false;             // not on a connected network: reached through `gateway`
+    std::array<uint8_t, 16> gateway{};   // network order
+    bool operator==(const FibEgress &) const = default;
+};
+
+// Kernel table of a VRF id: 0 is the main table (254); else the value of option host.vrf.NAME that
+// equals the id, else the id itself as a table number.
+uint32_t fibTableOfVrf(uint32_t vrfid);
+
+// Longest prefix match for `address` (version 4 or 6) in the VRF's table (for the main table: also what
+// the local table says is on-link is not considered). A route through a gateway gives that gateway and
+// its interface (resolved once). none: unreachable. Any thread. Lock: none (takes the mirror's own)
+std::optional<FibEgress> fibLookup(uint32_t vrfid, int version, const std::array<uint8_t, 16> &address);
+
+// Calls `changed` on the event thread after routes or links changed (bursts are merged within 5 ms).
+void fibOnChange(std::function<void()> changed);
+
+// Starts the mirror and reads the tables. Result: empty, or why not.
+std::string fibStart();
+
+} // namespace host
+
+#endif
