@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds and passes all tests: release with the system tests, address and
+# undefined-behaviour sanitizers, and 32-bit big-endian binaries under emulation.
+#   scripts/test.sh [PRESET ...]     default: release asan mips
+#   PBR_FAST=1 scripts/test.sh debug the inner loop: one preset, unit tests only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+presets=("$@")
+((${#presets[@]})) || presets=(release asan mips)
+passed=0
+failed=0
+for preset in "${presets[@]}"; do
+  echo "== $preset"
+  cmake --preset "$preset" >"build-$preset.log" 2>&1 || { cat "build-$preset.log"; rm -f "build-$preset.log"; exit 1; }
+  rm -f "build-$preset.log"
+  cmake --build --preset "$preset"
+  options=(--preset "$preset")
+  [[ ${PBR_FAST:-} ]] && options+=(-L unit)
+  report=build/$preset/ctest.log
+  ctest "${options[@]}" 2>&1 | tee "$report" || true
+  read -r bad all < <(sed -nE 's/.* ([0-9]+) tests? failed out of ([0-9]+)$/\1 \2/p' "$report" | tail -n 1) ||
+    { echo "test: no result of ctest for $preset" >&2; exit 1; }
+  failed=$((failed + bad))
+  passed=$((passed + all - bad))
+done
+echo "$passed passed, $failed failed"
+((failed == 0 && passed > 0))

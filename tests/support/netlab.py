@@ -1,0 +1,401 @@
+"""A small network in private namespaces, the real daemon in its router, and packets that are counted
+where they arrive. Used by the system tests and by the demo.
+
+    lan (10.0.0.10)--lan0 [rtr] upa--198.51.100.1 [ispa] --+
+    lan2 (10.2.0.10)--lan1 [rtr] upb--203.0.113.1 [ispb] --+-- [srv] 192.0.2.10, 2001:db8:ffff::10
+                                upc--100.64.0.1   [ispc] --+
+
+The routing table's way to the server is upb. Everything lives in a mount namespace of this process
+(enter_private), so nothing is left behind however it ends. Standard library only.
+"""
+import contextlib
+import ctypes
+import json
+import os
+import re
+import select
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+CLONE_NEWNET = 0x40000000
+_libc = ctypes.CDLL(None, use_errno=True)
+
+SERVER = {4: "192.0.2.10", 6: "2001:db8:ffff::10"}
+LAN = {4: "10.0.0.10", 6: "2001:db8:1::10"}
+LAN2 = {4: "10.2.0.10", 6: "2001:db8:2::10"}
+UPLINKS = {  # uplink: (router IPv4, next hop IPv4, router IPv6, next hop IPv6)
+    "upa": ("198.51.100.2", "198.51.100.1", "2001:db8:a::2", "2001:db8:a::1"),
+    "upb": ("203.0.113.2", "203.0.113.1", "2001:db8:b::2", "2001:db8:b::1"),
+    "upc": ("100.64.0.2", "100.64.0.1", "2001:db8:c::2", "2001:db8:c::1"),
+}
+ISP = {"upa": "ispa", "upb": "ispb", "upc": "ispc"}
+
+
+def enter_private():
+    """Runs this program again in a mount namespace (and, without root, a user namespace) of its own."""
+    if os.environ.get("NETLAB_PRIVATE") != "1":
+        # --kill-child: when the outer process dies (a test time-out), the namespace dies too.
+        args = ["unshare", "--mount", "--fork", "--kill-child"] if os.geteuid() == 0 else \
+            ["unshare", "--user", "--map-root-user", "--mount", "--net", "--fork", "--kill-child"]
+        os.environ["NETLAB_PRIVATE"] = "1"
+        os.execvp(args[0], args + [sys.executable] + sys.argv)
+    for words in (["mount", "--make-rprivate", "/"], ["mount", "-t", "tmpfs", "tmpfs", "/run"]):
+        subprocess.run(words, check=True)
+    os.makedirs("/run/netns")
+
+
+def run(words, ns=None, check=True, **options):
+    words = words.split() if isinstance(words, str) else list(words)
+    if ns is not None:
+        words = ["nsenter", f"--net=/run/netns/{ns}"] + words
+    return subprocess.run(words, check=check, text=True, capture_output=True, **options)
+
+
+@contextlib.contextmanager
+def inside(ns):
+    """The calling thread is in namespace `ns`; what it opens stays there."""
+    own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+    other = os.open(f"/run/netns/{ns}", os.O_RDONLY)
+    try:
+        if _libc.setns(other, CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns")
+        yield
+    finally:
+        _libc.setns(own, CLONE_NEWNET)
+        os.close(own)
+        os.close(other)
+
+
+def sysctl(ns, name, value):
+    with inside(ns), open("/proc/sys/net/" + name, "w") as file:
+        file.write(str(value))
+
+
+class Lab:
+    """The topology above. Neighbour discovery of routers and duplicate address detection are off, so
+    that addresses work at once."""
+
+    def __init__(self):
+        self.namespaces = []
+        for ns in ("rtr", "lan", "lan2", "srv", "ispa", "ispb", "ispc"):
+            run(["ip", "netns", "add", ns])
+            self.namespaces.append(ns)
+            for family in ("ipv4", "ipv6"):
+                sysctl(ns, f"{family}/conf/all/forwarding", 1 if ns in ("rtr",) or ns.startswith("isp") else 0)
+            for which in ("all", "default"):
+                sysctl(ns, f"ipv4/conf/{which}/rp_filter", 0)
+                sysctl(ns, f"ipv6/conf/{which}/accept_dad", 0)
+                sysctl(ns, f"ipv6/conf/{which}/accept_ra", 0)
+            run("ip link set lo up", ns)
+        self._link("lan", "eth0", "rtr", "lan0", LAN[4] + "/24", "10.0.0.1/24", LAN[6] + "/64", "2001:db8:1::1/64")
+        self._link("lan2", "eth0", "rtr", "lan1", LAN2[4] + "/24", "10.2.0.1/24", LAN2[6] + "/64", "2001:db8:2::1/64")
+        for number, (up, (r4, h4, r6, h6)) in enumerate(UPLINKS.items(), 1):
+            isp = ISP[up]
+            self._link(isp, "eth0", "rtr", up, h4 + "/24", r4 + "/24", h6 + "/64", r6 + "/64")
+            self._link(isp, "core", "srv", "from-" + up, f"172.16.{number}.1/24", f"172.16.{number}.2/24",
+                       f"2001:db8:f{number}::1/64", f"2001:db8:f{number}::2/64")
+            for family, server, lan in ((4, SERVER[4], "10.0.0.0/8"), (6, SERVER[6], "2001:db8::/36")):
+                via = f"172.16.{number}.2" if family == 4 else f"2001:db8:f{number}::2"
+                back = r4 if family == 4 else r6
+                run(f"ip -{family} route add {server} via {via}", isp)
+                run(f"ip -{family} route add {lan} via {back}", isp)
+        for family in (4, 6):
+            run(f"ip -{family} addr add {SERVER[family]}/{32 if family == 4 else 128} dev lo", "srv")
+            run(f"ip -{family} route add default via {'10.0.0.1' if family == 4 else '2001:db8:1::1'}", "lan")
+            run(f"ip -{family} route add default via {'10.2.0.1' if family == 4 else '2001:db8:2::1'}", "lan2")
+            run(f"ip -{family} route add default via {UPLINKS['upb'][1 if family == 4 else 3]}", "rtr")
+            run(f"ip -{family} route add default via {'172.16.2.1' if family == 4 else '2001:db8:f2::1'}", "srv")
+
+    @staticmethod
+    def _link(ns1, if1, ns2, if2, a4, b4, a6, b6):
+        run(f"ip link add {if1} netns {ns1} type veth peer name {if2} netns {ns2}")
+        for ns, interface, v4, v6 in ((ns1, if1, a4, a6), (ns2, if2, b4, b6)):
+            run(f"ip addr add {v4} dev {interface}", ns)
+            run(f"ip -6 addr add {v6} dev {interface} nodad", ns)
+            run(f"ip link set {interface} up", ns)
+
+    def socket(self, ns, family, kind=socket.SOCK_DGRAM):
+        with inside(ns):
+            return socket.socket(family, kind)
+
+    # ---- ways to lose and to bring back an uplink ----
+    def silence(self, up):
+        """The next hop of an uplink answers nothing any more, ARP and ND included; its link stays up."""
+        run(["nft", "add table netdev cut; add chain netdev cut in { type filter hook ingress device eth0 "
+             "priority -500; policy drop; }"], ISP[up])
+
+    def unsilence(self, up):
+        run("nft delete table netdev cut", ISP[up])
+
+    def link(self, up, state):
+        run(f"ip link set eth0 {state}", ISP[up])
+
+    def close(self):
+        for ns in self.namespaces:
+            run(["ip", "netns", "del", ns], check=False)
+
+
+class Arrivals:
+    """Receives UDP at the server and notes for each packet its number, its uplink, its time and its TOS."""
+
+    def __init__(self, lab, family, port, ns="srv"):
+        af = socket.AF_INET if family == 4 else socket.AF_INET6
+        self.family, self.port, self.packets = family, port, []
+        self.socket = lab.socket(ns, af)
+        if family == 4:
+            self.socket.setsockopt(socket.IPPROTO_IP, 8, 1)   # IP_PKTINFO
+            self.socket.setsockopt(socket.IPPROTO_IP, 13, 1)  # IP_RECVTOS
+        else:
+            self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+            self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVPKTINFO, 1)
+            self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVTCLASS, 1)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        self.socket.bind(("", port))
+        with inside(ns):
+            self.names = {index: name for index, name in socket.if_nameindex()}
+        self.stopping = False
+        self.thread = threading.Thread(target=self._receive, daemon=True)
+        self.thread.start()
+
+    def _receive(self):
+        while not self.stopping:
+            if not select.select([self.socket], [], [], 0.05)[0]:
+                continue
+            data, ancillary, _, peer = self.socket.recvmsg(2048, 256)
+            interface, tos = 0, 0
+            for level, kind, value in ancillary:
+                if level == socket.IPPROTO_IP and kind == 8:
+                    interface = struct.unpack_from("=I", value)[0]
+                elif level == socket.IPPROTO_IP and kind == 1:
+                    tos = value[0]
+                elif level == socket.IPPROTO_IPV6 and kind == socket.IPV6_PKTINFO:
+                    interface = struct.unpack_from("=I", value, 16)[0]
+                elif level == socket.IPPROTO_IPV6 and kind == socket.IPV6_TCLASS:
+                    tos = struct.unpack("=i", value)[0]
+            name = self.names.get(interface, str(interface)).replace("from-", "")
+            number = struct.unpack_from("!I", data)[0]
+            self.packets.append((number, name, time.monotonic(), tos, peer))
+
+    def by_uplink(self):
+        counts = {}
+        for packet in list(self.packets):
+            counts[packet[1]] = counts.get(packet[1], 0) + 1
+        return counts
+
+    def wait(self, count, seconds=3.0):
+        end = time.monotonic() + seconds
+        while len(self.packets) < count and time.monotonic() < end:
+            time.sleep(0.005)
+        return len(self.packets)
+
+    def close(self):
+        self.stopping = True
+        self.thread.join()
+        self.socket.close()
+
+
+def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, destination=None, first=0, mark=None):
+    """Sends `count` numbered UDP packets, over `ports` source ports in turn."""
+    af = socket.AF_INET if family == 4 else socket.AF_INET6
+    sockets = [lab.socket(source_ns, af) for _ in range(ports)]
+    try:
+        start = time.monotonic()
+        for number in range(count):
+            if interval:
+                late = start + number * interval - time.monotonic()
+                if late > 0:
+                    time.sleep(late)
+            with contextlib.suppress(OSError):
+                sockets[number % ports].sendto(struct.pack("!I", first + number), (destination or SERVER[family], port))
+    finally:
+        for each in sockets:
+            each.close()
+
+
+class Stream:
+    """A steady stream of numbered packets to the server; tells afterwards what was lost and when."""
+
+    def __init__(self, lab, family=4, port=443, interval=0.001, source_ns="lan"):
+        self.arrivals = Arrivals(lab, family, port)
+        self.socket = lab.socket(source_ns, socket.AF_INET if family == 4 else socket.AF_INET6)
+        self.family, self.port, self.interval, self.sent, self.stopping = family, port, interval, [], False
+        self.thread = threading.Thread(target=self._send, daemon=True)
+        self.thread.start()
+
+    def _send(self):
+        start, number = time.monotonic(), 0
+        while not self.stopping:
+            late = start + number * self.interval - time.monotonic()
+            if late > 0:
+                time.sleep(late)
+            with contextlib.suppress(OSError):
+                self.socket.sendto(struct.pack("!I", number), (SERVER[self.family], self.port))
+            self.sent.append(time.monotonic())
+            number += 1
+
+    def stop(self):
+        """Result: {"sent", "lost", "outage": seconds of the longest gap, "uplinks": counts}."""
+        self.stopping = True
+        self.thread.join()
+        self.arrivals.wait(len(self.sent), 0.5)
+        time.sleep(0.05)
+        self.arrivals.close()
+        self.socket.close()
+        got = {packet[0] for packet in self.arrivals.packets}
+        lost = [number for number in range(len(self.sent)) if number not in got]
+        times = sorted(packet[2] for packet in self.arrivals.packets)
+        gap = max((b - a for a, b in zip(times, times[1:])), default=0.0)
+        return {"sent": len(self.sent), "lost": len(lost), "outage": gap, "uplinks": self.arrivals.by_uplink(),
+                "lost_numbers": lost}
+
+    def last_uplink(self):
+        return self.arrivals.packets[-1][1] if self.arrivals.packets else None
+
+    def wait_uplink(self, up, seconds):
+        """Waits until packets arrive through `up`; result: whether they do, and after how long."""
+        begin = time.monotonic()
+        while time.monotonic() - begin < seconds:
+            if self.last_uplink() == up and self.arrivals.packets[-1][2] > begin:
+                return True, time.monotonic() - begin
+            time.sleep(0.001)
+        return False, time.monotonic() - begin
+
+
+class Refused(Exception):
+    pass
+
+
+class Daemon:
+    """policyrouted in a namespace, and pbrctl talking to it."""
+
+    def __init__(self, build=None, ns="rtr", device="kernel", options=(), root=None):
+        self.build = build or os.environ.get("POLICYROUTE_BUILD") or os.path.join(ROOT, "build/release")
+        self.ns, self.device, self.options = ns, device, list(options)
+        self.root = root or tempfile.mkdtemp(prefix="pbr-")
+        self.process = None
+        self.errors = []
+
+    def start(self, wait=15.0):
+        words = [os.path.join(self.build, "policyrouted"), "--option", f"host.root={self.root}",
+                 "--option", f"host.device={self.device}", "--option", "host.log=stderr"]
+        for option in self.options:
+            words += ["--option", option]
+        if self.ns is not None:
+            words = ["nsenter", f"--net=/run/netns/{self.ns}"] + words
+        self.process = subprocess.Popen(words, stderr=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.errors = []
+        serving = threading.Event()
+        threading.Thread(target=self._read, args=(self.process, serving), daemon=True).start()
+        begin = time.monotonic()
+        while not serving.wait(0.02):
+            if self.process.poll() is not None or time.monotonic() - begin > wait:
+                raise Refused("policyrouted did not start: " + "".join(self.errors[-5:]))
+        return self
+
+    def _read(self, process, serving):
+        for line in process.stderr:
+            self.errors.append(line)
+            if "serving on" in line:
+                serving.set()
+
+    def ctl(self, *words, check=True, stdin=None):
+        command = [os.path.join(self.build, "pbrctl"), "--root", self.root] + [str(word) for word in words]
+        if self.ns is not None:
+            command = ["nsenter", f"--net=/run/netns/{self.ns}"] + command
+        done = subprocess.run(command, text=True, capture_output=True, input=stdin, timeout=60)
+        if check and done.returncode != 0:
+            raise Refused(f"pbrctl {' '.join(map(str, words))}: exit {done.returncode}\n{done.stdout}{done.stderr}")
+        return done
+
+    def json(self, *words):
+        return json.loads(self.ctl("--json", *words).stdout)
+
+    def apply(self, text, *options, check=True):
+        path = os.path.join(self.root, "policy.yaml")
+        with open(path, "w") as file:
+            file.write(text)
+        return self.ctl("apply", path, *options, check=check)
+
+    def until(self, question, seconds=5.0):
+        """Waits until question() is true; result: its last answer."""
+        end = time.monotonic() + seconds
+        while True:
+            answer = question()
+            if answer or time.monotonic() > end:
+                return answer
+            time.sleep(0.02)
+
+    def kill(self, number=signal.SIGKILL):
+        self.process.send_signal(number)
+        self.process.wait(10)
+
+    def stop(self):
+        if self.process is not None and self.process.poll() is None:
+            self.kill(signal.SIGTERM)
+
+    def close(self):
+        self.stop()
+        shutil.rmtree(self.root, ignore_errors=True)
+
+
+class Command:
+    """One connection to the command socket; frames by hand."""
+
+    def __init__(self, root):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(10)
+        self.socket.connect(root + "/tmp/policyroutecmd.socket")
+
+    @staticmethod
+    def frame(command, key=b"", field=0, number=0, data=b"", kind=None, request=1, version=1, length=None,
+              key_length=None, reserved=0):
+        kind = kind if kind is not None else (2 if data else 1)
+        body = struct.pack("!BBHIIIHH", version, kind, command, request, field, number,
+                           len(key) if key_length is None else key_length, reserved) + key + data
+        return struct.pack("!I", len(body) if length is None else length) + body
+
+    def receive(self, count):
+        data = b""
+        while len(data) < count:
+            part = self.socket.recv(count - len(data))
+            if not part:
+                raise EOFError("the daemon closed the connection")
+            data += part
+        return data
+
+    def answer(self):
+        """Result: (result code, number, key bytes, value bytes, header)."""
+        length = struct.unpack("!I", self.receive(4))[0]
+        body = self.receive(length)
+        header = struct.unpack_from("!BBHIIIHH", body)
+        key = body[20:20 + header[6]]
+        return header[4], header[5], key, body[20 + header[6]:], header
+
+    def call(self, command, **options):
+        self.socket.sendall(self.frame(command, **options))
+        return self.answer()
+
+    def close(self):
+        self.socket.close()
+
+
+def list_key(name, length=None):
+    return name[:16].ljust(16, b"\0") + struct.pack("=H", len(name) if length is None else length)
+
+
+def node_key(name, index, hop=0, mask=0, length=None):
+    return list_key(name, length) + b"\0\0" + struct.pack("=IBB", index, mask, hop) + b"\0\0"
+
+
+def unit_of(ns, interface):
+    return int(run(["cat", f"/sys/class/net/{interface}/ifindex"]).stdout) if ns is None else \
+        next(int(re.match(r"(\d+):", line).group(1)) for line in
+             run(f"ip -o link show dev {interface}", ns).stdout.splitlines())
