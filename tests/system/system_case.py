@@ -1,0 +1,83 @@
+"""What the system tests share: the lab, a daemon for each test, and the words to configure it."""
+import os
+import sys
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import netlab  # noqa: E402
+
+
+class MemoryCase(unittest.TestCase):
+    """A daemon with the memory device; nothing needs privileges."""
+
+    options = ()
+
+    def setUp(self):
+        self.daemon = netlab.Daemon(ns=None, device="memory", options=self.options).start()
+        self.addCleanup(self.daemon.close)
+        self.addCleanup(self.check_alive)
+        self.client = netlab.Command(self.daemon.root)
+        self.addCleanup(self.client.close)
+
+    def check_alive(self):
+        self.assertIsNone(self.daemon.process.poll(), "the daemon died: " + "".join(self.daemon.errors[-20:]))
+
+
+class LabCase(unittest.TestCase):
+    """The lab once a class, a daemon with the kernel device for each test; afterwards everything that
+    the daemon installed is flushed."""
+
+    options = ("host.neighbour-probe-ms=400",)
+
+    @classmethod
+    def setUpClass(cls):
+        cls.lab = netlab.Lab()
+        for up in netlab.UPLINKS:
+            for family in ("ipv4", "ipv6"):
+                netlab.sysctl("rtr", f"{family}/neigh/{up}/retrans_time_ms", 100)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.lab.close()
+
+    def setUp(self):
+        self.daemon = netlab.Daemon(options=self.options).start()
+        self.addCleanup(self.daemon.close)
+        self.addCleanup(self.mend_lab)
+        self.addCleanup(lambda: self.daemon.ctl("device", "flush", check=False))
+
+    def mend_lab(self):
+        for up, isp in netlab.ISP.items():
+            netlab.run("nft delete table netdev cut", isp, check=False)
+            if "state DOWN" in netlab.run("ip link show dev eth0", isp).stdout or \
+                    "NO-CARRIER" in netlab.run(f"ip link show dev {up}", "rtr").stdout:
+                self.lab.link(up, "up")
+
+    def by_uplink(self, family=4, port=443, count=20, ports=1, source_ns="lan", destination=None):
+        """Sends packets to the server; result: {uplink: how many arrived by it}."""
+        arrivals = netlab.Arrivals(self.lab, family, port)
+        try:
+            netlab.send(self.lab, family, port, count, ports=ports, source_ns=source_ns, destination=destination)
+            arrivals.wait(count, 1.0)
+            return arrivals.by_uplink()
+        finally:
+            arrivals.close()
+
+    def all_by(self, up, seconds=5.0, **options):
+        """Waits until all packets take `up`; fails with what was seen last."""
+        seen = {}
+
+        def question():
+            nonlocal seen
+            seen = self.by_uplink(**options)
+            return seen == {up: options.get("count", 20)}
+
+        self.assertTrue(self.daemon.until(question, seconds), f"expected all by {up}, seen {seen}; {options}")
+
+    def next_hop(self, up, family=4):
+        return netlab.UPLINKS[up][1 if family == 4 else 3]
+
+
+def main():
+    netlab.enter_private()
+    unittest.main(verbosity=2)
