@@ -6,9 +6,10 @@
 // include. It never uses the marks curSelected, lastSelected and nexthopHwState, and only reads the
 // store; taking the changes clears the change marks and nothing else.
 //
-// Order of decision: a bound time range that is not active leaves the node out, whatever its kind;
-// then out of an interface; then priority only (no next hops); then the ECMP members that are
-// reachable; else the next hop that selection would choose (computed without writing marks).
+// Order of decision: no ACL or forwardFlag 2, then a bound time range that is not active, leave the node
+// out, whatever its kind; then out of an interface; then priority only (no next hops); then an unknown IP
+// version is inert; then the ECMP members that are reachable (isEcmp other than 0, as in the device
+// records); else the next hop that selection would choose (computed without writing marks).
 #ifndef HW_PBR_REDIRECT_VIEW_H
 #define HW_PBR_REDIRECT_VIEW_H
 
@@ -37,7 +38,8 @@ struct PbrRedirect {
     uint32_t vrfid;           // VRF in which the next hops are resolved
     uint32_t outIfUnit;       // PBR_REDIRECT_OUT_IF: the interface
     uint32_t nextHopCount;    // PBR_REDIRECT_NEXT_HOPS: 1..255, else 0
-    uint8_t nextHops[PBR_REDIRECT_MAX_NEXT_HOPS][16]; // network order, list order; IPv4 in 4 bytes
+    uint8_t nextHops[PBR_REDIRECT_MAX_NEXT_HOPS][16]; // network order, list order; IPv4 in 4 bytes, rest
+                              // 0; not written from nextHopCount on
     uint32_t configuredCount; // next hops that the node names, usable or not
 };
 
@@ -48,7 +50,8 @@ struct PbrRedirectVisitor {
     // A list follows: everything held of it is replaced by the entries that follow (none: it has no
     // bound links any more).
     void (*listBegin)(void *pContext, const uint8_t *pName, uint32_t nameLen);
-    // One link of that list; interface by interface, nodes ascending. ABSENT entries are passed too.
+    // One link of that list, whatever its hwStatus; interface by interface in unit order, nodes
+    // ascending. ABSENT entries are passed too.
     void (*entry)(void *pContext, const PbrRedirect *pRedirect);
 };
 
