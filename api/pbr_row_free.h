@@ -1,0 +1,27 @@
+// Destroying lists, nodes and interface entries on a management command, with what may still refer to
+// them.
+//
+// A list that is bound refuses to be changed, but its 4-bit use count is 0 again at the sixteenth
+// binding, and then it can be destroyed while interface-node links point at its nodes. The table
+// operations (store/) leave such references alone; these functions remove them first, so that no link
+// ever points into a free slot. Names in interface entries stay: a later unbind then tells that the list
+// has gone, as published.
+#ifndef API_PBR_ROW_FREE_H
+#define API_PBR_ROW_FREE_H
+
+#include "store/pbr_records.h"
+
+// Destroys a list with its nodes and next hops. Takes it out of the ready table, frees every
+// interface-node link to its nodes and empties its chain of bound interfaces first.
+// Result: of pbrListEntryDel. Lock: held by caller
+[[nodiscard]] uint32_t pbrListFree(PbrListEntry *pList);
+
+// Destroys a node with its next hops, after every interface-node link to it.
+// Result: of pbrNodeEntryDel. Lock: held by caller
+[[nodiscard]] uint32_t pbrNodeFree(PbrNodeEntry *pNode);
+
+// Destroys an interface entry, after the links that a failed bind left behind.
+// Result: of pbrIfEntryDel. Lock: held by caller
+[[nodiscard]] uint32_t pbrIfFree(PbrIfEntry *pIf);
+
+#endif
