@@ -19,10 +19,12 @@ public:
     virtual ~EventLoop() = default;
 
     // Calls `ready(epoll events)` on the event thread while fd has any of `events` (EPOLLIN ...).
-    // The fd stays the caller's. Any thread. Lock: none
+    // The fd stays the caller's. A fd that is watched already gets the new events and the new handler.
+    // Any thread. Lock: none
     virtual void fdAdd(int fd, uint32_t events, std::function<void(uint32_t)> ready) = 0;
 
-    // Stops watching; on the event thread at once, from another thread before it returns.
+    // Stops watching, before the fd is closed; its handler does not run any more when this returns (on
+    // another thread it waits for a running one: the caller then holds no lock that the handler takes).
     virtual void fdDel(int fd) = 0;
 
     // Runs `work` once on the event thread, in the order of posting. Any thread. Lock: none

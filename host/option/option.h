@@ -38,9 +38,16 @@ uint64_t optionNumber(const std::string &key);
 std::vector<std::pair<std::string, std::string>> optionFamily(const std::string &prefix);
 
 // host.root + path: where a file or socket of this run is; folders are made (mode 0755) as needed.
+// path: begins with a slash.
 std::string optionPath(const std::string &path);
 
-// Reads the command line and the option file, once. Result: empty, or an error text naming its place.
+// Reads the option file and the command line, whose later entries win over earlier ones and over the
+// file. overrides: texts "key=value". file: empty stands for /etc/policyroute/policyroute.conf, which may
+// be absent. In a file, blank lines and comments (# at the start of a line or behind a blank) are passed
+// over, and a key may stand once. Numbers (decimal, or hexadecimal with 0x) and words of host keys are
+// checked; nothing is taken over when there is an error.
+// Result: empty, or an error text naming its place ("FILE:LINE: ..." or "--option ...: ...").
+// Before other threads read options. Lock: none
 std::string optionLoad(const std::vector<std::string> &overrides, const std::string &file);
 
 } // namespace host
