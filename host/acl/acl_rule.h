@@ -2,7 +2,9 @@
 //
 // Text: permit|deny ip|tcp|udp|icmp|NUMBER from PREFIX|any [port N[-M]] to PREFIX|any [port N[-M]]
 // A missing "to" part means "to any", a missing "from" part "from any". `ip` is every protocol; `icmp`
-// is 1 in an IPv4 ACL and 58 in an IPv6 ACL; ports need tcp or udp.
+// is 1 in an IPv4 rule and 58 in an IPv6 rule; ports need tcp or udp. A prefix without length is one
+// address; a prefix with bits set beyond its length is refused. In an ACL whose number leaves the
+// version open, 0.0.0.0/0 and ::/0 are every address of that version and make the rule one of it.
 #ifndef HOST_ACL_ACL_RULE_H
 #define HOST_ACL_ACL_RULE_H
 
@@ -17,8 +19,8 @@ namespace host {
 
 struct AclPrefix {
     std::array<uint8_t, 16> address{}; // network order, IPv4 in the first 4 bytes; host bits are 0
-    uint8_t length = 0;                // 0..32 or 0..128; 0 with any = true
-    bool any = true;
+    uint8_t length = 0;                // 1..32 or 1..128; 0 with any = true
+    bool any = true;                   // every address of the rule's version
     bool operator==(const AclPrefix &) const = default;
 };
 
@@ -31,6 +33,7 @@ struct AclPorts {
 
 struct AclRule {
     bool permit = true;
+    uint8_t version = 0;   // 4 or 6: of the ACL's number, else of the addresses; 0: both
     int16_t protocol = -1; // 0..255, or -1: every protocol
     AclPrefix source;
     AclPrefix destination;
@@ -49,7 +52,7 @@ std::optional<AclRule> aclRuleParse(uint32_t aclNum, const std::string &text, st
 // The rule's canonical text; parses back to the same rule.
 std::string aclRuleFormat(uint32_t aclNum, const AclRule &rule);
 
-// IP version of a rule: 4, 6 or 0 (no address tells and the ACL's number does not).
+// IP version of a rule: that of the ACL's number, else the rule's own; 0: packets of both versions.
 int aclRuleVersion(uint32_t aclNum, const AclRule &rule);
 
 using AclRules = std::map<uint32_t, AclRule>; // by rule number, evaluated in ascending order

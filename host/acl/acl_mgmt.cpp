@@ -1,0 +1,221 @@
+// See acl_mgmt.h. Handlers run on the event thread, one at a time.
+#include "host/acl/acl_mgmt.h"
+
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+#include "host/acl/acl_store.h"
+#include "host/bus/bus.h"
+#include "host/device/device.h"
+#include "host/mgmt/mgmt.h"
+#include "host/mgmt/mgmt_args.h"
+#include "platform/qrv_rtm.h"
+#include "platform/qrv_socket.h"
+
+namespace host {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr uint32_t NUMBER_MAX = 0xFFFFFFFFu;
+
+std::string aclName(uint32_t aclNum) {
+    return "ACL " + std::to_string(aclNum);
+}
+
+uint32_t checkedAcl(uint32_t aclNum) {
+    if (!aclVersion(aclNum)) {
+        throw std::runtime_error("ACL number " + std::to_string(aclNum) +
+                                 " cannot be used: IPv4 ACLs are 1001 to 2000, IPv6 ACLs 3001 to 4000, ACLs of "
+                                 "either version 5001 and up");
+    }
+    return aclNum;
+}
+
+uint32_t aclOf(const json &request) {
+    return checkedAcl(mgmtArgNumber(request, "acl", 1, NUMBER_MAX));
+}
+
+AclRule ruleOf(uint32_t aclNum, uint32_t ruleNum, const std::string &text) {
+    std::string error;
+    const auto rule = aclRuleParse(aclNum, text, &error);
+    if (!rule) {
+        throw std::runtime_error(aclName(aclNum) + " rule " + std::to_string(ruleNum) + ": " + error);
+    }
+    return *rule;
+}
+
+// {"10": "permit ...", ...}
+AclRules rulesOf(uint32_t aclNum, const json &texts) {
+    AclRules rules;
+    for (const auto &[key, text] : texts.items()) {
+        const uint32_t ruleNum = mgmtKeyNumber(key, "rule number", 1, NUMBER_MAX);
+        if (!text.is_string()) {
+            throw std::runtime_error(aclName(aclNum) + " rule " + key + " must be a text");
+        }
+        rules[ruleNum] = ruleOf(aclNum, ruleNum, text.get<std::string>());
+    }
+    return rules;
+}
+
+AclStore::Contents contentsOf(const json &acls) {
+    AclStore::Contents contents;
+    for (const auto &[key, rules] : acls.items()) {
+        const uint32_t aclNum = checkedAcl(mgmtKeyNumber(key, "ACL number", 1, NUMBER_MAX));
+        if (!rules.is_object()) {
+            throw std::runtime_error(aclName(aclNum) + " must be an object of rule numbers and texts");
+        }
+        contents[aclNum] = rulesOf(aclNum, rules);
+    }
+    return contents;
+}
+
+void publish(const AclChange &change) {
+    if (change.kind == AclChange::ACL_GONE) {
+        const AclNumMsg payload{change.aclNum};
+        const auto message = busMessage(QRV_RTM_ACL_DELACL, &payload, sizeof payload);
+        busPublish(QRV_RTNLGRP_ACL, message.data(), message.size());
+        return;
+    }
+    const AclRuleMsg payload{change.aclNum, change.ruleNum};
+    const uint16_t type = change.kind == AclChange::RULE_NEW ? QRV_RTM_ACL_ADDACLRULE : QRV_RTM_ACL_DELACLRULE;
+    const auto message = busMessage(type, &payload, sizeof payload);
+    busPublish(QRV_RTNLGRP_ACL, message.data(), message.size());
+}
+
+// Tells the device and the bus. Result: the warnings about ACLs that went away while in use.
+json tell(const AclStore::Changes &changes) {
+    std::set<uint32_t> changed;
+    json warnings = json::array();
+    for (const AclChange &change : changes) {
+        changed.insert(change.aclNum);
+        const int64_t users = aclStore().users(change.aclNum);
+        if (change.kind == AclChange::ACL_GONE && users > 0) {
+            warnings.push_back(aclName(change.aclNum) + " had " + std::to_string(users) +
+                               " users: their entries match nothing until it is made again");
+        }
+    }
+    for (const uint32_t aclNum : changed) {
+        hostDevice().aclChanged(aclNum);
+    }
+    for (const AclChange &change : changes) {
+        publish(change);
+    }
+    return warnings;
+}
+
+json answerOf(const AclStore::Changes &changes) {
+    json warnings = tell(changes);
+    json answer = {{"changes", changes.size()}};
+    if (!warnings.empty()) {
+        answer["warnings"] = std::move(warnings);
+    }
+    return answer;
+}
+
+json opCreate(const json &request) {
+    mgmtArgsOnly(request, {"acl"});
+    const uint32_t aclNum = aclOf(request);
+    const bool isNew = aclStore().create(aclNum);
+    if (isNew) {
+        hostDevice().aclChanged(aclNum);
+    }
+    return {{"created", isNew}};
+}
+
+json opSet(const json &request) {
+    mgmtArgsOnly(request, {"acl", "rule", "text"});
+    const uint32_t aclNum = aclOf(request);
+    const uint32_t ruleNum = mgmtArgNumber(request, "rule", 1, NUMBER_MAX);
+    const AclRule rule = ruleOf(aclNum, ruleNum, mgmtArgText(request, "text"));
+    json answer = answerOf(aclStore().ruleSet(aclNum, ruleNum, rule));
+    answer["text"] = aclRuleFormat(aclNum, rule);
+    return answer;
+}
+
+json opDel(const json &request) {
+    mgmtArgsOnly(request, {"acl", "rule"});
+    const uint32_t aclNum = aclOf(request);
+    const uint32_t ruleNum = mgmtArgNumber(request, "rule", 1, NUMBER_MAX);
+    const auto changes = aclStore().ruleDel(aclNum, ruleNum);
+    if (!changes) {
+        throw std::runtime_error(aclName(aclNum) + " has no rule " + std::to_string(ruleNum));
+    }
+    return answerOf(*changes);
+}
+
+json opDestroy(const json &request) {
+    mgmtArgsOnly(request, {"acl"});
+    const uint32_t aclNum = aclOf(request);
+    const auto changes = aclStore().destroy(aclNum);
+    if (!changes) {
+        throw std::runtime_error(aclName(aclNum) + " does not exist");
+    }
+    return answerOf(*changes);
+}
+
+json opReplace(const json &request) {
+    mgmtArgsOnly(request, {"acl", "rules"});
+    const uint32_t aclNum = aclOf(request);
+    const AclRules rules = rulesOf(aclNum, mgmtArgObject(request, "rules"));
+    return answerOf(aclStore().replace({{aclNum, rules}}, false));
+}
+
+json opReplaceAll(const json &request) {
+    mgmtArgsOnly(request, {"acls", "keepOthers"});
+    const bool others = !mgmtArgFlag(request, "keepOthers", false);
+    return answerOf(aclStore().replace(contentsOf(mgmtArgObject(request, "acls")), others));
+}
+
+// Changes nothing: refuses as replaceAll would, or answers the canonical texts.
+json opCheck(const json &request) {
+    mgmtArgsOnly(request, {"acls"});
+    json answer = {{"acls", json::object()}};
+    for (const auto &[aclNum, rules] : contentsOf(mgmtArgObject(request, "acls"))) {
+        json &texts = answer["acls"][std::to_string(aclNum)] = json::object();
+        for (const auto &[ruleNum, rule] : rules) {
+            texts[std::to_string(ruleNum)] = aclRuleFormat(aclNum, rule);
+        }
+    }
+    return answer;
+}
+
+json rowShow(const AclRow &row) {
+    json rules = json::array();
+    for (const auto &[ruleNum, rule] : *row.rules) {
+        rules.push_back({{"rule", ruleNum}, {"text", aclRuleFormat(row.aclNum, rule)}});
+    }
+    return {{"acl", row.aclNum}, {"users", row.users}, {"rules", std::move(rules)}};
+}
+
+json opShow(const json &request) {
+    mgmtArgsOnly(request, {"acl"});
+    const uint32_t wanted = mgmtArgNumber(request, "acl", 1, NUMBER_MAX, 0);
+    json shown = json::array();
+    for (const AclRow &row : aclStore().rows()) {
+        if (wanted == 0 || row.aclNum == wanted) {
+            shown.push_back(rowShow(row));
+        }
+    }
+    if (wanted != 0 && shown.empty()) {
+        throw std::runtime_error(aclName(wanted) + " does not exist");
+    }
+    return {{"acls", std::move(shown)}};
+}
+
+} // namespace
+
+void aclMgmtRegister() {
+    mgmtRegister("acl.create", true, opCreate);
+    mgmtRegister("acl.set", true, opSet);
+    mgmtRegister("acl.del", true, opDel);
+    mgmtRegister("acl.destroy", true, opDestroy);
+    mgmtRegister("acl.replace", true, opReplace);
+    mgmtRegister("acl.replaceAll", true, opReplaceAll);
+    mgmtRegister("acl.check", false, opCheck);
+    mgmtRegister("acl.show", false, opShow);
+}
+
+} // namespace host

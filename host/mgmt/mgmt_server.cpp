@@ -1,0 +1,447 @@
+// See mgmt_server.h.
+#include "host/mgmt/mgmt_server.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <future>
+#include <map>
+#include <string_view>
+#include <utility>
+
+#include "host/logging/host_log.h"
+#include "host/mgmt/mgmt_request.h"
+
+namespace host {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t READ_BYTES = 65536;
+constexpr int LINES_A_TURN = 16; // then other clients have theirs
+constexpr std::chrono::milliseconds ACCEPT_PAUSE{100};
+
+struct Connection {
+    int fd = -1; // -1: closed
+    MgmtRights rights;
+    std::string in;     // bytes received; at most one line limit and one read are not yet taken
+    size_t begin = 0;   // of `in`: bytes taken
+    size_t scanned = 0; // of `in`: no line end before this
+    std::string out; // bytes of answers not yet sent
+    size_t sent = 0; // of `out`
+    bool underWay = false;  // a request has no answer yet
+    bool calling = false;   // its operation is being called: what follows is left to the caller
+    bool atEnd = false;     // no more input; close when everything is sent
+    bool turnPosted = false;
+    bool timed = false;     // `stall` runs
+    EventLoop::TimerId stall = 0;
+    int watched = -1; // epoll events asked for, -1: not watched
+};
+using ConnectionPtr = std::shared_ptr<Connection>;
+
+json failure(const std::string &text) {
+    return {{"ok", false}, {"error", text}};
+}
+
+std::string systemText(const std::string &what) {
+    return what + ": " + std::strerror(errno);
+}
+
+// Bytes of names may be anything: what is not UTF-8 is written as the replacement character.
+std::string lineOf(const json &answer) {
+    return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+bool addressOf(const std::string &path, sockaddr_un &address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+// Makes room for the socket file. Result: empty, or why the path cannot be used.
+std::string clearPath(const std::string &path, const sockaddr_un &address) {
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0) {
+        return errno == ENOENT ? "" : systemText(path);
+    }
+    if (!S_ISSOCK(info.st_mode)) {
+        return path + " exists and is no socket: remove it, or choose another folder with option host.root";
+    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool served = fd >= 0 && (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+                                    errno == EAGAIN);
+    close(fd);
+    if (served) {
+        return path + " is served by another process: stop it, or use another folder with option host.root";
+    }
+    return unlink(path.c_str()) == 0 ? "" : systemText("cannot remove " + path);
+}
+
+} // namespace
+
+// The state behind the server; callbacks hold it weakly, so that none outlives stop().
+struct MgmtServer::Core : std::enable_shared_from_this<Core> {
+    Core(EventLoop &eventLoop, MgmtLimits theLimits, MgmtDispatch theDispatch)
+        : loop(eventLoop), limits(theLimits), dispatch(std::move(theDispatch)) {}
+
+    EventLoop &loop;
+    const MgmtLimits limits;
+    const MgmtDispatch dispatch;
+    MgmtAccess access;
+    std::string path;
+    int listener = -1;
+    std::map<int, ConnectionPtr> connections; // by descriptor
+
+    std::string open(const std::string &where, const MgmtAccess &who);
+    void listenOn();
+    void acceptAll();
+    void admit(int fd);
+    void ready(const ConnectionPtr &c, uint32_t events);
+    void readSome(const ConnectionPtr &c);
+    void takeLines(const ConnectionPtr &c);
+    bool takeLine(const ConnectionPtr &c);
+    void request(const ConnectionPtr &c, std::string_view line);
+    void answer(const ConnectionPtr &c, const json &value);
+    void refuseAndEnd(const ConnectionPtr &c, const std::string &why);
+    void flush(const ConnectionPtr &c);
+    void settle(const ConnectionPtr &c);
+    void watch(const ConnectionPtr &c, int events);
+    void timeOut(const ConnectionPtr &c, bool wanted);
+    void shut(const ConnectionPtr &c);
+    void shutAll();
+};
+
+std::string MgmtServer::Core::open(const std::string &where, const MgmtAccess &who) {
+    path = where;
+    access = who;
+    sockaddr_un address;
+    if (!addressOf(path, address)) {
+        return "the path of the management socket is too long (at most 107 bytes): " + path;
+    }
+    const std::string blocked = clearPath(path, address);
+    if (!blocked.empty()) {
+        return blocked;
+    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return systemText("socket");
+    }
+    std::string error;
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        error = systemText("cannot make " + path);
+    } else if (access.group && chown(path.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
+        error = systemText("cannot give " + path + " to group " + access.groupName);
+    } else if (chmod(path.c_str(), access.readOthers ? 0666 : 0660) != 0 || listen(fd, SOMAXCONN) != 0) {
+        error = systemText("cannot serve " + path);
+    }
+    if (!error.empty()) {
+        close(fd);
+        return error;
+    }
+    listener = fd;
+    listenOn();
+    return "";
+}
+
+void MgmtServer::Core::listenOn() {
+    loop.fdAdd(listener, EPOLLIN, [weak = weak_from_this()](uint32_t) {
+        if (const auto core = weak.lock()) {
+            core->acceptAll();
+        }
+    });
+}
+
+void MgmtServer::Core::acceptAll() {
+    while (listener >= 0) {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0) {
+            admit(fd);
+        } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            // The waiting client would wake us for ever: look again in a moment.
+            hostLog(LOG_LEVEL_WARNING, "mgmt", "cannot accept a client: %s", std::strerror(errno));
+            loop.fdDel(listener);
+            loop.timerStart(ACCEPT_PAUSE, [weak = weak_from_this()] {
+                const auto core = weak.lock();
+                if (core != nullptr && core->listener >= 0) {
+                    core->listenOn();
+                }
+            });
+            return;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            return;
+        }
+    }
+}
+
+void MgmtServer::Core::admit(int fd) {
+    auto c = std::make_shared<Connection>();
+    c->fd = fd;
+    connections[fd] = c;
+    if (const auto peer = mgmtPeer(fd)) {
+        c->rights = mgmtRights(*peer, access);
+    } else {
+        c->rights.refusal = "not permitted: the kernel does not tell who is asking";
+    }
+    size_t readers = 0;
+    for (const auto &[other, connection] : connections) {
+        readers += connection->rights.write ? 0 : 1;
+    }
+    if (!c->rights.read) {
+        refuseAndEnd(c, c->rights.refusal);
+    } else if (connections.size() > limits.clients || (!c->rights.write && readers > limits.readers)) {
+        refuseAndEnd(c, "too many clients: at most " + std::to_string(limits.clients) + ", of which " +
+                            std::to_string(limits.readers) + " that may only read");
+    } else {
+        settle(c);
+    }
+}
+
+void MgmtServer::Core::ready(const ConnectionPtr &c, uint32_t events) {
+    if (c->fd < 0) {
+        return;
+    }
+    if ((events & EPOLLERR) != 0 || ((events & EPOLLHUP) != 0 && (events & EPOLLIN) == 0)) {
+        shut(c);
+        return;
+    }
+    if ((events & EPOLLOUT) != 0) {
+        flush(c);
+    }
+    if (c->fd >= 0 && (events & EPOLLIN) != 0) {
+        readSome(c);
+    }
+    if (c->fd >= 0) {
+        takeLines(c);
+    }
+}
+
+void MgmtServer::Core::readSome(const ConnectionPtr &c) {
+    c->in.erase(0, c->begin);
+    c->scanned -= c->begin;
+    c->begin = 0;
+    const size_t had = c->in.size();
+    c->in.resize(had + READ_BYTES);
+    const ssize_t got = recv(c->fd, c->in.data() + had, READ_BYTES, MSG_DONTWAIT);
+    c->in.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    if (got == 0) {
+        c->atEnd = true;
+    } else if (got < 0 && errno != EAGAIN && errno != EINTR) {
+        shut(c);
+    }
+}
+
+// Takes the lines that are complete, a few a turn.
+void MgmtServer::Core::takeLines(const ConnectionPtr &c) {
+    int taken = 0;
+    while (taken < LINES_A_TURN && takeLine(c)) {
+        taken++;
+    }
+    if (taken == LINES_A_TURN && !c->turnPosted) {
+        c->turnPosted = true;
+        loop.post([weak = weak_from_this(), c] {
+            c->turnPosted = false;
+            const auto core = weak.lock();
+            if (core != nullptr && c->fd >= 0) {
+                core->takeLines(c);
+            }
+        });
+    }
+    settle(c);
+}
+
+// Result: whether a line was taken and another may follow.
+bool MgmtServer::Core::takeLine(const ConnectionPtr &c) {
+    if (c->fd < 0 || c->underWay || !c->out.empty()) {
+        return false;
+    }
+    const size_t end = c->in.find('\n', c->scanned);
+    if (std::min(end, c->in.size()) - c->begin > limits.lineBytes) {
+        refuseAndEnd(c, "the line is longer than " + std::to_string(limits.lineBytes) + " bytes");
+        return false;
+    }
+    if (end == std::string::npos) {
+        c->scanned = c->in.size();
+        return false;
+    }
+    const std::string line = c->in.substr(c->begin, end - c->begin);
+    c->begin = end + 1;
+    c->scanned = end + 1;
+    request(c, line);
+    return true;
+}
+
+void MgmtServer::Core::request(const ConnectionPtr &c, std::string_view line) {
+    std::string error;
+    const auto parsed = mgmtRequestParse(line, &error);
+    if (!parsed) {
+        refuseAndEnd(c, error);
+        return;
+    }
+    c->underWay = true;
+    c->calling = true;
+    dispatch(*parsed, c->rights, [weak = weak_from_this(), c](const json &value) {
+        const auto core = weak.lock();
+        if (core == nullptr || c->fd < 0 || !c->underWay) {
+            return; // the client has gone meanwhile
+        }
+        c->underWay = false;
+        core->answer(c, value);
+        if (!c->calling) {
+            core->takeLines(c);
+        }
+    });
+    c->calling = false;
+}
+
+void MgmtServer::Core::answer(const ConnectionPtr &c, const json &value) {
+    c->out += lineOf(value);
+    flush(c);
+}
+
+void MgmtServer::Core::refuseAndEnd(const ConnectionPtr &c, const std::string &why) {
+    c->in.clear();
+    c->begin = 0;
+    c->scanned = 0;
+    c->atEnd = true;
+    answer(c, failure(why));
+    if (c->fd >= 0) {
+        settle(c);
+    }
+}
+
+void MgmtServer::Core::flush(const ConnectionPtr &c) {
+    while (c->sent < c->out.size()) {
+        const ssize_t n = send(c->fd, c->out.data() + c->sent, c->out.size() - c->sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && errno != EAGAIN) {
+            shut(c);
+            return;
+        }
+        if (n < 0) {
+            return;
+        }
+        c->sent += static_cast<size_t>(n);
+        timeOut(c, false); // it goes on: the time counts anew
+    }
+    c->out.clear();
+    c->sent = 0;
+}
+
+// Watches for what the connection waits for now, and ends it when there is nothing left.
+void MgmtServer::Core::settle(const ConnectionPtr &c) {
+    if (c->fd < 0) {
+        return;
+    }
+    const bool hasLine = c->in.find('\n', c->scanned) != std::string::npos;
+    if (c->atEnd && !c->underWay && c->out.empty() && !hasLine) {
+        shut(c);
+        return;
+    }
+    // While a request is under way or lines wait for their turn, the client's bytes wait too.
+    const bool isReading = c->out.empty() && !c->underWay && !hasLine && !c->atEnd;
+    const int events = isReading ? static_cast<int>(EPOLLIN) : 0;
+    watch(c, c->out.empty() ? events : static_cast<int>(EPOLLOUT));
+    timeOut(c, !c->out.empty() || (isReading && c->begin < c->in.size()));
+}
+
+void MgmtServer::Core::watch(const ConnectionPtr &c, int events) {
+    if (c->watched == events) {
+        return;
+    }
+    if (c->watched >= 0) {
+        loop.fdDel(c->fd);
+    }
+    c->watched = events;
+    loop.fdAdd(c->fd, static_cast<uint32_t>(events), [weak = weak_from_this(), c](uint32_t got) {
+        // Copies first: watching anew destroys this function object.
+        const auto core = weak.lock();
+        const ConnectionPtr held = c;
+        if (core != nullptr) {
+            core->ready(held, got);
+        }
+    });
+}
+
+void MgmtServer::Core::timeOut(const ConnectionPtr &c, bool wanted) {
+    if (wanted == c->timed) {
+        return;
+    }
+    c->timed = wanted;
+    if (!wanted) {
+        loop.timerStop(c->stall);
+        return;
+    }
+    c->stall = loop.timerStart(limits.stall, [weak = weak_from_this(), c] {
+        const auto core = weak.lock();
+        if (core == nullptr || c->fd < 0) {
+            return;
+        }
+        c->timed = false;
+        if (c->out.empty()) {
+            core->refuseAndEnd(c, "the line was not finished in time");
+        } else {
+            core->shut(c);
+        }
+    });
+}
+
+void MgmtServer::Core::shut(const ConnectionPtr &c) {
+    if (c->fd < 0) {
+        return;
+    }
+    timeOut(c, false);
+    if (c->watched >= 0) {
+        loop.fdDel(c->fd);
+    }
+    connections.erase(c->fd);
+    close(c->fd);
+    c->fd = -1;
+}
+
+void MgmtServer::Core::shutAll() {
+    while (!connections.empty()) {
+        shut(ConnectionPtr(connections.begin()->second));
+    }
+    if (listener >= 0) {
+        loop.fdDel(listener);
+        close(listener);
+        unlink(path.c_str());
+        listener = -1;
+    }
+}
+
+MgmtServer::MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch)
+    : pCore(std::make_shared<Core>(loop, limits, std::move(dispatch))) {}
+
+MgmtServer::~MgmtServer() {
+    stop();
+}
+
+std::string MgmtServer::start(const std::string &path, const MgmtAccess &access) {
+    return pCore->open(path, access);
+}
+
+void MgmtServer::stop() {
+    std::promise<void> done;
+    pCore->loop.post([core = pCore, &done] {
+        core->shutAll();
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
+} // namespace host
