@@ -1,0 +1,182 @@
+// Listening Unix sockets of the host.
+#include "host/process/unix_listen.h"
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "host/process/peer_rights.h"
+
+namespace host {
+namespace {
+
+struct SocketFile {
+    std::string path;
+    dev_t device;
+    ino_t inode;
+};
+
+struct Files {
+    std::mutex lock;
+    std::vector<SocketFile> made;
+    // Given up for a moment to accept and hang up when the process has no descriptor left.
+    int spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+};
+
+Files &files() {
+    static Files *pFiles = new Files; // never destroyed: used until the process ends
+    return *pFiles;
+}
+
+std::string failed(const std::string &what) {
+    return what + ": " + strerror(errno);
+}
+
+bool addressMake(const std::string &path, sockaddr_un &address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        return false;
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+// Whether somebody serves the socket file. One whose waiting room is full is served as well.
+bool isServed(const sockaddr_un &address, int type) {
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return true; // unknown: rather refuse
+    }
+    const int result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+    const bool isDead = result != 0 && (errno == ECONNREFUSED || errno == ENOENT);
+    close(fd);
+    return !isDead;
+}
+
+// Makes room for the socket file. Result: empty, or why the path cannot be used.
+std::string placeClear(const std::string &path, const sockaddr_un &address, int type) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        return errno == ENOENT ? "" : failed(path);
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        return path + " exists and is no socket: remove it, or name another folder with host.root";
+    }
+    if (isServed(address, type)) {
+        return path + " is served by another process: stop it, or name another folder with host.root";
+    }
+    return unlink(path.c_str()) == 0 ? "" : failed("cannot remove " + path);
+}
+
+// Gives the file its owner and mode. The mode is set before bind as well, so that the file is never open
+// to more than it will be.
+std::string bindGuarded(int fd, const sockaddr_un &address, const PeerPolicy &policy) {
+    const mode_t mode = policy.areOthersReading ? 0666 : 0660;
+    const char *pPath = address.sun_path;
+    if (fchmod(fd, mode) != 0 && errno != EINVAL) {
+        return failed("cannot guard " + std::string(pPath));
+    }
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        return failed("cannot make " + std::string(pPath));
+    }
+    if (policy.group && chown(pPath, static_cast<uid_t>(-1), *policy.group) != 0) {
+        return failed("cannot give " + std::string(pPath) + " to the group of host.group");
+    }
+    if (chmod(pPath, mode) != 0 || listen(fd, SOMAXCONN) != 0) {
+        return failed("cannot serve " + std::string(pPath));
+    }
+    return "";
+}
+
+void remember(const std::string &path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0) {
+        Files &all = files();
+        const std::lock_guard<std::mutex> guard(all.lock);
+        all.made.push_back({path, status.st_dev, status.st_ino});
+    }
+}
+
+} // namespace
+
+std::string unixListen(const std::string &path, int type, int *pFd) {
+    sockaddr_un address{};
+    if (!addressMake(path, address)) {
+        return path + " is too long for a socket: " + std::to_string(sizeof(address.sun_path) - 1) +
+               " bytes at most";
+    }
+    std::string error;
+    const std::optional<PeerPolicy> policy = peerPolicy(&error);
+    if (!policy) {
+        return error;
+    }
+    error = placeClear(path, address, type);
+    if (!error.empty()) {
+        return error;
+    }
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return failed("cannot make a socket for " + path);
+    }
+    error = bindGuarded(fd, address, *policy);
+    if (!error.empty()) {
+        close(fd);
+        return error;
+    }
+    remember(path);
+    *pFd = fd;
+    return "";
+}
+
+int unixAccept(int listener) {
+    for (;;) {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0) {
+            return fd;
+        }
+        if (errno == EINTR || errno == ECONNABORTED) {
+            continue;
+        }
+        if (errno != EMFILE && errno != ENFILE) {
+            return -1;
+        }
+        Files &all = files();
+        const std::lock_guard<std::mutex> guard(all.lock);
+        if (all.spareFd < 0) {
+            return -1;
+        }
+        close(all.spareFd);
+        const int unwanted = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (unwanted >= 0) {
+            close(unwanted);
+        }
+        all.spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (unwanted < 0) {
+            return -1;
+        }
+    }
+}
+
+void filesRemove() {
+    Files &all = files();
+    const std::lock_guard<std::mutex> guard(all.lock);
+    for (const SocketFile &file : all.made) {
+        struct stat status {};
+        if (lstat(file.path.c_str(), &status) == 0 && status.st_dev == file.device &&
+            status.st_ino == file.inode) {
+            (void)unlink(file.path.c_str()); // at the end of the process nobody is left to tell
+        }
+    }
+    all.made.clear();
+}
+
+} // namespace host

@@ -1,0 +1,26 @@
+// Listening Unix sockets of the host: how their files come into being and go away.
+#ifndef HOST_PROCESS_UNIX_LISTEN_H
+#define HOST_PROCESS_UNIX_LISTEN_H
+
+#include <string>
+
+namespace host {
+
+// Makes a non-blocking listening socket of `type` (SOCK_STREAM, SOCK_SEQPACKET) at `path`, an absolute
+// path whose folder exists. A socket file that nobody serves any more is replaced; a file of another kind
+// and the socket of a live server are left alone and are an error. The file's mode is 0660, of the group
+// of option host.group when one is named, or 0666 when others may read (credentials then decide who may
+// write). The file is removed at an orderly end of the process (filesRemove).
+// Result: empty and *pFd, or why not. Lock: none
+std::string unixListen(const std::string &path, int type, int *pFd);
+
+// Accepts a client, non-blocking. Result: its descriptor, or -1: none waits. A client that finds no free
+// descriptor is hung up on, so that the listener does not stay ready for ever. Lock: none
+int unixAccept(int listener);
+
+// Removes the socket files that this process made, unless another took their place. Lock: none
+void filesRemove();
+
+} // namespace host
+
+#endif
