@@ -83,7 +83,16 @@ public:
     virtual nlohmann::json show() = 0;
 };
 
-// The device that option host.device names; made and started by the first call.
+// Makers, one a kind; the device is not started. Lock: none
+std::unique_ptr<Device> kernelDeviceMake(); // host/device/kernel
+std::unique_ptr<Device> memoryDeviceMake(); // host/device/memory; registers "device.fail"
+
+// Makes the device that option host.device names and starts it, once. Result: empty, or why it cannot
+// be used (the same text again at later calls). Any thread. Lock: none
+std::string hostDeviceStart();
+
+// That device; made and started by the first call of this function or of hostDeviceStart. It lives as
+// long as the process.
 Device &hostDevice();
 
 } // namespace host

@@ -9,6 +9,7 @@
 #include "host/device/memory/memory_record.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
+#include "host/option/option.h"
 
 namespace host {
 
@@ -179,6 +180,12 @@ void memoryDeviceMgmtRegister(MemoryDevice &device) {
         device.faultAdd(fault);
         return json::object();
     });
+}
+
+std::unique_ptr<Device> memoryDeviceMake() {
+    auto pDevice = std::make_unique<MemoryDevice>(optionNumber("host.memory-capacity"));
+    memoryDeviceMgmtRegister(*pDevice); // the process keeps its device for good
+    return pDevice;
 }
 
 } // namespace host

@@ -1,0 +1,61 @@
+// The process's forwarding plane: chosen by option host.device, told when the daemon's store changed.
+
+#include "host/device/device.h"
+#include "host/logging/host_log.h"
+#include "host/option/option.h"
+#include "platform/dev_sync.h"
+
+namespace host {
+
+namespace {
+
+struct Chosen {
+    std::unique_ptr<Device> pDevice;
+    std::string error; // of start
+};
+
+std::unique_ptr<Device> make(const std::string &kind) {
+    if (kind == "kernel") {
+        return kernelDeviceMake();
+    }
+    return memoryDeviceMake(); // also for an unknown kind: it touches nothing
+}
+
+Chosen choose() {
+    const std::string kind = optionGet("host.device").value_or("kernel");
+    Chosen chosen{make(kind), ""};
+    if (kind != "kernel" && kind != "memory") {
+        chosen.error = "option host.device=" + kind + ": it must be kernel or memory";
+    } else {
+        chosen.error = chosen.pDevice->start();
+    }
+    if (!chosen.error.empty()) {
+        hostLog(LOG_LEVEL_ERROR, "device", "%s", chosen.error.c_str());
+    }
+    return chosen;
+}
+
+const Chosen &chosenDevice() {
+    // Never destroyed: the daemon's tasks may still call while the process ends.
+    static const Chosen *pChosen = new Chosen(choose());
+    return *pChosen;
+}
+
+} // namespace
+
+std::string hostDeviceStart() {
+    return chosenDevice().error;
+}
+
+Device &hostDevice() {
+    return *chosenDevice().pDevice;
+}
+
+} // namespace host
+
+extern "C" void devSyncStore(void) {
+    // The daemon says this at every unlock; most of the time nothing was marked.
+    if (pbrRedirectViewChanged() != 0) {
+        host::hostDevice().storeChanged();
+    }
+}
