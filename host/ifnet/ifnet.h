@@ -1,4 +1,9 @@
 // Interfaces of the kernel: units are kernel interface indexes, names are the kernel's.
+//
+// Kept by a dump and the kernel's link notifications on the event thread; answers the daemon's interface
+// layer (platform/qrv_if.h) and the host's services. When notifications were lost the links are read
+// anew and the differences reported. Link messages for the daemon (types 32 and 34) will be published
+// from the same place that calls ifnetOnChange (ifnet_links.cpp, report).
 #ifndef HOST_IFNET_IFNET_H
 #define HOST_IFNET_IFNET_H
 
@@ -14,21 +19,36 @@ struct IfnetLink {
     uint32_t unit = 0;   // kernel interface index
     std::string name;
     bool up = false;     // administratively up and with carrier
+    bool hasNeighbours = true; // false: no address resolution on it (point-to-point, loopback, NOARP)
     bool operator==(const IfnetLink &) const = default;
 };
 
 std::optional<IfnetLink> ifnetByUnit(uint32_t unit);           // any thread
 std::optional<IfnetLink> ifnetByName(const std::string &name); // any thread
-std::vector<IfnetLink> ifnetAll();                             // any thread
+std::vector<IfnetLink> ifnetAll();                             // any thread; ascending units
 
 // The name of a unit; "if" and the number for one that does not exist.
 std::string ifnetName(uint32_t unit);
 
 // Calls `changed(link)` on the event thread when a link comes, changes (name, up) or goes (up = false, name kept).
+// Any thread. Lock: none
 void ifnetOnChange(std::function<void(const IfnetLink &)> changed);
 
 // Starts following the kernel's link messages and reads the present links. Result: empty, or why not.
 std::string ifnetStart();
+
+// What the daemon asked of the interface layer. Any thread. Lock: none
+struct IfnetCounters {
+    uint64_t protocolEnables = 0;  // accepted
+    uint64_t protocolDisables = 0; // accepted
+    uint64_t ruleRecords = 0;      // device rule records accepted (and not kept)
+    uint64_t refused = 0;          // calls answered with failure
+    uint64_t resyncs = 0;          // links read anew because notifications were lost
+};
+IfnetCounters ifnetCounters();
+
+// Protocols that the daemon switched on at a unit, ascending. Any thread. Lock: none
+std::vector<uint32_t> ifnetProtocols(uint32_t unit);
 
 } // namespace host
 
