@@ -1,6 +1,7 @@
 // Listening Unix sockets of the host.
 #include "host/process/unix_listen.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -106,6 +107,15 @@ void remember(const std::string &path) {
     }
 }
 
+// Removes the file unless another took its place.
+void fileRemove(const SocketFile &file) {
+    struct stat status {};
+    if (lstat(file.path.c_str(), &status) == 0 && status.st_dev == file.device &&
+        status.st_ino == file.inode) {
+        (void)unlink(file.path.c_str()); // what stays is found stale by the next start
+    }
+}
+
 } // namespace
 
 std::string unixListen(const std::string &path, int type, int *pFd) {
@@ -135,6 +145,18 @@ std::string unixListen(const std::string &path, int type, int *pFd) {
     remember(path);
     *pFd = fd;
     return "";
+}
+
+void unixUnlisten(const std::string &path, int fd) {
+    close(fd);
+    Files &all = files();
+    const std::lock_guard<std::mutex> guard(all.lock);
+    for (const SocketFile &file : all.made) {
+        if (file.path == path) {
+            fileRemove(file);
+        }
+    }
+    std::erase_if(all.made, [&](const SocketFile &file) { return file.path == path; });
 }
 
 int unixAccept(int listener) {
@@ -169,13 +191,7 @@ int unixAccept(int listener) {
 void filesRemove() {
     Files &all = files();
     const std::lock_guard<std::mutex> guard(all.lock);
-    for (const SocketFile &file : all.made) {
-        struct stat status {};
-        if (lstat(file.path.c_str(), &status) == 0 && status.st_dev == file.device &&
-            status.st_ino == file.inode) {
-            (void)unlink(file.path.c_str()); // at the end of the process nobody is left to tell
-        }
-    }
+    std::for_each(all.made.begin(), all.made.end(), fileRemove);
     all.made.clear();
 }
 
