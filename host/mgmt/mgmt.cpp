@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/logging/host_log.h"
 #include "host/mgmt/mgmt_server.h"
 #include "host/option/option.h"
 
@@ -61,11 +60,11 @@ Operation operationOf(const json &request) {
                              known);
 }
 
-void dispatch(const json &request, const MgmtRights &rights, MgmtDone done) {
+void dispatch(const json &request, PeerRight right, MgmtDone done) {
     try {
         const Operation operation = operationOf(request);
-        if (operation.writes ? !rights.write : !rights.read) {
-            throw std::runtime_error(rights.refusal);
+        if (right == PeerRight::None || (operation.writes && right != PeerRight::Write)) {
+            throw std::runtime_error(mgmtRefusal());
         }
         operation.handler(request, done);
     } catch (const std::exception &refusal) {
@@ -90,14 +89,9 @@ void mgmtRegister(const std::string &op, bool writes, MgmtHandler handler) {
 }
 
 std::string mgmtStart() {
-    std::string error;
-    const auto access = mgmtAccess(&error);
-    if (!access) {
-        return error;
-    }
     // Serves until the process ends.
     static MgmtServer *pServer = new MgmtServer(hostEventLoop(), MgmtLimits{}, dispatch);
-    return pServer->start(optionPath(SOCKET_PATH), *access);
+    return pServer->start(optionPath(SOCKET_PATH));
 }
 
 } // namespace host

@@ -1,23 +1,19 @@
 // See mgmt_server.h.
 #include "host/mgmt/mgmt_server.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <future>
 #include <map>
 #include <string_view>
 #include <utility>
 
-#include "host/logging/host_log.h"
 #include "host/mgmt/mgmt_request.h"
+#include "host/process/unix_listen.h"
 
 namespace host {
 
@@ -27,11 +23,10 @@ using nlohmann::json;
 
 constexpr size_t READ_BYTES = 65536;
 constexpr int LINES_A_TURN = 16; // then other clients have theirs
-constexpr std::chrono::milliseconds ACCEPT_PAUSE{100};
 
 struct Connection {
     int fd = -1; // -1: closed
-    MgmtRights rights;
+    PeerRight right = PeerRight::None;
     std::string in;     // bytes received; at most one line limit and one read are not yet taken
     size_t begin = 0;   // of `in`: bytes taken
     size_t scanned = 0; // of `in`: no line end before this
@@ -51,61 +46,28 @@ json failure(const std::string &text) {
     return {{"ok", false}, {"error", text}};
 }
 
-std::string systemText(const std::string &what) {
-    return what + ": " + std::strerror(errno);
-}
-
 // Bytes of names may be anything: what is not UTF-8 is written as the replacement character.
 std::string lineOf(const json &answer) {
     return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-}
-
-bool addressOf(const std::string &path, sockaddr_un &address) {
-    address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        return false;
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return true;
-}
-
-// Makes room for the socket file. Result: empty, or why the path cannot be used.
-std::string clearPath(const std::string &path, const sockaddr_un &address) {
-    struct stat info {};
-    if (lstat(path.c_str(), &info) != 0) {
-        return errno == ENOENT ? "" : systemText(path);
-    }
-    if (!S_ISSOCK(info.st_mode)) {
-        return path + " exists and is no socket: remove it, or choose another folder with option host.root";
-    }
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const bool served = fd >= 0 && (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
-                                    errno == EAGAIN);
-    close(fd);
-    if (served) {
-        return path + " is served by another process: stop it, or use another folder with option host.root";
-    }
-    return unlink(path.c_str()) == 0 ? "" : systemText("cannot remove " + path);
 }
 
 } // namespace
 
 // The state behind the server; callbacks hold it weakly, so that none outlives stop().
 struct MgmtServer::Core : std::enable_shared_from_this<Core> {
-    Core(EventLoop &eventLoop, MgmtLimits theLimits, MgmtDispatch theDispatch)
-        : loop(eventLoop), limits(theLimits), dispatch(std::move(theDispatch)) {}
+    Core(EventLoop &eventLoop, MgmtLimits theLimits, MgmtDispatch theDispatch,
+         std::function<PeerRight(int)> theRightOf)
+        : loop(eventLoop), limits(theLimits), dispatch(std::move(theDispatch)), rightOf(std::move(theRightOf)) {}
 
     EventLoop &loop;
     const MgmtLimits limits;
     const MgmtDispatch dispatch;
-    MgmtAccess access;
+    const std::function<PeerRight(int)> rightOf;
     std::string path;
     int listener = -1;
     std::map<int, ConnectionPtr> connections; // by descriptor
 
-    std::string open(const std::string &where, const MgmtAccess &who);
-    void listenOn();
+    std::string open(const std::string &where);
     void acceptAll();
     void admit(int fd);
     void ready(const ConnectionPtr &c, uint32_t events);
@@ -123,84 +85,39 @@ struct MgmtServer::Core : std::enable_shared_from_this<Core> {
     void shutAll();
 };
 
-std::string MgmtServer::Core::open(const std::string &where, const MgmtAccess &who) {
+std::string MgmtServer::Core::open(const std::string &where) {
     path = where;
-    access = who;
-    sockaddr_un address;
-    if (!addressOf(path, address)) {
-        return "the path of the management socket is too long (at most 107 bytes): " + path;
-    }
-    const std::string blocked = clearPath(path, address);
-    if (!blocked.empty()) {
-        return blocked;
-    }
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        return systemText("socket");
-    }
-    std::string error;
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        error = systemText("cannot make " + path);
-    } else if (access.group && chown(path.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
-        error = systemText("cannot give " + path + " to group " + access.groupName);
-    } else if (chmod(path.c_str(), access.readOthers ? 0666 : 0660) != 0 || listen(fd, SOMAXCONN) != 0) {
-        error = systemText("cannot serve " + path);
-    }
+    const std::string error = unixListen(path, SOCK_STREAM, &listener);
     if (!error.empty()) {
-        close(fd);
         return error;
     }
-    listener = fd;
-    listenOn();
-    return "";
-}
-
-void MgmtServer::Core::listenOn() {
     loop.fdAdd(listener, EPOLLIN, [weak = weak_from_this()](uint32_t) {
         if (const auto core = weak.lock()) {
             core->acceptAll();
         }
     });
+    return "";
 }
 
 void MgmtServer::Core::acceptAll() {
-    while (listener >= 0) {
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd >= 0) {
-            admit(fd);
-        } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            // The waiting client would wake us for ever: look again in a moment.
-            hostLog(LOG_LEVEL_WARNING, "mgmt", "cannot accept a client: %s", std::strerror(errno));
-            loop.fdDel(listener);
-            loop.timerStart(ACCEPT_PAUSE, [weak = weak_from_this()] {
-                const auto core = weak.lock();
-                if (core != nullptr && core->listener >= 0) {
-                    core->listenOn();
-                }
-            });
-            return;
-        } else if (errno != EINTR && errno != ECONNABORTED) {
-            return;
-        }
+    for (int fd = unixAccept(listener); fd >= 0; fd = unixAccept(listener)) {
+        admit(fd);
     }
 }
 
 void MgmtServer::Core::admit(int fd) {
     auto c = std::make_shared<Connection>();
     c->fd = fd;
+    c->right = rightOf(fd);
     connections[fd] = c;
-    if (const auto peer = mgmtPeer(fd)) {
-        c->rights = mgmtRights(*peer, access);
-    } else {
-        c->rights.refusal = "not permitted: the kernel does not tell who is asking";
-    }
-    size_t readers = 0;
-    for (const auto &[other, connection] : connections) {
-        readers += connection->rights.write ? 0 : 1;
-    }
-    if (!c->rights.read) {
-        refuseAndEnd(c, c->rights.refusal);
-    } else if (connections.size() > limits.clients || (!c->rights.write && readers > limits.readers)) {
+    const auto readers = std::count_if(connections.begin(), connections.end(), [](const auto &entry) {
+        return entry.second->right != PeerRight::Write;
+    });
+    const bool isReader = c->right != PeerRight::Write;
+    if (c->right == PeerRight::None) {
+        refuseAndEnd(c, mgmtRefusal());
+    } else if (connections.size() > limits.clients ||
+               (isReader && static_cast<size_t>(readers) > limits.readers)) {
         refuseAndEnd(c, "too many clients: at most " + std::to_string(limits.clients) + ", of which " +
                             std::to_string(limits.readers) + " that may only read");
     } else {
@@ -291,7 +208,7 @@ void MgmtServer::Core::request(const ConnectionPtr &c, std::string_view line) {
     }
     c->underWay = true;
     c->calling = true;
-    dispatch(*parsed, c->rights, [weak = weak_from_this(), c](const json &value) {
+    dispatch(*parsed, c->right, [weak = weak_from_this(), c](const json &value) {
         const auto core = weak.lock();
         if (core == nullptr || c->fd < 0 || !c->underWay) {
             return; // the client has gone meanwhile
@@ -424,15 +341,21 @@ void MgmtServer::Core::shutAll() {
     }
 }
 
-MgmtServer::MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch)
-    : pCore(std::make_shared<Core>(loop, limits, std::move(dispatch))) {}
+std::string mgmtRefusal() {
+    return "not permitted: only root, the daemon's user and members of the group of option host.group may "
+           "write; others may read when option host.read-others is yes";
+}
+
+MgmtServer::MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch,
+                       std::function<PeerRight(int)> rightOf)
+    : pCore(std::make_shared<Core>(loop, limits, std::move(dispatch), std::move(rightOf))) {}
 
 MgmtServer::~MgmtServer() {
     stop();
 }
 
-std::string MgmtServer::start(const std::string &path, const MgmtAccess &access) {
-    return pCore->open(path, access);
+std::string MgmtServer::start(const std::string &path) {
+    return pCore->open(path);
 }
 
 void MgmtServer::stop() {

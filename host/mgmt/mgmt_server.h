@@ -18,7 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/event/event_loop.h"
-#include "host/mgmt/mgmt_peer.h"
+#include "host/process/peer_rights.h"
 
 namespace host {
 
@@ -29,20 +29,25 @@ struct MgmtLimits {
     std::chrono::milliseconds stall{30000};    // longest time for one line to come or an answer to go
 };
 
-// Carries out a request and calls `done` exactly once with the answer, "ok" included, on the event thread.
-using MgmtDispatch = std::function<void(const nlohmann::json &request, const MgmtRights &rights,
+// Carries out a request of a client with this right (Read or Write) and calls `done` exactly once with the
+// answer, "ok" included, on the event thread.
+using MgmtDispatch = std::function<void(const nlohmann::json &request, PeerRight right,
                                         std::function<void(nlohmann::json)> done)>;
+
+// The text for a client that lacks the right for what it asks. Lock: none
+std::string mgmtRefusal();
 
 class MgmtServer {
 public:
-    MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch);
+    // rightOf: the right of who connected a descriptor.
+    MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch,
+               std::function<PeerRight(int fd)> rightOf = peerRight);
     ~MgmtServer();
     MgmtServer(const MgmtServer &) = delete;
     MgmtServer &operator=(const MgmtServer &) = delete;
 
-    // Opens the socket at `path`, mode 0660 (0666 when others may read), its group that of the access. A
-    // socket file that nobody serves any more is replaced. Result: empty, or why not. Lock: none
-    std::string start(const std::string &path, const MgmtAccess &access);
+    // Opens the socket at `path` (unixListen). Result: empty, or why not. Lock: none
+    std::string start(const std::string &path);
 
     // Closes all connections and removes the socket file. Any thread but the event thread. Lock: none
     void stop();

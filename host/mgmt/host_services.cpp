@@ -1,0 +1,66 @@
+// Starts the services beside the daemon in their order. See host/process/host_services.h.
+#include "host/process/host_services.h"
+
+#include <functional>
+
+#include "host/acl/acl_mgmt.h"
+#include "host/device/device.h"
+#include "host/fib/fib.h"
+#include "host/hrd/hrd_service.h"
+#include "host/ifnet/ifnet.h"
+#include "host/logging/host_log.h"
+#include "host/mgmt/mgmt.h"
+#include "host/mgmt/service_ops.h"
+#include "host/nqa/nqa_service.h"
+#include "host/option/option.h"
+#include "host/timerange/timerange_service.h"
+
+namespace host {
+
+namespace {
+
+struct Step {
+    const char *name;                   // what it is, for the operator
+    std::function<std::string()> start; // empty, or why not
+    bool needsKernel;                   // may fail when nothing is forwarded
+    const char *advice;                 // what to do when it fails
+};
+
+void registerAll() {
+    aclMgmtRegister();
+    timerangeMgmtRegister();
+    nqaStart();
+    serviceOpsRegister();
+}
+
+} // namespace
+
+std::string hostServicesStart() {
+    constexpr const char *privileges = "run as root, or use --option host.device=memory";
+    const Step steps[] = {
+        {"interfaces", ifnetStart, true, privileges},
+        {"routing tables", fibStart, true, privileges},
+        {"next-hop detection", hrdStart, true, privileges},
+        {"forwarding plane", hostDeviceStart, false, privileges},
+        {"management socket", mgmtStart, false,
+         "stop what is in the way, or use another folder with --option host.root=DIR"},
+    };
+    const bool isMemory = optionGet("host.device") == "memory";
+    registerAll();
+    for (const Step &step : steps) {
+        const std::string error = step.start();
+        if (error.empty()) {
+            continue;
+        }
+        if (step.needsKernel && isMemory) {
+            hostLog(LOG_LEVEL_WARNING, "services", "%s: %s; going on without", step.name, error.c_str());
+            continue;
+        }
+        // A text that names an option says already what to do.
+        const bool isAdvised = error.find("host.") != std::string::npos;
+        return std::string(step.name) + ": " + error + (isAdvised ? "" : std::string(": ") + step.advice);
+    }
+    return "";
+}
+
+} // namespace host

@@ -1,0 +1,153 @@
+// See service_ops.h.
+#include "host/mgmt/service_ops.h"
+
+#include <unistd.h>
+
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "host/bus/bus.h"
+#include "host/device/desired/desired_show.h"
+#include "host/device/device.h"
+#include "host/hrd/hrd_service.h"
+#include "host/ifnet/ifnet.h"
+#include "host/mgmt/mgmt_args.h"
+#include "host/option/option.h"
+
+#ifndef POLICYROUTE_VERSION
+#define POLICYROUTE_VERSION "0.1.0"
+#endif
+
+namespace host {
+
+namespace {
+
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+json opVersion(const json &request) {
+    mgmtArgsOnly(request, {});
+    return {{"program", "policyrouted"},
+            {"version", POLICYROUTE_VERSION},
+            {"device", optionGet("host.device").value_or("kernel")},
+            {"pid", getpid()}};
+}
+
+json opInterfaces(const json &request) {
+    mgmtArgsOnly(request, {});
+    json shown = json::array();
+    for (const IfnetLink &link : ifnetAll()) {
+        shown.push_back({{"unit", link.unit}, {"name", link.name}, {"up", link.up}});
+    }
+    return {{"interfaces", std::move(shown)}};
+}
+
+const char *stateText(HrdState state) {
+    switch (state) {
+    case HrdState::Unknown:
+        return "unknown";
+    case HrdState::Up:
+        return "up";
+    case HrdState::Down:
+        return "down";
+    }
+    return "unknown";
+}
+
+json opPeers(const json &request) {
+    mgmtArgsOnly(request, {});
+    json shown = json::array();
+    for (const HrdPeer &peer : hrdPeers()) {
+        shown.push_back({{"vrf", peer.vrfid},
+                         {"version", peer.version},
+                         {"address", ipAddressText(peer.version == 6 ? 2 : 1, peer.address)},
+                         {"state", stateText(peer.state)},
+                         {"reason", peer.reason},
+                         {"interface", peer.interfaceName},
+                         {"lladdr", peer.lladdr},
+                         {"ups", peer.ups},
+                         {"downs", peer.downs}});
+    }
+    return {{"peers", std::move(shown)}};
+}
+
+json opCounters(const json &request) {
+    mgmtArgsOnly(request, {});
+    const BusCounters bus = busCounters();
+    const json device = hostDevice().show();
+    return {{"bus",
+             {{"published", bus.published},
+              {"delivered", bus.delivered},
+              {"lost", bus.lost},
+              {"waitingBytes", bus.waitingBytes}}},
+            {"device", device.value("counters", json::object())}};
+}
+
+json opDeviceShow(const json &request) {
+    mgmtArgsOnly(request, {});
+    return hostDevice().show();
+}
+
+json opDeviceFlush(const json &request) {
+    mgmtArgsOnly(request, {});
+    const std::string error = hostDevice().flush();
+    if (!error.empty()) {
+        throw std::runtime_error(error);
+    }
+    return json::object();
+}
+
+void opDeviceSettle(const json &request, const MgmtDone &done) {
+    mgmtArgsOnly(request, {});
+    // The daemon has read a report when none waits for it any more.
+    const auto isDetermined = [] { return !hrdUndetermined() && busCounters().waitingBytes == 0; };
+    settleWait(hostEventLoop(), isDetermined, [done](bool determined) {
+        const std::string error = hostDevice().settle();
+        if (!error.empty()) {
+            done({{"ok", false}, {"error", error}});
+            return;
+        }
+        done({{"ok", true}, {"determined", determined}});
+    });
+}
+
+// One wait: looks every step until it is answered.
+struct Wait : std::enable_shared_from_this<Wait> {
+    Wait(EventLoop &eventLoop, std::function<bool()> question, std::function<void(bool)> answer,
+         std::chrono::milliseconds longest)
+        : loop(eventLoop), isDetermined(std::move(question)), done(std::move(answer)), end(Clock::now() + longest) {}
+
+    void look() {
+        const bool determined = isDetermined();
+        if (determined || Clock::now() >= end) {
+            loop.timerStart(SETTLE_STEP, [self = shared_from_this(), determined] { self->done(determined); });
+            return;
+        }
+        loop.timerStart(SETTLE_STEP, [self = shared_from_this()] { self->look(); });
+    }
+
+    EventLoop &loop;
+    std::function<bool()> isDetermined;
+    std::function<void(bool)> done;
+    Clock::time_point end;
+};
+
+} // namespace
+
+void settleWait(EventLoop &loop, std::function<bool()> isDetermined, std::function<void(bool)> done,
+                std::chrono::milliseconds longest) {
+    std::make_shared<Wait>(loop, std::move(isDetermined), std::move(done), longest)->look();
+}
+
+void serviceOpsRegister() {
+    mgmtRegister("version", false, opVersion);
+    mgmtRegister("interfaces", false, opInterfaces);
+    mgmtRegister("peers", false, opPeers);
+    mgmtRegister("counters", false, opCounters);
+    mgmtRegister("device.show", false, opDeviceShow);
+    mgmtRegister("device.flush", true, opDeviceFlush);
+    mgmtRegisterAsync("device.settle", true, opDeviceSettle);
+}
+
+} // namespace host

@@ -1,0 +1,28 @@
+// Operations of the management socket that belong to no single service: version, interfaces, peers,
+// counters, device.show, device.settle, device.flush.
+#ifndef HOST_MGMT_SERVICE_OPS_H
+#define HOST_MGMT_SERVICE_OPS_H
+
+#include <chrono>
+#include <functional>
+
+#include "host/event/event_loop.h"
+#include "host/mgmt/mgmt.h"
+
+namespace host {
+
+constexpr std::chrono::milliseconds SETTLE_LONGEST{5000}; // then the peers are taken as they are
+constexpr std::chrono::milliseconds SETTLE_STEP{20};      // between two looks, and after the last
+
+// Calls `done` on the event thread once `isDetermined` answers true, or SETTLE_LONGEST has passed, with
+// whether it did; one step later than that, so that the daemon has acted on the last report. Event
+// thread. Lock: none
+void settleWait(EventLoop &loop, std::function<bool()> isDetermined, std::function<void(bool)> done,
+                std::chrono::milliseconds longest = SETTLE_LONGEST);
+
+// Registers the operations. Before mgmtStart. Lock: none
+void serviceOpsRegister();
+
+} // namespace host
+
+#endif
