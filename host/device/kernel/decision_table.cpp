@@ -1,0 +1,202 @@
+// The decisions that packets are marked with: see decision_table.h. Used by the kernel model and plane.
+#include "host/device/kernel/decision_table.h"
+
+#include <algorithm>
+
+namespace host {
+
+namespace {
+
+RtNextHop nextHopOf(uint8_t family, const ProgramPath &path) {
+    return {family, path.ifIndex, path.hasGateway, path.gateway};
+}
+
+uint32_t groupId(const DecisionKey &key) {
+    return (key.first == 6 ? GROUP_ID_BASE_IPV6 : GROUP_ID_BASE_IPV4) + key.second;
+}
+
+} // namespace
+
+Decision *DecisionTable::get(const DecisionKey &key) {
+    auto it = decisions_.find(key);
+    return it == decisions_.end() ? nullptr : &it->second;
+}
+
+const Decision *DecisionTable::get(const DecisionKey &key) const {
+    auto it = decisions_.find(key);
+    return it == decisions_.end() ? nullptr : &it->second;
+}
+
+uint32_t DecisionTable::freeId(uint8_t family) {
+    const uint32_t limit = kernelMarkLimit(options_);
+    for (uint32_t id = 1; id <= limit; id++) {
+        const bool isKnown = decisions_.count({family, id}) != 0;
+        if (!isKnown && !(taken_ && taken_(family, options_.rulePreference + id - 1, options_.tableBase + id))) {
+            return id;
+        }
+    }
+    return 0;
+}
+
+uint32_t DecisionTable::nextHopId(const RtNextHop &nextHop) {
+    auto it = nextHopIds_.find(nextHop);
+    if (it != nextHopIds_.end()) {
+        return it->second;
+    }
+    for (uint32_t id = NEXT_HOP_ID_BASE + 1; id < NEXT_HOP_ID_BASE + NEXT_HOP_ID_COUNT; id++) {
+        if (nextHopsById_.count(id) == 0 && !(nextHopTaken_ && nextHopTaken_(id))) {
+            nextHopIds_[nextHop] = id;
+            nextHopsById_[id] = nextHop;
+            return id;
+        }
+    }
+    return 0;
+}
+
+uint32_t DecisionTable::acquire(uint8_t family, const std::vector<ProgramPath> &paths, std::string *pError) {
+    auto known = ids_.find({family, paths});
+    if (known != ids_.end()) {
+        decisions_[{family, known->second}].users++;
+        return known->second;
+    }
+    const uint32_t id = freeId(family);
+    if (id == 0) {
+        *pError = "no free packet mark: more than " + std::to_string(kernelMarkLimit(options_)) +
+                  " different decisions (host.mark-mask, host.rule-preference)";
+        return 0;
+    }
+    for (const ProgramPath &path : paths) {
+        if (nextHopId(nextHopOf(family, path)) == 0) {
+            *pError = "no free next-hop object id";
+            return 0;
+        }
+    }
+    ids_[{family, paths}] = id;
+    Decision &decision = decisions_[{family, id}];
+    decision.paths = paths;
+    decision.users = 1;
+    return id;
+}
+
+void DecisionTable::release(uint8_t family, uint32_t id) {
+    Decision *pDecision = get({family, id});
+    if (pDecision != nullptr && pDecision->users > 0) {
+        pDecision->users--;
+    }
+}
+
+void DecisionTable::drop() {
+    std::map<RtNextHop, uint32_t> used;
+    for (auto it = decisions_.begin(); it != decisions_.end();) {
+        if (it->second.users == 0) {
+            ids_.erase({it->first.first, it->second.paths});
+            it = decisions_.erase(it);
+            continue;
+        }
+        for (const ProgramPath &path : it->second.paths) {
+            const RtNextHop nextHop = nextHopOf(it->first.first, path);
+            used[nextHop] = nextHopIds_.at(nextHop);
+        }
+        ++it;
+    }
+    nextHopIds_ = std::move(used);
+    nextHopsById_.clear();
+    for (const auto &[nextHop, id] : nextHopIds_) {
+        nextHopsById_[id] = nextHop;
+    }
+}
+
+DecisionObjects DecisionTable::objectsOf(const DecisionKey &key) const {
+    DecisionObjects objects;
+    const Decision &decision = decisions_.at(key);
+    RtGroup group;
+    for (const ProgramPath &path : decision.paths) {
+        const RtNextHop nextHop = nextHopOf(key.first, path);
+        const uint32_t id = nextHopIds_.at(nextHop);
+        objects.nextHops[id] = nextHop;
+        group.emplace_back(id, path.weight);
+    }
+    std::sort(group.begin(), group.end());
+    const uint32_t target = group.size() == 1 ? group[0].first : groupId(key);
+    if (group.size() > 1) {
+        objects.groups[target] = group;
+    }
+    const uint32_t table = options_.tableBase + key.second;
+    objects.routes[{key.first, table, RT_METRIC}] = target;
+    objects.routes[{key.first, table, RT_THROW_METRIC}] = 0;
+    objects.rule = {key.first, options_.rulePreference + key.second - 1,
+                    key.second << kernelMarkShift(options_), options_.markMask, table};
+    return objects;
+}
+
+RtImage DecisionTable::wanted() const {
+    RtImage image;
+    for (const auto &[key, decision] : decisions_) {
+        if (decision.users == 0) {
+            continue;
+        }
+        DecisionObjects objects = objectsOf(key);
+        image.nextHops.merge(objects.nextHops);
+        image.groups.merge(objects.groups);
+        image.routes.merge(objects.routes);
+        image.rules.insert(objects.rule);
+    }
+    return image;
+}
+
+bool DecisionTable::pathsOf(const RtImage &image, uint8_t family, uint32_t target,
+                            std::vector<ProgramPath> *pPaths) const {
+    RtGroup members;
+    auto group = image.groups.find(target);
+    if (group != image.groups.end()) {
+        members = group->second;
+    } else {
+        members.emplace_back(target, 1);
+    }
+    for (const auto &[id, weight] : members) {
+        auto it = image.nextHops.find(id);
+        if (it == image.nextHops.end() || it->second.family != family || nextHopIds_.count(it->second) == 0) {
+            return false;
+        }
+        pPaths->push_back({it->second.ifIndex, it->second.hasGateway, it->second.gateway, weight});
+    }
+    std::sort(pPaths->begin(), pPaths->end());
+    return true;
+}
+
+// A rule, its table's route and that route's next hops, all as we would make them today.
+bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
+    const uint32_t id = rule.table - options_.tableBase;
+    auto route = image.routes.find({rule.family, rule.table, RT_METRIC});
+    std::vector<ProgramPath> paths;
+    if (id == 0 || id > kernelMarkLimit(options_) || route == image.routes.end() || route->second == 0 ||
+        !pathsOf(image, rule.family, route->second, &paths) || ids_.count({rule.family, paths}) != 0) {
+        return false;
+    }
+    const DecisionKey key{rule.family, id};
+    decisions_[key].paths = paths;
+    ids_[{rule.family, paths}] = id;
+    // A set that shrank when a link went down is still called by the group's id: it is not what we would make.
+    const DecisionObjects objects = objectsOf(key);
+    const bool isSameGroup = objects.groups.empty() || image.groups.at(route->second) == objects.groups.begin()->second;
+    if (objects.rule == rule && objects.routes.at(route->first) == route->second && isSameGroup) {
+        return true;
+    }
+    decisions_.erase(key);
+    ids_.erase({rule.family, paths});
+    return false;
+}
+
+void DecisionTable::adopt(const RtImage &image) {
+    for (const auto &[id, nextHop] : image.nextHops) {
+        const bool isInRange = id > NEXT_HOP_ID_BASE && id < NEXT_HOP_ID_BASE + NEXT_HOP_ID_COUNT;
+        if (isInRange && nextHopIds_.emplace(nextHop, id).second) {
+            nextHopsById_[id] = nextHop;
+        }
+    }
+    for (const RtRule &rule : image.rules) {
+        (void)adoptOne(image, rule); // what is not adopted is removed when the policy is settled
+    }
+}
+
+} // namespace host

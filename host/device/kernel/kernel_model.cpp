@@ -1,0 +1,507 @@
+// The kernel model: see kernel_model.h. Used by the kernel plane; calls the rule builders and the
+// decision table.
+//
+// Invariants: chains_ and elements_ are exactly what nodes_ and interfaces_ ask for; the base chain,
+// the sets and the whole table are wanted exactly while some interface is; users_ lists for each
+// decision the nodes that acquired it.
+#include "host/device/kernel/kernel_model.h"
+
+#include <algorithm>
+
+namespace host {
+
+namespace {
+
+constexpr uint32_t RTN_LOCAL_KIND = 2, RTN_MULTICAST_KIND = 5; // local, broadcast, anycast, multicast
+
+std::vector<NftElementKey> localElements() {
+    std::vector<NftElementKey> keys;
+    for (uint32_t kind = RTN_LOCAL_KIND; kind <= RTN_MULTICAST_KIND; kind++) {
+        const std::vector<uint8_t> word = nftWord(kind);
+        keys.push_back({KERNEL_LOCAL_SET, std::string(word.begin(), word.end())});
+    }
+    return keys;
+}
+
+const std::set<std::string> &setNames() {
+    static const std::set<std::string> names = {kernelInterfaceMap(4), kernelInterfaceMap(6), KERNEL_LOCAL_SET};
+    return names;
+}
+
+NftChange step(NftChange::Kind kind, const std::string &name, const std::string &owner = "") {
+    NftChange change;
+    change.kind = kind;
+    change.name = name;
+    change.owner = owner;
+    return change;
+}
+
+NftChange elementStep(NftChange::Kind kind, const NftElementKey &key, const std::string &chain) {
+    NftChange change = step(kind, chain, chain);
+    change.key = key;
+    return change;
+}
+
+void append(std::vector<NftChange> &to, std::vector<NftChange> &from) {
+    to.insert(to.end(), std::make_move_iterator(from.begin()), std::make_move_iterator(from.end()));
+}
+
+// Chains that jump stand before those jumped to, so that none is deleted while it is used.
+int deleteOrder(const std::string &chain) {
+    if (chain == KERNEL_BASE_CHAIN) {
+        return 0;
+    }
+    return chain.rfind("in", 0) == 0 ? 1 : chain.rfind("match", 0) == 0 ? 2 : 3;
+}
+
+} // namespace
+
+// ---- lists ----
+
+void KernelModel::listSet(const std::string &list, ProgramList program) {
+    std::set<InterfaceKey> touched;
+    ProgramList &known = lists_[list];
+    placesSet(list, known, false, touched);
+    for (const auto &[key, node] : known.nodes) {
+        if (program.nodes.count(key) == 0) {
+            nodeDel(key);
+        }
+    }
+    for (const auto &[key, node] : program.nodes) {
+        auto old = known.nodes.find(key);
+        const bool isRulesChange = old == known.nodes.end() || old->second.rules != node.rules ||
+                                   old->second.aclNum != node.aclNum;
+        nodeSet(key, node, isRulesChange);
+    }
+    known = std::move(program);
+    placesSet(list, known, true, touched);
+    if (known.entries.empty()) {
+        lists_.erase(list);
+    }
+    for (const InterfaceKey &key : touched) {
+        interfaceSet(key);
+    }
+    baseSet();
+}
+
+void KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange) {
+    auto [it, isNew] = nodes_.emplace(key, Node{});
+    Node &node = it->second;
+    const bool isRetry = !node.refused.empty() || !node.error.empty();
+    const bool isDecisionChange = isNew || isRetry || node.program.decision != program.decision;
+    node.program = program;
+    if (isDecisionChange) {
+        decisionSet(key, node);
+    }
+    if (isRulesChange || isRetry) {
+        chainSet(kernelMatchChain(key), kernelMatchRules(key, program), key, true);
+    }
+    node.refused.clear();
+    if (isDecisionChange) {
+        actionSet(key, node);
+    }
+}
+
+void KernelModel::nodeDel(const NodeKey &key) {
+    Node &node = nodes_.at(key);
+    node.program.decision = {};
+    decisionSet(key, node);
+    chainDrop(kernelMatchChain(key));
+    chainDrop(kernelActionChain(key));
+    nodes_.erase(key);
+}
+
+// Acquires the new decision before the old one is let go, so that an equal one keeps its id.
+void KernelModel::decisionSet(const NodeKey &key, Node &node) {
+    const uint32_t old = node.decision;
+    node.decision = 0;
+    node.error.clear();
+    if (!node.program.decision.paths.empty()) {
+        node.decision = decisions_.acquire(key.family, node.program.decision.paths, &node.error);
+    }
+    if (old != 0) {
+        decisions_.release(key.family, old);
+        users_[{key.family, old}].erase(key);
+    }
+    if (node.decision != 0) {
+        users_[{key.family, node.decision}].insert(key);
+    }
+}
+
+uint32_t KernelModel::effective(const NodeKey &key, const Node &node) const {
+    const Decision *pDecision = decisions_.get({key.family, node.decision});
+    return pDecision == nullptr || !pDecision->error.empty() ? 0 : node.decision;
+}
+
+std::string KernelModel::errorOf(const NodeKey &key) const {
+    const Node &node = nodes_.at(key);
+    if (!node.refused.empty()) {
+        return node.refused;
+    }
+    const Decision *pDecision = decisions_.get({key.family, node.decision});
+    return pDecision != nullptr && !pDecision->error.empty() ? pDecision->error : node.error;
+}
+
+void KernelModel::actionSet(const NodeKey &key, const Node &node) {
+    const bool isFailed = !errorOf(key).empty();
+    const uint8_t precedence = isFailed ? uint8_t{0} : node.program.decision.precedence;
+    chainSet(kernelActionChain(key), kernelActionRules(key, effective(key, node), precedence, options_), key, false);
+}
+
+void KernelModel::decisionChanged(const DecisionKey &key) {
+    for (const NodeKey &node : users_[key]) {
+        if (nodes_.at(node).refused.empty()) {
+            actionSet(node, nodes_.at(node));
+        }
+    }
+}
+
+bool KernelModel::refuse(const std::string &chain, const std::string &text) {
+    auto it = chains_.find(chain);
+    if (it == chains_.end() || !it->second.node) {
+        return false;
+    }
+    const NodeKey key = *it->second.node;
+    nodes_.at(key).refused = text;
+    chainDrop(kernelMatchChain(key));
+    chainDrop(kernelActionChain(key));
+    std::set<InterfaceKey> touched;
+    for (const auto &[interfaceKey, interface] : interfaces_) {
+        if (interfaceKey.first == key.family && interface.nodes.count({key.nodeIndex, key}) != 0) {
+            touched.insert(interfaceKey);
+        }
+    }
+    for (const InterfaceKey &interfaceKey : touched) {
+        interfaceSet(interfaceKey);
+    }
+    return true;
+}
+
+// ---- interfaces ----
+
+void KernelModel::placesSet(const std::string &list, const ProgramList &program, bool isAdd,
+                            std::set<InterfaceKey> &touched) {
+    for (const auto &[entryKey, entry] : program.entries) {
+        for (const uint8_t family : {uint8_t{4}, uint8_t{6}}) {
+            if (!entry.families[family == 6]) {
+                continue;
+            }
+            const InterfaceKey key{family, entry.ifName};
+            const Place place{entryKey.second, {list, entryKey.second, family, entry.variant}};
+            uint32_t &count = interfaces_[key].nodes[place];
+            count = isAdd ? count + 1 : count - 1;
+            if (count == 0) {
+                interfaces_[key].nodes.erase(place);
+            }
+            touched.insert(key);
+        }
+    }
+}
+
+void KernelModel::interfaceSet(const InterfaceKey &key) {
+    const std::string chain = kernelInterfaceChain(key.first, key.second);
+    const NftElementKey element{kernelInterfaceMap(key.first), kernelInterfaceKey(key.second)};
+    if (interfaces_[key].nodes.empty()) {
+        interfaces_.erase(key);
+        chainDrop(chain);
+        elementDrop(element);
+        return;
+    }
+    std::vector<NodeKey> nodes;
+    for (const auto &[place, count] : interfaces_[key].nodes) {
+        if (nodes_.at(place.second).refused.empty()) {
+            nodes.push_back(place.second);
+        }
+    }
+    chainSet(chain, kernelInterfaceRules(nodes, options_), std::nullopt, false);
+    elementSet(element, chain);
+}
+
+void KernelModel::baseSet() {
+    if (interfaces_.empty()) {
+        chainDrop(KERNEL_BASE_CHAIN);
+        for (const NftElementKey &key : localElements()) {
+            elementDrop(key);
+        }
+        return;
+    }
+    if (chains_.count(KERNEL_BASE_CHAIN) == 0) {
+        chainSet(KERNEL_BASE_CHAIN, kernelBaseRules(options_), std::nullopt, false);
+        for (const NftElementKey &key : localElements()) {
+            elementSet(key, "");
+        }
+    }
+}
+
+// ---- chains and elements ----
+
+void KernelModel::chainSet(const std::string &name, std::vector<NftRule> rules, std::optional<NodeKey> node,
+                           bool isMatch) {
+    std::vector<uint64_t> fingerprints;
+    fingerprints.reserve(rules.size());
+    for (const NftRule &rule : rules) {
+        fingerprints.push_back(nftFingerprint(rule));
+    }
+    auto [it, isNew] = chains_.emplace(name, Chain{});
+    if (!isNew && it->second.fingerprints == fingerprints) {
+        return;
+    }
+    it->second = {std::move(fingerprints), std::move(rules), std::move(node), isMatch};
+    dirtyChains_.insert(name);
+}
+
+void KernelModel::chainDrop(const std::string &name) {
+    if (chains_.erase(name) != 0) {
+        dirtyChains_.insert(name);
+    }
+}
+
+void KernelModel::elementSet(const NftElementKey &key, const std::string &chain) {
+    auto [it, isNew] = elements_.emplace(key, chain);
+    if (isNew || it->second != chain) {
+        it->second = chain;
+        dirtyElements_.insert(key);
+    }
+}
+
+void KernelModel::elementDrop(const NftElementKey &key) {
+    if (elements_.erase(key) != 0) {
+        dirtyElements_.insert(key);
+    }
+}
+
+// The rules of a chain that were not kept are made again: only after somebody tampered with the table.
+std::vector<NftRule> KernelModel::rulesOf(const std::string &name, const Chain &chain) const {
+    if (chain.rules.size() == chain.fingerprints.size()) {
+        return chain.rules;
+    }
+    if (chain.node && chain.isMatch) {
+        return kernelMatchRules(*chain.node, nodes_.at(*chain.node).program);
+    }
+    if (chain.node) {
+        const Node &node = nodes_.at(*chain.node);
+        const uint8_t precedence = errorOf(*chain.node).empty() ? node.program.decision.precedence : uint8_t{0};
+        return kernelActionRules(*chain.node, effective(*chain.node, node), precedence, options_);
+    }
+    if (name == KERNEL_BASE_CHAIN) {
+        return kernelBaseRules(options_);
+    }
+    for (const auto &[key, interface] : interfaces_) {
+        if (kernelInterfaceChain(key.first, key.second) != name) {
+            continue;
+        }
+        std::vector<NodeKey> nodes;
+        for (const auto &[place, count] : interface.nodes) {
+            if (nodes_.at(place.second).refused.empty()) {
+                nodes.push_back(place.second);
+            }
+        }
+        return kernelInterfaceRules(nodes, options_);
+    }
+    return {};
+}
+
+// ---- differences ----
+
+void KernelModel::changesBegin(const NftImage &installed, std::vector<NftChange> &changes, bool *pIsFresh) const {
+    const bool isWanted = !chains_.empty();
+    *pIsFresh = !installed.table;
+    if (installed.stale || (installed.table && !isWanted)) {
+        changes.push_back(step(NftChange::Kind::TableDel, ""));
+    }
+    if (!isWanted) {
+        return;
+    }
+    if (!installed.table) {
+        changes.push_back(step(NftChange::Kind::TableAdd, ""));
+    }
+    for (const std::string &name : setNames()) {
+        if (*pIsFresh || installed.sets.count(name) == 0) {
+            changes.push_back(step(NftChange::Kind::SetAdd, name));
+        }
+    }
+}
+
+void KernelModel::chainChanges(const std::string &name, const NftImage &installed, bool isFresh,
+                               std::vector<NftChange> &adds, std::vector<NftChange> &fills,
+                               std::vector<NftChange> &dels) const {
+    auto wanted = chains_.find(name);
+    auto held = installed.chains.find(name);
+    const bool isHeld = !isFresh && held != installed.chains.end();
+    if (wanted == chains_.end()) {
+        if (isHeld) {
+            fills.push_back(step(NftChange::Kind::ChainFlush, name, name));
+            dels.push_back(step(NftChange::Kind::ChainDel, name, name));
+        }
+        return;
+    }
+    if (isHeld && held->second == wanted->second.fingerprints) {
+        return;
+    }
+    if (!isHeld) {
+        adds.push_back(step(NftChange::Kind::ChainAdd, name, name));
+    } else if (!held->second.empty()) {
+        fills.push_back(step(NftChange::Kind::ChainFlush, name, name));
+    }
+    for (NftRule &rule : rulesOf(name, wanted->second)) {
+        fills.push_back(step(NftChange::Kind::RuleAdd, name, name));
+        fills.back().rule = std::move(rule);
+    }
+}
+
+void KernelModel::elementChanges(const NftElementKey &key, const NftImage &installed, bool isFresh,
+                                 std::vector<NftChange> &out) const {
+    auto wanted = elements_.find(key);
+    auto held = installed.elements.find(key);
+    const bool isHeld = !isFresh && held != installed.elements.end();
+    if (wanted != elements_.end() && isHeld && held->second == wanted->second) {
+        return;
+    }
+    if (isHeld) {
+        out.push_back(elementStep(NftChange::Kind::ElementDel, key, held->second));
+    }
+    if (wanted != elements_.end()) {
+        out.push_back(elementStep(NftChange::Kind::ElementAdd, key, wanted->second));
+    }
+}
+
+std::vector<NftChange> KernelModel::changes(const NftImage &installed) {
+    std::vector<NftChange> changes, adds, fills, elements, dels;
+    bool isFresh = false;
+    changesBegin(installed, changes, &isFresh);
+    if (chains_.empty()) {
+        return changes; // the table goes with all that is in it
+    }
+    std::set<std::string> chains = dirtyChains_;
+    std::set<NftElementKey> keys = dirtyElements_;
+    if (isAllDirty_ || isFresh) {
+        for (const auto &[name, chain] : chains_) {
+            chains.insert(name);
+        }
+        for (const auto &[name, fingerprints] : installed.chains) {
+            chains.insert(name);
+        }
+        for (const auto *pElements : {&elements_, &installed.elements}) {
+            for (const auto &[key, chain] : *pElements) {
+                keys.insert(key);
+            }
+        }
+    }
+    for (const std::string &name : chains) {
+        chainChanges(name, installed, isFresh, adds, fills, dels);
+    }
+    for (const NftElementKey &key : keys) {
+        elementChanges(key, installed, isFresh, elements);
+    }
+    std::stable_sort(dels.begin(), dels.end(), [](const NftChange &left, const NftChange &right) {
+        return deleteOrder(left.name) < deleteOrder(right.name);
+    });
+    append(changes, adds);
+    append(changes, fills);
+    append(changes, elements);
+    append(changes, dels);
+    return changes;
+}
+
+void KernelModel::clean() {
+    for (const std::string &name : dirtyChains_) {
+        auto it = chains_.find(name);
+        if (it != chains_.end()) {
+            it->second.rules = {};
+        }
+    }
+    dirtyChains_.clear();
+    dirtyElements_.clear();
+    isAllDirty_ = false;
+}
+
+NftImage KernelModel::image() const {
+    NftImage image;
+    image.table = !chains_.empty();
+    if (!image.table) {
+        return image;
+    }
+    image.sets = setNames();
+    for (const auto &[name, chain] : chains_) {
+        image.chains[name] = chain.fingerprints;
+    }
+    image.elements = elements_;
+    return image;
+}
+
+// ---- questions ----
+
+std::vector<NodeKey> KernelModel::nodesOf(const std::string &list, const EntryKey &key) const {
+    std::vector<NodeKey> keys;
+    auto it = lists_.find(list);
+    if (it == lists_.end() || it->second.entries.count(key) == 0) {
+        return keys;
+    }
+    const ProgramEntry &entry = it->second.entries.at(key);
+    for (const uint8_t family : {uint8_t{4}, uint8_t{6}}) {
+        if (entry.families[family == 6]) {
+            keys.push_back({list, key.second, family, entry.variant});
+        }
+    }
+    return keys;
+}
+
+uint32_t KernelModel::decisionOf(const NodeKey &key) const {
+    auto it = nodes_.find(key);
+    return it == nodes_.end() ? 0 : effective(key, it->second);
+}
+
+EntryStatus KernelModel::status(const std::string &list, const EntryKey &key) const {
+    EntryStatus status;
+    auto it = lists_.find(list);
+    if (it == lists_.end() || it->second.entries.count(key) == 0) {
+        status.error = "unknown to the device";
+        return status;
+    }
+    status.pEntry = &it->second.entries.at(key);
+    status.error = status.pEntry->error;
+    status.reason = status.pEntry->reason;
+    bool isPending = isAllDirty_;
+    for (const NodeKey &node : nodesOf(list, key)) {
+        status.error = status.error.empty() ? errorOf(node) : status.error;
+        isPending = isPending || dirtyChains_.count(kernelMatchChain(node)) != 0 ||
+                    dirtyChains_.count(kernelActionChain(node)) != 0 ||
+                    dirtyChains_.count(kernelInterfaceChain(node.family, status.pEntry->ifName)) != 0;
+    }
+    status.installed = status.error.empty() && !isPending;
+    return status;
+}
+
+void nftImageChange(NftImage &image, const std::vector<NftChange> &changes) {
+    for (const NftChange &change : changes) {
+        switch (change.kind) {
+        case NftChange::Kind::TableDel: image = {}; break;
+        case NftChange::Kind::TableAdd: image = {}; image.table = true; break;
+        case NftChange::Kind::SetAdd: image.sets.insert(change.name); break;
+        case NftChange::Kind::ChainAdd: image.chains[change.name]; break;
+        case NftChange::Kind::ChainFlush: image.chains[change.name].clear(); break;
+        case NftChange::Kind::RuleAdd: image.chains[change.name].push_back(nftFingerprint(change.rule)); break;
+        case NftChange::Kind::ElementDel: image.elements.erase(change.key); break;
+        case NftChange::Kind::ElementAdd: image.elements[change.key] = change.name; break;
+        case NftChange::Kind::ChainDel: image.chains.erase(change.name); break;
+        }
+    }
+}
+
+std::string nftChangeText(const NftChange &change) {
+    const std::string element = change.key.first + " " + std::string(change.key.second.c_str());
+    switch (change.kind) {
+    case NftChange::Kind::TableDel: return "delete table";
+    case NftChange::Kind::TableAdd: return "add table";
+    case NftChange::Kind::SetAdd: return "add set " + change.name;
+    case NftChange::Kind::ChainAdd: return "add chain " + change.name;
+    case NftChange::Kind::ChainFlush: return "flush chain " + change.name;
+    case NftChange::Kind::RuleAdd: return "add rule " + change.name + ": " + nftRuleText(change.rule);
+    case NftChange::Kind::ElementDel: return "delete element " + element;
+    case NftChange::Kind::ElementAdd: return "add element " + element + " -> " + change.name;
+    case NftChange::Kind::ChainDel: return "delete chain " + change.name;
+    }
+    return "?";
+}
+
+} // namespace host

@@ -1,0 +1,146 @@
+// The kernel model: what our nftables table and routing objects should be, computed list by list. Pure.
+//
+// Second half of the compilation. Input are the programs of lists (program.h); state kept are the
+// chains as fingerprints (with the rules themselves until they are installed), the elements, the
+// decisions, and which of these may differ from what is installed. Work is in proportion to what
+// changed: a list's nodes and the interfaces it is bound to.
+//
+// A node of which the kernel refused the rules is left out (refused) until its list is set again; a
+// decision that the kernel refused makes its nodes route as usual.
+#ifndef HOST_DEVICE_KERNEL_KERNEL_MODEL_H
+#define HOST_DEVICE_KERNEL_KERNEL_MODEL_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/device/kernel/decision_table.h"
+#include "host/device/kernel/kernel_rules.h"
+#include "host/device/kernel/nft_value.h"
+#include "host/device/kernel/program.h"
+
+namespace host {
+
+// One step of an nftables transaction.
+struct NftChange {
+    enum class Kind : uint8_t { TableDel, TableAdd, SetAdd, ChainAdd, ChainFlush, RuleAdd, ElementDel,
+                                ElementAdd, ChainDel };
+    Kind kind = Kind::TableAdd;
+    std::string name;   // chain or set; of an element the chain gone to
+    NftElementKey key;  // elements
+    NftRule rule;       // RuleAdd
+    std::string owner;  // chain on whose behalf this is: whom a failure concerns
+};
+
+struct EntryStatus {
+    bool installed = false; // the kernel holds what the entry asks for (also: nothing, when it asks for nothing)
+    std::string error;
+    std::string reason;
+    const ProgramEntry *pEntry = nullptr;
+};
+
+class KernelModel {
+public:
+    explicit KernelModel(const KernelOptions &options) : decisions_(options), options_(options) {}
+
+    // Replaces what is known of a list; an empty program: the list has no links any more.
+    void listSet(const std::string &list, ProgramList program);
+
+    // Marks everything as perhaps different from what is installed.
+    void allDirty() { isAllDirty_ = true; }
+    bool isDirty() const { return isAllDirty_ || !dirtyChains_.empty() || !dirtyElements_.empty(); }
+
+    // The steps that lead from the installed image to the wanted one; none when they are equal.
+    std::vector<NftChange> changes(const NftImage &installed);
+
+    // The kernel did the steps: nothing is dirty any more.
+    void clean();
+
+    // The kernel refused the rules of the node that owns a chain. Result: false when no node owns it.
+    bool refuse(const std::string &chain, const std::string &text);
+
+    // A decision's error was set or cleared: rewrites the actions of its users.
+    void decisionChanged(const DecisionKey &key);
+
+    // What the kernel should hold, whole.
+    NftImage image() const;
+
+    EntryStatus status(const std::string &list, const EntryKey &key) const;
+
+    // The nodes of an entry, one a family at most.
+    std::vector<NodeKey> nodesOf(const std::string &list, const EntryKey &key) const;
+
+    DecisionTable &decisions() { return decisions_; }
+    const DecisionTable &decisions() const { return decisions_; }
+    const std::map<std::string, ProgramList> &lists() const { return lists_; }
+    uint32_t decisionOf(const NodeKey &key) const; // 0: routed as usual
+
+private:
+    struct Node {
+        ProgramNode program;
+        uint32_t decision = 0;   // id acquired; 0 none
+        std::string error;       // no decision could be had
+        std::string refused;     // the kernel refused the rules
+    };
+    struct Chain {
+        std::vector<uint64_t> fingerprints;
+        std::vector<NftRule> rules; // until installed; else made again when needed
+        std::optional<NodeKey> node; // match and action chains
+        bool isMatch = false;
+        bool operator==(const Chain &) const = default;
+    };
+    using InterfaceKey = std::pair<uint8_t, std::string>;                  // family, name
+    using Place = std::pair<uint32_t, NodeKey>;                            // node index, node
+    struct Interface {
+        std::map<Place, uint32_t> nodes; // -> entries that put it there (two names for one unit: never)
+    };
+
+    void nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange);
+    void nodeDel(const NodeKey &key);
+    void decisionSet(const NodeKey &key, Node &node);
+    void actionSet(const NodeKey &key, const Node &node);
+    void placesSet(const std::string &list, const ProgramList &program, bool isAdd,
+                   std::set<InterfaceKey> &touched);
+    void interfaceSet(const InterfaceKey &key);
+    void baseSet();
+    void chainSet(const std::string &name, std::vector<NftRule> rules, std::optional<NodeKey> node, bool isMatch);
+    void chainDrop(const std::string &name);
+    void elementSet(const NftElementKey &key, const std::string &chain);
+    void elementDrop(const NftElementKey &key);
+    std::vector<NftRule> rulesOf(const std::string &name, const Chain &chain) const;
+    uint32_t effective(const NodeKey &key, const Node &node) const;
+    std::string errorOf(const NodeKey &key) const;
+
+    void changesBegin(const NftImage &installed, std::vector<NftChange> &changes, bool *pIsFresh) const;
+    void chainChanges(const std::string &name, const NftImage &installed, bool isFresh,
+                      std::vector<NftChange> &adds, std::vector<NftChange> &fills,
+                      std::vector<NftChange> &dels) const;
+    void elementChanges(const NftElementKey &key, const NftImage &installed, bool isFresh,
+                        std::vector<NftChange> &out) const;
+
+    DecisionTable decisions_;
+    KernelOptions options_;
+    std::map<std::string, ProgramList> lists_;
+    std::map<NodeKey, Node> nodes_;
+    std::map<DecisionKey, std::set<NodeKey>> users_;
+    std::map<InterfaceKey, Interface> interfaces_;
+    std::map<std::string, Chain> chains_;
+    std::map<NftElementKey, std::string> elements_;
+    std::set<std::string> dirtyChains_;
+    std::set<NftElementKey> dirtyElements_;
+    bool isAllDirty_ = false;
+};
+
+// What the image is after the steps. Lock: none
+void nftImageChange(NftImage &image, const std::vector<NftChange> &changes);
+
+// One line a step, for tests and logs. Lock: none
+std::string nftChangeText(const NftChange &change);
+
+} // namespace host
+
+#endif

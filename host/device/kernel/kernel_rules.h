@@ -1,0 +1,57 @@
+// The rules of our nftables table: builders for each kind of chain. Pure.
+//
+//   prerouting        (base chain) skips marked packets, then by family and interface name: goto
+//   inF/IFACE         skips packets for this machine and for groups, then a jump per node in node order
+//   matchF/LIST/NODE  one rule an ACL rule: permit goes to the action, deny returns (next node)
+//   doF/LIST/NODE     one rule: precedence, mark, accept. A changed decision rewrites this rule only.
+//
+// F is 4 or 6. Names are written so that nft can read them back: other bytes than letters, digits, '_'
+// and '-' become ".XX" (hexadecimal).
+#ifndef HOST_DEVICE_KERNEL_KERNEL_RULES_H
+#define HOST_DEVICE_KERNEL_KERNEL_RULES_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/device/kernel/nft_value.h"
+#include "host/device/kernel/program.h"
+
+namespace host {
+
+inline constexpr const char *KERNEL_TABLE = "policyroute";
+inline constexpr const char *KERNEL_BASE_CHAIN = "prerouting";
+inline constexpr const char *KERNEL_LOCAL_SET = "local-types";
+inline constexpr int32_t KERNEL_BASE_PRIORITY = -151; // just before mangle, after defragmentation
+
+// Where our bits are and where our numbers begin. Fixed for the life of a device.
+struct KernelOptions {
+    uint32_t markMask = 0xfff00000;
+    uint32_t rulePreference = 15000;
+    uint32_t tableBase = 1000000;
+};
+
+uint32_t kernelMarkShift(const KernelOptions &options); // place of the mask's lowest bit
+uint32_t kernelMarkLimit(const KernelOptions &options); // greatest decision id that can be had, 0 none
+
+// Why the options cannot be used; empty: they can. The mask must be one unbroken run of bits.
+std::string kernelOptionsRefusal(const KernelOptions &options);
+
+std::string kernelNameEncode(const std::string &bytes);
+std::string kernelInterfaceMap(int family);                              // interfaces4, interfaces6
+std::string kernelInterfaceChain(int family, const std::string &ifName); // in4/lan0
+std::string kernelMatchChain(const NodeKey &key);                        // match4/wan/10
+std::string kernelActionChain(const NodeKey &key);                       // do4/wan/10
+std::string kernelInterfaceKey(const std::string &ifName);               // 16 bytes, zero padded
+
+std::vector<NftRule> kernelBaseRules(const KernelOptions &options);
+std::vector<NftRule> kernelInterfaceRules(const std::vector<NodeKey> &nodes, const KernelOptions &options);
+std::vector<NftRule> kernelMatchRules(const NodeKey &key, const ProgramNode &node);
+
+// id: the decision's, 0 to route as usual; precedence 1..7 or 0.
+std::vector<NftRule> kernelActionRules(const NodeKey &key, uint32_t id, uint8_t precedence,
+                                       const KernelOptions &options);
+
+} // namespace host
+
+#endif

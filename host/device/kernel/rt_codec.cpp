@@ -1,0 +1,226 @@
+// Our routing objects as values and on the wire: see rt_codec.h. Called by the kernel plane.
+#include "host/device/kernel/rt_codec.h"
+
+#include <algorithm>
+#include <linux/fib_rules.h>
+#include <linux/if_link.h>
+#include <linux/nexthop.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include "host/fib/fib.h"
+
+namespace host {
+
+namespace {
+
+uint8_t familyNumber(uint8_t family) { return family == 6 ? AF_INET6 : AF_INET; }
+uint8_t familyOf(uint8_t number) { return number == AF_INET6 ? 6 : 4; }
+
+void ruleTake(const nlmsghdr *pMessage, RtImage *pImage) {
+    const auto *pHeader = netlinkHeader<fib_rule_hdr>(pMessage);
+    if (pMessage->nlmsg_type != RTM_NEWRULE || pHeader == nullptr) {
+        return;
+    }
+    const NetlinkAttrs attrs(pMessage, sizeof *pHeader);
+    const uint8_t family = familyOf(pHeader->family);
+    const uint32_t table = attrs.u32(FRA_TABLE).value_or(pHeader->table);
+    const uint32_t preference = attrs.u32(FRA_PRIORITY).value_or(0);
+    if (attrs.u8(FRA_PROTOCOL).value_or(0) != FIB_PROTO_POLICYROUTE) {
+        pImage->foreignPreferences.insert({family, preference});
+        pImage->foreignTables.insert({family, table});
+        return;
+    }
+    pImage->rules.insert({family, preference, attrs.u32(FRA_FWMARK).value_or(0),
+                          attrs.u32(FRA_FWMASK).value_or(0), table});
+}
+
+void routeTake(const nlmsghdr *pMessage, RtImage *pImage) {
+    const auto *pHeader = netlinkHeader<rtmsg>(pMessage);
+    if (pMessage->nlmsg_type != RTM_NEWROUTE || pHeader == nullptr || pHeader->rtm_dst_len != 0 ||
+        pHeader->rtm_protocol != FIB_PROTO_POLICYROUTE || (pHeader->rtm_flags & RTM_F_CLONED) != 0) {
+        return;
+    }
+    const NetlinkAttrs attrs(pMessage, sizeof *pHeader);
+    const RtRouteKey key{familyOf(pHeader->rtm_family), attrs.u32(RTA_TABLE).value_or(pHeader->rtm_table),
+                         attrs.u32(RTA_PRIORITY).value_or(0)};
+    pImage->routes[key] = pHeader->rtm_type == RTN_THROW ? 0 : attrs.u32(RTA_NH_ID).value_or(UINT32_MAX);
+}
+
+RtGroup groupOf(const nlattr *pAttr) {
+    RtGroup group;
+    const size_t count = mnl_attr_get_payload_len(pAttr) / sizeof(nexthop_grp);
+    const auto *pMembers = static_cast<const nexthop_grp *>(mnl_attr_get_payload(pAttr));
+    for (size_t i = 0; i < count; i++) {
+        group.emplace_back(pMembers[i].id, pMembers[i].weight + 1u);
+    }
+    std::sort(group.begin(), group.end());
+    return group;
+}
+
+void nextHopTake(const nlmsghdr *pMessage, RtImage *pImage) {
+    const auto *pHeader = netlinkHeader<nhmsg>(pMessage);
+    if (pMessage->nlmsg_type != RTM_NEWNEXTHOP || pHeader == nullptr) {
+        return;
+    }
+    const NetlinkAttrs attrs(pMessage, sizeof *pHeader);
+    const uint32_t id = attrs.u32(NHA_ID).value_or(0);
+    if (pHeader->nh_protocol != FIB_PROTO_POLICYROUTE) {
+        pImage->foreignNextHops.insert(id);
+        return;
+    }
+    if (attrs.has(NHA_GROUP)) {
+        pImage->groups[id] = groupOf(attrs.get(NHA_GROUP));
+        return;
+    }
+    RtNextHop nextHop{familyOf(pHeader->nh_family), attrs.u32(NHA_OIF).value_or(0), attrs.has(NHA_GATEWAY), {}};
+    const std::vector<uint8_t> gateway = attrs.bytes(NHA_GATEWAY);
+    std::copy_n(gateway.begin(), std::min(gateway.size(), nextHop.gateway.size()), nextHop.gateway.begin());
+    pImage->nextHops[id] = nextHop;
+}
+
+NetlinkError rulesRead(NetlinkSocket &socket, uint8_t family, RtImage *pImage) {
+    NetlinkMessage message(RTM_GETRULE, 0);
+    fib_rule_hdr header = {};
+    header.family = family;
+    message.header(header);
+    return socket.dump(message, [&](const nlmsghdr *p) { ruleTake(p, pImage); }).error;
+}
+
+// protocol 0: any; table 0: all.
+NetlinkError routesDump(NetlinkSocket &socket, uint8_t family, uint8_t protocol, uint32_t table,
+                        const NetlinkSocket::Handler &each) {
+    NetlinkMessage message(RTM_GETROUTE, 0);
+    rtmsg header = {};
+    header.rtm_family = family;
+    header.rtm_protocol = protocol;
+    message.header(header);
+    if (table != 0) {
+        message.putU32(RTA_TABLE, table);
+    }
+    return socket.dump(message, each).error;
+}
+
+NetlinkError nextHopsRead(NetlinkSocket &socket, RtImage *pImage) {
+    NetlinkMessage message(RTM_GETNEXTHOP, 0);
+    message.header(nhmsg{});
+    return socket.dump(message, [&](const nlmsghdr *p) { nextHopTake(p, pImage); }).error;
+}
+
+} // namespace
+
+NetlinkMessage rtRuleMessage(bool isAdd, const RtRule &rule) {
+    NetlinkMessage message(isAdd ? RTM_NEWRULE : RTM_DELRULE,
+                           isAdd ? static_cast<uint16_t>(NLM_F_CREATE | NLM_F_EXCL) : uint16_t{0});
+    fib_rule_hdr header = {};
+    header.family = familyNumber(rule.family);
+    header.action = FR_ACT_TO_TBL;
+    message.header(header);
+    message.putU32(FRA_PRIORITY, rule.preference).putU32(FRA_FWMARK, rule.mark).putU32(FRA_FWMASK, rule.mask);
+    message.putU32(FRA_TABLE, rule.table).putU8(FRA_PROTOCOL, FIB_PROTO_POLICYROUTE);
+    return message;
+}
+
+NetlinkMessage rtRouteMessage(bool isAdd, const RtRouteKey &key, uint32_t nextHop) {
+    NetlinkMessage message(isAdd ? RTM_NEWROUTE : RTM_DELROUTE,
+                           isAdd ? static_cast<uint16_t>(NLM_F_CREATE | NLM_F_REPLACE) : uint16_t{0});
+    rtmsg header = {};
+    header.rtm_family = familyNumber(key.family);
+    header.rtm_protocol = FIB_PROTO_POLICYROUTE;
+    header.rtm_type = nextHop == 0 ? RTN_THROW : RTN_UNICAST;
+    header.rtm_scope = isAdd || key.family == 6 ? RT_SCOPE_UNIVERSE : RT_SCOPE_NOWHERE; // nowhere: any
+    message.header(header);
+    message.putU32(RTA_TABLE, key.table).putU32(RTA_PRIORITY, key.metric);
+    if (nextHop != 0 && isAdd) {
+        message.putU32(RTA_NH_ID, nextHop);
+    }
+    return message;
+}
+
+NetlinkMessage rtNextHopMessage(uint32_t id, const RtNextHop &nextHop) {
+    NetlinkMessage message(RTM_NEWNEXTHOP, NLM_F_CREATE | NLM_F_REPLACE);
+    nhmsg header = {};
+    header.nh_family = familyNumber(nextHop.family);
+    header.nh_protocol = FIB_PROTO_POLICYROUTE;
+    header.nh_flags = nextHop.hasGateway ? RTNH_F_ONLINK : 0;
+    message.header(header);
+    message.putU32(NHA_ID, id).putU32(NHA_OIF, nextHop.ifIndex);
+    if (nextHop.hasGateway) {
+        message.put(NHA_GATEWAY, nextHop.gateway.data(), nextHop.family == 6 ? 16 : 4);
+    }
+    return message;
+}
+
+NetlinkMessage rtGroupMessage(uint32_t id, const RtGroup &group) {
+    NetlinkMessage message(RTM_NEWNEXTHOP, NLM_F_CREATE | NLM_F_REPLACE);
+    nhmsg header = {};
+    header.nh_family = AF_UNSPEC;
+    header.nh_protocol = FIB_PROTO_POLICYROUTE;
+    message.header(header);
+    message.putU32(NHA_ID, id);
+    std::vector<nexthop_grp> members;
+    for (const auto &[member, weight] : group) {
+        nexthop_grp entry = {};
+        entry.id = member;
+        entry.weight = static_cast<uint8_t>(std::min<uint32_t>(weight, 254) - 1);
+        members.push_back(entry);
+    }
+    message.put(NHA_GROUP, members.data(), members.size() * sizeof(nexthop_grp));
+    return message;
+}
+
+NetlinkMessage rtNextHopDelMessage(uint32_t id) {
+    NetlinkMessage message(RTM_DELNEXTHOP, 0);
+    message.header(nhmsg{});
+    message.putU32(NHA_ID, id);
+    return message;
+}
+
+std::string rtRead(NetlinkSocket &socket, RtImage *pImage) {
+    *pImage = {};
+    const auto takeRoute = [&](const nlmsghdr *p) { routeTake(p, pImage); };
+    NetlinkError error = rulesRead(socket, AF_INET, pImage);
+    error = error ? error : rulesRead(socket, AF_INET6, pImage);
+    error = error ? error : routesDump(socket, AF_INET, FIB_PROTO_POLICYROUTE, 0, takeRoute);
+    error = error ? error : routesDump(socket, AF_INET6, FIB_PROTO_POLICYROUTE, 0, takeRoute);
+    error = error ? error : nextHopsRead(socket, pImage);
+    return netlinkErrorText("cannot read rules, routes and next hops", error);
+}
+
+bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table) {
+    bool isForeign = false;
+    // A table that does not exist is an error to the kernel and free to us.
+    (void)routesDump(socket, familyNumber(static_cast<uint8_t>(family)), 0, table, [&](const nlmsghdr *p) {
+        const auto *pHeader = netlinkHeader<rtmsg>(p);
+        const bool isOther = pHeader != nullptr && pHeader->rtm_protocol != FIB_PROTO_POLICYROUTE;
+        isForeign = isForeign || (p->nlmsg_type == RTM_NEWROUTE && isOther);
+    });
+    return isForeign;
+}
+
+bool rtIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort) {
+    if (pMessage->nlmsg_pid == ownPort) {
+        return false;
+    }
+    switch (pMessage->nlmsg_type) {
+    case RTM_NEWRULE:
+    case RTM_DELRULE: {
+        const auto *pHeader = netlinkHeader<fib_rule_hdr>(pMessage);
+        return pHeader != nullptr;
+    }
+    case RTM_DELROUTE:
+    case RTM_NEWROUTE: {
+        const auto *pHeader = netlinkHeader<rtmsg>(pMessage);
+        return pHeader != nullptr && pHeader->rtm_protocol == FIB_PROTO_POLICYROUTE;
+    }
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+    case RTM_NEWNEXTHOP:
+    case RTM_DELNEXTHOP:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace host

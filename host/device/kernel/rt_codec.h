@@ -1,0 +1,76 @@
+// Our routing objects as values and on the wire: rules, routes, next-hop objects, next-hop groups.
+//
+// What is ours is recognised by protocol 206. Of what is not ours only the places are remembered
+// (preferences, tables, next-hop ids), so that we keep away from them. Used by the kernel plane; the
+// values also by the decision table.
+#ifndef HOST_DEVICE_KERNEL_RT_CODEC_H
+#define HOST_DEVICE_KERNEL_RT_CODEC_H
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/device/device.h"
+#include "host/netlink/netlink_socket.h"
+
+namespace host {
+
+struct RtRule {
+    uint8_t family = 4; // 4 or 6
+    uint32_t preference = 0, mark = 0, mask = 0, table = 0;
+    auto operator<=>(const RtRule &) const = default;
+};
+
+constexpr uint32_t RT_METRIC = 1;               // of the route over the next hop
+constexpr uint32_t RT_THROW_METRIC = UINT32_MAX; // of the route that sends the look-up on to other tables
+
+struct RtRouteKey { // always the default prefix
+    uint8_t family = 4;
+    uint32_t table = 0, metric = RT_METRIC;
+    auto operator<=>(const RtRouteKey &) const = default;
+};
+
+struct RtNextHop {
+    uint8_t family = 4;
+    uint32_t ifIndex = 0;
+    bool hasGateway = false;
+    IpAddress gateway{};
+    auto operator<=>(const RtNextHop &) const = default;
+};
+
+using RtGroup = std::vector<std::pair<uint32_t, uint32_t>>; // (next-hop id, weight) ascending
+
+struct RtImage {
+    std::set<RtRule> rules;
+    std::map<RtRouteKey, uint32_t> routes; // -> next-hop id; 0: throw
+    std::map<uint32_t, RtNextHop> nextHops;
+    std::map<uint32_t, RtGroup> groups;
+    std::set<std::pair<uint8_t, uint32_t>> foreignPreferences; // (family, preference), family, table, id:
+    std::set<std::pair<uint8_t, uint32_t>> foreignTables;      // of rules that are not ours
+    std::set<uint32_t> foreignNextHops;
+    bool operator==(const RtImage &) const = default;
+    bool isEmpty() const { return rules.empty() && routes.empty() && nextHops.empty() && groups.empty(); }
+};
+
+NetlinkMessage rtRuleMessage(bool isAdd, const RtRule &rule);
+NetlinkMessage rtRouteMessage(bool isAdd, const RtRouteKey &key, uint32_t nextHop);
+NetlinkMessage rtNextHopMessage(uint32_t id, const RtNextHop &nextHop); // adds or replaces
+NetlinkMessage rtGroupMessage(uint32_t id, const RtGroup &group);       // adds or replaces
+NetlinkMessage rtNextHopDelMessage(uint32_t id);
+
+// Reads what is ours, and the places of others. Result: empty, or why it cannot be read.
+std::string rtRead(NetlinkSocket &socket, RtImage *pImage);
+
+// Whether a table holds routes that are not ours. Lock: none
+bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table);
+
+// Whether a notification may concern us: objects of ours changed by others, a link, any next hop.
+bool rtIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort);
+
+} // namespace host
+
+#endif
