@@ -11,6 +11,17 @@ constexpr uint32_t RECORD_HEAD_BYTES = 8; // field id and length
 constexpr uint32_t NUMBER_BYTES = 4;
 } // namespace
 
+uint32_t pbrApiBytesGet(const void *pBytes, uint32_t len, PbrApiValue *pValue) {
+    if (pValue->word0 == 0 && len != 0) {
+        return PBR_ERR_BAD_ARGUMENT;
+    }
+    if (len != 0) {
+        memcpy(pbrApiBytes(pValue), pBytes, len);
+    }
+    pValue->word1 = len;
+    return PBR_OK;
+}
+
 void pbrApiViewMark(PbrListEntry *pList) {
     if (!listEmpty(&pList->auxList)) {
         pbrViewMarkList(pList);

@@ -79,6 +79,10 @@ inline bool pbrApiBytesMissing(const PbrApiValue *pValue) {
     return pValue->word0 == 0 && pValue->word1 != 0;
 }
 
+// Answers with a byte string: copies len bytes to the buffer, whatever its capacity, and sets word1.
+// Result: 0, or PBR_ERR_BAD_ARGUMENT for bytes without buffer. Lock: none
+[[nodiscard]] uint32_t pbrApiBytesGet(const void *pBytes, uint32_t len, PbrApiValue *pValue);
+
 // Bytes of a key's list name that may be printed: never beyond the key, however wild the length.
 // Lock: none
 inline int pbrApiNameLen(uint16_t nameLen) {
