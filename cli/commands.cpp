@@ -1,0 +1,293 @@
+// Each command of the command line is added by one function, which declares its options and gives the
+// action to run; the action is run after the whole line was read.
+#include "cli/commands.h"
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/apply.h"
+#include "cli/change.h"
+#include "cli/errors.h"
+#include "cli/numbers.h"
+#include "cli/raw.h"
+#include "cli/show.h"
+#include "cli/version.h"
+
+namespace cli {
+
+namespace {
+
+struct Context {
+    std::string root;
+    bool json = false;
+    std::ostream &out;
+    std::ostream &err;
+    std::unique_ptr<Daemon> pDaemon;   // made when the line has been read
+    std::function<int()> action;       // what the line asks for
+    Daemon &daemon() { return *pDaemon; }
+};
+
+// Declares that `sub` runs `body`, which succeeds by returning.
+void runs(Context &context, CLI::App *pSub, std::function<void()> body) {
+    pSub->callback([&context, body = std::move(body)] {
+        context.action = [body] {
+            body();
+            return static_cast<int>(EXIT_DONE);
+        };
+    });
+}
+
+template <typename Value> std::shared_ptr<Value> holder() { return std::make_shared<Value>(); }
+
+std::string fileRead(const std::string &name) {
+    std::stringstream text;
+    if (name == "-") {
+        text << std::cin.rdbuf();
+        return text.str();
+    }
+    std::ifstream file(name, std::ios::binary);
+    text << file.rdbuf();
+    if (!file) {
+        throw Usage(name + ": cannot be read: " + strerror(errno));
+    }
+    return text.str();
+}
+
+void applyAdd(CLI::App &app, Context &context) {
+    CLI::App *pSub = app.add_subcommand("apply", "Make the running policy equal to a file, or leave all as it is");
+    auto pOptions = holder<ApplyOptions>();
+    pSub->add_option("file", pOptions->file, "Policy file (YAML), - for standard input")->required();
+    pSub->add_flag("--dry-run", pOptions->dryRun, "Print the plan and change nothing");
+    runs(context, pSub, [&context, pOptions] {
+        pOptions->text = fileRead(pOptions->file);
+        pOptions->json = context.json;
+        apply(context.daemon(), *pOptions, context.out, context.err);
+    });
+}
+
+void aclAdd(CLI::App &app, Context &context) {
+    CLI::App *pAcl = app.add_subcommand("acl", "ACLs and their rules");
+    pAcl->require_subcommand(1);
+    auto pAclNum = holder<uint32_t>();
+    auto pRule = holder<uint32_t>();
+    auto pWords = holder<std::vector<std::string>>();
+    const auto declare = [&](const char *pName, const char *pHelp) {
+        CLI::App *pSub = pAcl->add_subcommand(pName, pHelp);
+        pSub->add_option("acl", *pAclNum, "1001..2000 IPv4, 3001..4000 IPv6, 5001 and up either")->required();
+        return pSub;
+    };
+    CLI::App *pSub = declare("add", "Add or replace a rule; makes the ACL when needed");
+    pSub->add_option("rule", *pRule, "Number of the rule, evaluated in ascending order")->required();
+    pSub->add_option("text", *pWords, "permit|deny ip|tcp|udp|icmp|NUMBER from PREFIX|any [port N[-M]] to ...")
+        ->required();
+    runs(context, pSub, [=, &context] { changeAclAdd(context.daemon(), *pAclNum, *pRule, *pWords); });
+    pSub = declare("del", "Remove a rule");
+    pSub->add_option("rule", *pRule, "Number of the rule")->required();
+    runs(context, pSub, [=, &context] { changeAclDel(context.daemon(), *pAclNum, *pRule); });
+    pSub = declare("create", "Make an ACL without rules");
+    runs(context, pSub, [=, &context] { changeAclCreate(context.daemon(), *pAclNum); });
+    pSub = declare("destroy", "Remove an ACL that no node uses");
+    runs(context, pSub, [=, &context] { changeAclDestroy(context.daemon(), *pAclNum); });
+    pSub = pAcl->add_subcommand("show", "Show all ACLs or one");
+    pSub->add_option("acl", *pAclNum, "Number of the ACL");
+    runs(context, pSub, [=, &context] { showAcls(context.daemon(), *pAclNum, context.json, context.out); });
+}
+
+void listAdd(CLI::App &app, Context &context) {
+    CLI::App *pList = app.add_subcommand("list", "Policy lists");
+    pList->require_subcommand(1);
+    auto pName = holder<std::string>();
+    CLI::App *pSub = pList->add_subcommand("add", "Make a list");
+    pSub->add_option("list", *pName, "Name, 1 to 16 bytes")->required();
+    runs(context, pSub, [=, &context] { changeListAdd(context.daemon(), *pName); });
+    pSub = pList->add_subcommand("del", "Remove a list that is not bound, with its nodes");
+    pSub->add_option("list", *pName, "Name")->required();
+    runs(context, pSub, [=, &context] { changeListDel(context.daemon(), *pName); });
+}
+
+void nodeOptionsAdd(CLI::App *pSub, NodeChange &change) {
+    pSub->add_option("--acl", change.acl, "ACL that the node matches; 0: none");
+    pSub->add_option("--ip-version", change.ipVersion, "4 or 6; without it the ACL's number decides")
+        ->check(CLI::IsMember({4, 6}));
+    pSub->add_option("--priority", change.priority, "New priority of its packets, 1..15 without 9; 0: unchanged");
+    pSub->add_option("--interface", change.interface, "Send packets out of this interface");
+    pSub->add_flag("--no-interface", change.noInterface, "No out interface");
+    pSub->add_flag("--ecmp,!--no-ecmp", change.ecmp, "Spread over all reachable next hops");
+    pSub->add_option("--vrf", change.vrf, "VRF of the next hops");
+    pSub->add_option("--time-range", change.timeRange, "Only while this time range is active; none: always");
+}
+
+void nodeAdd(CLI::App &app, Context &context) {
+    CLI::App *pNode = app.add_subcommand("node", "Nodes of a list");
+    pNode->require_subcommand(1);
+    auto pChange = holder<NodeChange>();
+    const auto declare = [&](const char *pName, const char *pHelp) {
+        CLI::App *pSub = pNode->add_subcommand(pName, pHelp);
+        pSub->add_option("list", pChange->list, "Name of the list")->required();
+        pSub->add_option("index", pChange->index, "Number of the node, evaluated in ascending order")->required();
+        return pSub;
+    };
+    CLI::App *pSub = declare("add", "Make a node");
+    nodeOptionsAdd(pSub, *pChange);
+    runs(context, pSub, [=, &context] { changeNodeAdd(context.daemon(), *pChange); });
+    pSub = declare("set", "Change a node");
+    nodeOptionsAdd(pSub, *pChange);
+    runs(context, pSub, [=, &context] { changeNodeSet(context.daemon(), *pChange); });
+    pSub = declare("clear", "Remove all next hops of a node, its IP version and VRF");
+    runs(context, pSub, [=, &context] { changeNodeClear(context.daemon(), pChange->list, pChange->index); });
+    pSub = declare("del", "Remove a node");
+    runs(context, pSub, [=, &context] { changeNodeDel(context.daemon(), pChange->list, pChange->index); });
+}
+
+void nextHopAdd(CLI::App &app, Context &context) {
+    CLI::App *pHop = app.add_subcommand("next-hop", "Next hops of a node");
+    pHop->require_subcommand(1);
+    auto pChange = holder<NextHopChange>();
+    const auto declare = [&](const char *pName, const char *pHelp, const char *pWhich) {
+        CLI::App *pSub = pHop->add_subcommand(pName, pHelp);
+        pSub->add_option("list", pChange->list, "Name of the list")->required();
+        pSub->add_option("node", pChange->node, "Number of the node")->required();
+        pSub->add_option("address", pChange->address, pWhich)->required();
+        return pSub;
+    };
+    CLI::App *pSub = declare("add", "Add a next hop", "IPv4 or IPv6 address");
+    pSub->add_option("--index", pChange->index, "Its number, 1..255; the lowest is preferred. Default: the next free");
+    pSub->add_option("--probe", pChange->probe, "ADMINISTRATOR/TEST: usable only while this probe passes");
+    runs(context, pSub, [=, &context] { changeNextHopAdd(context.daemon(), *pChange, context.err); });
+    pSub = declare("del", "Remove a next hop", "Its address or number");
+    runs(context, pSub, [=, &context] { changeNextHopDel(context.daemon(), *pChange); });
+}
+
+void bindAdd(CLI::App &app, Context &context) {
+    auto pInterface = holder<std::string>();
+    auto pList = holder<std::string>();
+    CLI::App *pSub = app.add_subcommand("bind", "Bind a list to an interface, also instead of another list");
+    pSub->add_option("interface", *pInterface, "Name, or unit:N")->required();
+    pSub->add_option("list", *pList, "Name of the list")->required();
+    runs(context, pSub, [=, &context] { changeBind(context.daemon(), *pInterface, *pList, context.err); });
+    pSub = app.add_subcommand("unbind", "Take the list off an interface");
+    pSub->add_option("interface", *pInterface, "Name, or unit:N")->required();
+    runs(context, pSub, [=, &context] { changeUnbind(context.daemon(), *pInterface); });
+}
+
+void showAdd(CLI::App &app, Context &context) {
+    using Show = void (*)(Daemon &, bool, std::ostream &);
+    CLI::App *pShow = app.add_subcommand("show", "What runs now");
+    pShow->require_subcommand(1);
+    const std::tuple<const char *, const char *, Show> reports[] = {
+        {"lists", "Lists and their nodes", showLists},
+        {"bindings", "Interfaces, their lists and how much of them is in the device", showBindings},
+        {"next-hops", "Each next hop: reachable, chosen, in the device, or why not", showNextHops},
+        {"device", "What the forwarding plane holds", showDevice},
+        {"counters", "Counters and limits", showCounters}};
+    for (const auto &[pName, pHelp, pFunction] : reports) {
+        const Show function = pFunction;
+        CLI::App *pSub = pShow->add_subcommand(pName, pHelp);
+        runs(context, pSub, [&context, function] { function(context.daemon(), context.json, context.out); });
+    }
+    CLI::App *pSub = pShow->add_subcommand("acls", "ACLs and their rules");
+    auto pAcl = holder<uint32_t>();
+    pSub->add_option("acl", *pAcl, "Number of the ACL; default all");
+    runs(context, pSub, [=, &context] { showAcls(context.daemon(), *pAcl, context.json, context.out); });
+}
+
+void rawAdd(CLI::App &app, Context &context) {
+    CLI::App *pSub = app.add_subcommand("raw", "One frame of the command socket; prints result and value");
+    auto pOptions = holder<RawOptions>();
+    auto pNumber = holder<std::string>();
+    pSub->add_option("command", pOptions->command, "0..23, or a name such as node-get")->required();
+    pSub->add_option("--key", pOptions->key, "HEX, list:NAME, node:LIST/INDEX[/HOP], if:NAME or if:UNIT");
+    pSub->add_option("--mask", pOptions->mask, "Walk filter of a node: key: 128 list fixed, 64 node fixed")
+        ->check(CLI::Range(0, 255));
+    pSub->add_option("--field", pOptions->field, "Field id");
+    pSub->add_option("--number", *pNumber, "Value: a number, also 0x...");
+    pSub->add_option("--bytes", pOptions->bytes, "Value: bytes in hex");
+    pSub->add_option("--text", pOptions->text, "Value: bytes as text");
+    pSub->add_option("--capacity", pOptions->capacity, "Read bytes, at most so many");
+    pSub->callback([=, &context] {
+        context.action = [=, &context] {
+            if (!pNumber->empty()) {
+                pOptions->number = wordRead(*pNumber);
+                if (!pOptions->number) {
+                    throw Usage("--number '" + *pNumber + "' is no number of 32 bits");
+                }
+            }
+            pOptions->json = context.json;
+            return static_cast<int>(raw(context.daemon(), *pOptions, context.out) == 0 ? EXIT_DONE : EXIT_REFUSED);
+        };
+    });
+}
+
+void otherAdd(CLI::App &app, Context &context) {
+    CLI::App *pDevice = app.add_subcommand("device", "The forwarding plane");
+    pDevice->require_subcommand(1);
+    CLI::App *pSub = pDevice->add_subcommand("flush", "Remove everything of ours from the forwarding plane");
+    runs(context, pSub, [&context] { (void)context.daemon().mgmt("device.flush"); });
+    pSub = pDevice->add_subcommand("settle", "Say that the policy is complete: adopted remains are let go of");
+    runs(context, pSub, [&context] { (void)context.daemon().mgmt("device.settle"); });
+
+    CLI::App *pDebug = app.add_subcommand("debug", "Debug texts of the daemon");
+    pDebug->require_subcommand(1);
+    pSub = pDebug->add_subcommand("set", "Choose the debug texts");
+    auto pWhat = holder<std::string>();
+    pSub->add_option("what", *pWhat, "hw, event, dump, separated by commas; or off")->required();
+    runs(context, pSub, [=, &context] { changeDebug(context.daemon(), *pWhat); });
+
+    pSub = app.add_subcommand("time-range", "Switch a time range on or off by hand");
+    auto pId = holder<uint32_t>();
+    auto pState = holder<std::string>();
+    pSub->add_option("id", *pId, "Number of the time range")->required();
+    pSub->add_option("state", *pState, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
+    runs(context, pSub, [=, &context] {
+        (void)context.daemon().mgmt("timerange.set", {{"id", *pId}, {"active", *pState == "on"}});
+    });
+}
+
+int actionRun(Context &context) {
+    try {
+        context.pDaemon = std::make_unique<Daemon>(context.root);
+        return context.action();
+    } catch (const Usage &wrong) {
+        context.err << "pbrctl: " << wrong.what() << "\n";
+        return EXIT_USAGE;
+    } catch (const NoDaemon &lost) {
+        context.err << "pbrctl: " << lost.what() << "\n";
+        return EXIT_NO_DAEMON;
+    } catch (const nlohmann::json::exception &strange) {
+        context.err << "pbrctl: the daemon's answer is not understood: " << strange.what() << "\n";
+        return EXIT_NO_DAEMON;
+    } catch (const std::exception &refusal) {
+        context.err << "pbrctl: " << refusal.what() << "\n";
+        return EXIT_REFUSED;
+    }
+}
+
+} // namespace
+
+int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ostream &err) {
+    Context context{"", false, out, err, nullptr, nullptr};
+    CLI::App app("Policy-based routing: lists of nodes, each of which sends the packets of an ACL to next hops.",
+                 "pbrctl");
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
+    app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
+    app.add_flag("--json", context.json, "Print JSON");
+    for (const auto add : {applyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, rawAdd}) {
+        add(app, context);
+    }
+    try {
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // it takes them from the back
+    } catch (const CLI::ParseError &wrong) {
+        return app.exit(wrong, out, err) == 0 ? EXIT_DONE : EXIT_USAGE;
+    }
+    return actionRun(context);
+}
+
+} // namespace cli

@@ -1,0 +1,197 @@
+// The management socket speaks one JSON object a line; the command socket is the client library's.
+#include "cli/daemon.h"
+
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "cli/errors.h"
+#include "cli/numbers.h"
+#include "client/result_text.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char *UNIT_PREFIX = "unit:"; // an interface by its unit
+constexpr int MGMT_TIMEOUT_MS = 60000;              // a device may have much to do
+constexpr size_t MGMT_ANSWER_MAX = 256u * 1024 * 1024; // an answer longer than this is none
+
+std::string notReachable(const std::string &why) {
+    return "policyrouted is not reachable: " + why +
+           ". Is it running (and under this --root)? May you use its sockets (root, or the group of host.group)?";
+}
+
+void waitFor(int fd, short events) {
+    pollfd ready{fd, events, 0};
+    int count = 0;
+    do {
+        count = poll(&ready, 1, MGMT_TIMEOUT_MS);
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) {
+        throw NoDaemon("the daemon does not answer on its management socket");
+    }
+}
+
+void sendAll(int fd, const std::string &text) {
+    for (size_t sent = 0; sent < text.size();) {
+        waitFor(fd, POLLOUT);
+        const ssize_t count = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count < 0 && errno != EAGAIN && errno != EINTR) {
+            throw NoDaemon(std::string("the management socket broke: ") + strerror(errno));
+        }
+        sent += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+}
+
+std::string receiveLine(int fd) {
+    std::string line;
+    char chunk[16384];
+    while (line.empty() || line.back() != '\n') {
+        waitFor(fd, POLLIN);
+        const ssize_t count = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
+        if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+            continue;
+        }
+        if (count <= 0 || line.size() > MGMT_ANSWER_MAX) {
+            throw NoDaemon("the daemon closed its management socket");
+        }
+        line.append(chunk, static_cast<size_t>(count));
+    }
+    return line;
+}
+
+} // namespace
+
+Daemon::Daemon(std::string rootFolder) : root(std::move(rootFolder)) {}
+
+Daemon::~Daemon() {
+    if (mgmtFd >= 0) {
+        close(mgmtFd);
+    }
+}
+
+client::CommandClient &Daemon::command() {
+    if (client.fd < 0) {
+        const client::CommandStatus status = client::commandConnect(client, root);
+        if (!status.ok()) {
+            throw NoDaemon(notReachable(status.text));
+        }
+    }
+    return client;
+}
+
+bool Daemon::mgmtConnect(std::string &why) {
+    const std::string path = root + MGMT_SOCKET_PATH;
+    sockaddr_un address{};
+    if (mgmtFd >= 0) {
+        return true;
+    }
+    if (path.size() >= sizeof(address.sun_path)) {
+        why = "socket path is too long: " + path;
+        return false;
+    }
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    mgmtFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (mgmtFd < 0 || connect(mgmtFd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        why = path + ": " + strerror(errno);
+        if (mgmtFd >= 0) {
+            close(mgmtFd);
+        }
+        mgmtFd = -1;
+        return false;
+    }
+    return true;
+}
+
+std::string Daemon::mgmtExchange(const std::string &line) {
+    try {
+        sendAll(mgmtFd, line);
+        return receiveLine(mgmtFd);
+    } catch (const NoDaemon &) {
+        close(mgmtFd);
+        mgmtFd = -1;
+        throw;
+    }
+}
+
+nlohmann::json Daemon::mgmtAsk(const std::string &op, nlohmann::json request) {
+    request["op"] = op;
+    // Names may be any bytes; what is no UTF-8 is replaced rather than thrown at the operator.
+    const std::string line = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    const nlohmann::json answer = nlohmann::json::parse(mgmtExchange(line), nullptr, false);
+    if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean()) {
+        throw NoDaemon("the daemon's answer on its management socket is not understood");
+    }
+    return answer;
+}
+
+nlohmann::json Daemon::mgmt(const std::string &op, nlohmann::json request) {
+    std::string why;
+    if (!mgmtConnect(why)) {
+        throw NoDaemon(notReachable(why));
+    }
+    nlohmann::json answer = mgmtAsk(op, std::move(request));
+    if (!answer["ok"].get<bool>()) {
+        throw Refused(answer.value("error", "the daemon refused " + op));
+    }
+    return answer;
+}
+
+std::optional<nlohmann::json> Daemon::mgmtIfThere(const std::string &op) {
+    std::string why;
+    if (!mgmtConnect(why)) {
+        return std::nullopt;
+    }
+    nlohmann::json answer = mgmtAsk(op, nlohmann::json::object());
+    return answer["ok"].get<bool>() ? std::optional<nlohmann::json>(std::move(answer)) : std::nullopt;
+}
+
+void must(const client::CommandStatus &status, const std::string &what) {
+    if (status.outcome == client::COMMAND_NO_DAEMON) {
+        throw NoDaemon(what + ": " + status.text);
+    }
+    if (status.outcome == client::COMMAND_REFUSED) {
+        throw Refused(what + ": " + status.text + ". What to do: " + client::resultAdvice(status.code) + ".");
+    }
+}
+
+std::optional<uint32_t> Interfaces::unitOf(const std::string &name) const {
+    const auto found = units.find(name);
+    if (found != units.end()) {
+        return found->second;
+    }
+    if (name.rfind(UNIT_PREFIX, 0) == 0) {
+        const auto unit = numberRead(name.substr(strlen(UNIT_PREFIX)), 1, UINT32_MAX);
+        return unit ? std::optional<uint32_t>(static_cast<uint32_t>(*unit)) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::string Interfaces::nameOf(uint32_t unit) const {
+    const auto found = names.find(unit);
+    return found != names.end() ? found->second : UNIT_PREFIX + std::to_string(unit);
+}
+
+Interfaces interfacesOf(Daemon &daemon) {
+    Interfaces interfaces;
+    const auto answer = daemon.mgmtIfThere("interfaces");
+    if (!answer || !answer->contains("interfaces")) {
+        return interfaces;
+    }
+    interfaces.known = true;
+    for (const auto &each : (*answer)["interfaces"]) {
+        const uint32_t unit = each.value("unit", 0u);
+        const std::string name = each.value("name", "");
+        interfaces.units[name] = unit;
+        interfaces.names[unit] = name;
+        interfaces.up[unit] = each.value("up", false);
+    }
+    return interfaces;
+}
+
+} // namespace cli

@@ -1,0 +1,67 @@
+// pbrctl's two connections to a running daemon: the command socket (policies) and the management socket
+// (ACLs, interfaces, peers, device). Each is opened when it is first used. Failures are thrown as
+// NoDaemon or Refused.
+#ifndef CLI_DAEMON_H
+#define CLI_DAEMON_H
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "client/policy_calls.h"
+
+namespace cli {
+
+constexpr const char *MGMT_SOCKET_PATH = "/tmp/policyroutemgmt.socket";
+
+class Daemon {
+public:
+    // root: "" for the machine's own daemon, else the folder of the run (option host.root).
+    explicit Daemon(std::string rootFolder);
+    ~Daemon();
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
+
+    // The connected command socket. Throws NoDaemon.
+    client::CommandClient &command();
+
+    // One request to the management socket; `op` is put into it. Result: the answer, whose "ok" is true.
+    // Throws Refused with the daemon's text, NoDaemon.
+    nlohmann::json mgmt(const std::string &op, nlohmann::json request = nlohmann::json::object());
+
+    // As mgmt; none where the daemon has no management socket or does not know the operation: a switch's
+    // platform brings its own. Throws NoDaemon when the connection breaks.
+    std::optional<nlohmann::json> mgmtIfThere(const std::string &op);
+
+private:
+    bool mgmtConnect(std::string &why);
+    std::string mgmtExchange(const std::string &line);
+    nlohmann::json mgmtAsk(const std::string &op, nlohmann::json request);
+
+    std::string root;
+    client::CommandClient client;
+    int mgmtFd = -1;
+};
+
+// Throws Refused ("WHAT: why (code). What to do: ...") or NoDaemon unless the status is done.
+void must(const client::CommandStatus &status, const std::string &what);
+
+// The machine's interfaces as the daemon sees them.
+struct Interfaces {
+    bool known = false; // false: the daemon's platform does not tell them
+    std::map<std::string, uint32_t> units;
+    std::map<uint32_t, std::string> names;
+    std::map<uint32_t, bool> up;
+
+    // Unit of "lan0" or "unit:7"; none when there is no such interface.
+    std::optional<uint32_t> unitOf(const std::string &name) const;
+    // "lan0", or "unit:7" for a unit without a name.
+    std::string nameOf(uint32_t unit) const;
+};
+Interfaces interfacesOf(Daemon &daemon);
+
+} // namespace cli
+
+#endif

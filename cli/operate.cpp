@@ -1,0 +1,293 @@
+// Single changes over the command socket. Each multi-set operation cleans up after itself: `undoing`
+// runs a clean-up when the body throws a refusal and passes the refusal on.
+#include "cli/operate.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "cli/errors.h"
+#include "client/result_text.h"
+
+namespace cli {
+
+namespace {
+
+using client::Bytes;
+
+std::string nodePlace(const std::string &list, uint32_t index) { return "node " + list + "/" + std::to_string(index); }
+
+void set(Daemon &daemon, uint16_t command, const Bytes &key, uint32_t field, uint32_t value,
+         const std::string &what) {
+    must(client::numberSet(daemon.command(), command, key, field, value), what);
+}
+
+void setBytes(Daemon &daemon, uint16_t command, const Bytes &key, uint32_t field, const Bytes &value,
+              const std::string &what) {
+    must(client::bytesSet(daemon.command(), command, key, field, value), what);
+}
+
+Bytes bytesOf(const std::string &text) { return Bytes(text.begin(), text.end()); }
+
+uint32_t versionCode(int ipVersion) {
+    return ipVersion == 4 ? PBR_IP_VERSION_4 : ipVersion == 6 ? PBR_IP_VERSION_6 : 0;
+}
+
+template <typename Body, typename CleanUp> void undoing(Body body, CleanUp cleanUp) {
+    try {
+        body();
+    } catch (const Refused &refusal) {
+        try {
+            cleanUp();
+        } catch (const Refused &second) {
+            throw Refused(std::string(refusal.what()) + "\nand what was done before could not be undone: " +
+                          second.what());
+        }
+        throw;
+    }
+}
+
+void timeRangeUnbind(Daemon &daemon, const std::string &list, uint32_t index) {
+    const Bytes key = client::keyOfNode(list, index);
+    uint32_t id = PBR_TIME_RANGE_NONE;
+    const client::CommandStatus status =
+        client::numberGet(daemon.command(), PBR_CMD_NODE_GET, key, PBR_NODE_TIME_RANGE_ID, id);
+    if (status.ok() && id != PBR_TIME_RANGE_NONE) {
+        set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_TIME_RANGE_ID, PBR_TIME_RANGE_NONE,
+            nodePlace(list, index) + ": release time range " + std::to_string(id));
+    }
+}
+
+void nodeFieldsSet(Daemon &daemon, const std::string &list, const Node &node) {
+    const Bytes key = client::keyOfNode(list, node.index);
+    const std::string place = nodePlace(list, node.index);
+    const auto give = [&](uint32_t field, uint32_t value, const std::string &what) {
+        if (value != 0) {
+            set(daemon, PBR_CMD_NODE_SET, key, field, value, place + ": " + what + " " + std::to_string(value));
+        }
+    };
+    give(PBR_NODE_IP_VERSION, versionCode(node.ipVersion), "IP version code");
+    give(PBR_NODE_MATCH_VALUE1, node.matchValue1, "match value 1");
+    give(PBR_NODE_MATCH_VALUE2, node.matchValue2, "match value 2");
+    give(PBR_NODE_ACL_NUM, node.acl, "acl");
+    give(PBR_NODE_VRF_ID, node.vrf, "vrf");
+    give(PBR_NODE_IP_PRI, node.priority, "priority");
+    give(PBR_NODE_OUT_IF_UNIT, node.outIfUnit, "out interface unit");
+    give(PBR_NODE_FIELD7, node.field7, "field 7");
+    give(PBR_NODE_FORWARD_FLAG, node.forwardFlag, "forward flag");
+    give(PBR_NODE_IS_ECMP, node.ecmp, "ecmp");
+}
+
+// One field of a change, with the way back.
+struct FieldChange {
+    uint32_t field;
+    uint32_t value;
+    std::string what;
+    std::vector<std::pair<uint32_t, uint32_t>> back; // (field, value) sets that undo it
+};
+
+uint32_t timeRangeCode(const std::optional<uint32_t> &timeRange) { return timeRange.value_or(PBR_TIME_RANGE_NONE); }
+
+void versionChanges(const Node &before, const Node &after, std::vector<FieldChange> &changes) {
+    if (before.ipVersion == after.ipVersion) {
+        return;
+    }
+    if (before.ipVersion != 0) {
+        // Refused by the daemon; its answer tells the operator.
+        changes.push_back({PBR_NODE_IP_VERSION, versionCode(after.ipVersion), "IP version", {}});
+        return;
+    }
+    // The daemon checks the new version against the ACL that the node still has.
+    if (before.acl != 0 && before.acl != after.acl) {
+        changes.push_back({PBR_NODE_ACL_NUM, 0, "acl none", {{PBR_NODE_ACL_NUM, before.acl}}});
+    }
+    // A version cannot be set back; clearing with 0 makes it unset, keeps next hops and drops the VRF.
+    changes.push_back({PBR_NODE_IP_VERSION, versionCode(after.ipVersion), "IP version",
+                       {{PBR_NODE_CLEAR, 0}, {PBR_NODE_VRF_ID, before.vrf}}});
+}
+
+std::vector<FieldChange> nodeChanges(const Node &before, const Node &after) {
+    std::vector<FieldChange> changes;
+    versionChanges(before, after, changes);
+    const bool aclTakenOff = !changes.empty() && changes.front().field == PBR_NODE_ACL_NUM;
+    const auto differ = [&changes](uint32_t field, uint32_t was, uint32_t becomes, const char *pWhat) {
+        if (was != becomes) {
+            changes.push_back({field, becomes, pWhat + (" " + std::to_string(becomes)), {{field, was}}});
+        }
+    };
+    // An ACL that the node has already would be refused as used.
+    differ(PBR_NODE_ACL_NUM, aclTakenOff ? 0 : before.acl, after.acl, "acl");
+    differ(PBR_NODE_VRF_ID, before.vrf, after.vrf, "vrf");
+    differ(PBR_NODE_IP_PRI, before.priority, after.priority, "priority");
+    differ(PBR_NODE_OUT_IF_UNIT, before.outIfUnit, after.outIfUnit, "out interface unit");
+    differ(PBR_NODE_IS_ECMP, before.ecmp, after.ecmp, "ecmp");
+    if (before.timeRange != after.timeRange) {
+        if (before.timeRange) {
+            changes.push_back({PBR_NODE_TIME_RANGE_ID, PBR_TIME_RANGE_NONE, "time-range none",
+                               {{PBR_NODE_TIME_RANGE_ID, *before.timeRange}}});
+        }
+        if (after.timeRange) {
+            changes.push_back({PBR_NODE_TIME_RANGE_ID, *after.timeRange,
+                               "time-range " + std::to_string(*after.timeRange),
+                               {{PBR_NODE_TIME_RANGE_ID, timeRangeCode(std::nullopt)}}});
+        }
+    }
+    return changes;
+}
+
+nlohmann::json rulesJson(const AclRules &rules) {
+    nlohmann::json texts = nlohmann::json::object();
+    for (const auto &[number, rule] : rules) {
+        texts[std::to_string(number)] = rule.text;
+    }
+    return texts;
+}
+
+} // namespace
+
+void listMake(Daemon &daemon, const std::string &name) {
+    const Bytes key = client::keyOfList(name);
+    const std::string what = "list " + name;
+    set(daemon, PBR_CMD_LIST_SET, key, PBR_LIST_STATUS, PBR_ROW_CREATED, what + ": create");
+    undoing([&] { set(daemon, PBR_CMD_LIST_SET, key, PBR_LIST_STATUS, PBR_ROW_ACTIVE, what + ": activate"); },
+            [&] { listRemove(daemon, name); });
+}
+
+void listRemove(Daemon &daemon, const std::string &name) {
+    std::vector<client::NodePlace> nodes;
+    must(client::nodesWalk(daemon.command(), nodes), "list " + name + ": read its nodes");
+    for (const client::NodePlace &node : nodes) {
+        if (node.list == name) {
+            timeRangeUnbind(daemon, name, node.nodeIndex);
+        }
+    }
+    set(daemon, PBR_CMD_LIST_SET, client::keyOfList(name), PBR_LIST_STATUS, PBR_ROW_DESTROY,
+        "list " + name + ": remove");
+}
+
+void nodeMake(Daemon &daemon, const std::string &list, const Node &node) {
+    const Bytes key = client::keyOfNode(list, node.index);
+    const std::string place = nodePlace(list, node.index);
+    set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_STATUS, PBR_ROW_CREATED, place + ": create");
+    undoing(
+        [&] {
+            nodeFieldsSet(daemon, list, node);
+            for (const NextHop &nextHop : node.nextHops) {
+                nextHopMake(daemon, list, node.index, nextHop);
+            }
+            if (node.active) {
+                set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_STATUS, PBR_ROW_ACTIVE, place + ": activate");
+            }
+            if (node.timeRange) {
+                set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_TIME_RANGE_ID, *node.timeRange,
+                    place + ": time-range " + std::to_string(*node.timeRange));
+            }
+        },
+        [&] { nodeRemove(daemon, list, node.index); });
+}
+
+void nodeRemove(Daemon &daemon, const std::string &list, uint32_t index) {
+    timeRangeUnbind(daemon, list, index);
+    set(daemon, PBR_CMD_NODE_SET, client::keyOfNode(list, index), PBR_NODE_STATUS, PBR_ROW_DESTROY,
+        nodePlace(list, index) + ": remove");
+}
+
+void nodeClear(Daemon &daemon, const std::string &list, uint32_t index) {
+    set(daemon, PBR_CMD_NODE_SET, client::keyOfNode(list, index), PBR_NODE_CLEAR, 1,
+        nodePlace(list, index) + ": clear");
+}
+
+void nodeChange(Daemon &daemon, const std::string &list, const Node &before, const Node &after) {
+    const Bytes key = client::keyOfNode(list, before.index);
+    const std::string place = nodePlace(list, before.index);
+    std::vector<FieldChange> done;
+    undoing(
+        [&] {
+            for (const FieldChange &change : nodeChanges(before, after)) {
+                set(daemon, PBR_CMD_NODE_SET, key, change.field, change.value, place + ": " + change.what);
+                done.push_back(change);
+            }
+        },
+        [&] {
+            for (auto change = done.rbegin(); change != done.rend(); ++change) {
+                for (const auto &[field, value] : change->back) {
+                    set(daemon, PBR_CMD_NODE_SET, key, field, value, place + ": " + change->what);
+                }
+            }
+        });
+}
+
+void nextHopMake(Daemon &daemon, const std::string &list, uint32_t nodeIndex, const NextHop &nextHop) {
+    const Bytes key = client::keyOfNode(list, nodeIndex, nextHop.index);
+    const std::string what = nodePlace(list, nodeIndex) + ": next hop " + nextHopText(nextHop) + " (number " +
+                             std::to_string(nextHop.index) + ")";
+    set(daemon, PBR_CMD_NEXT_HOP_SET, key, PBR_NEXT_HOP_STATUS, PBR_ROW_CREATED, what);
+    undoing(
+        [&] {
+            const auto give = [&](uint32_t field, const Bytes &value) {
+                if (!value.empty()) {
+                    setBytes(daemon, PBR_CMD_NEXT_HOP_SET, key, field, value, what);
+                }
+            };
+            give(PBR_NEXT_HOP_ADDRESS, nextHop.address);
+            give(PBR_NEXT_HOP_NQA_ADMIN_NAME, bytesOf(nextHop.probeAdmin));
+            give(PBR_NEXT_HOP_NQA_TEST_NAME, bytesOf(nextHop.probeTest));
+            if (nextHop.active) {
+                set(daemon, PBR_CMD_NEXT_HOP_SET, key, PBR_NEXT_HOP_STATUS, PBR_ROW_ACTIVE, what + ": activate");
+            }
+        },
+        [&] { nextHopRemove(daemon, list, nodeIndex, nextHop.index); });
+}
+
+void nextHopRemove(Daemon &daemon, const std::string &list, uint32_t nodeIndex, uint8_t index) {
+    set(daemon, PBR_CMD_NEXT_HOP_SET, client::keyOfNode(list, nodeIndex, index), PBR_NEXT_HOP_STATUS,
+        PBR_ROW_DESTROY, nodePlace(list, nodeIndex) + ": remove next hop " + std::to_string(index));
+}
+
+void bindMake(Daemon &daemon, uint32_t unit, const std::string &interface, const std::string &list) {
+    const Bytes key = client::keyOfInterface(unit);
+    const std::string what = "interface " + interface + ": bind list " + list;
+    Bytes before;
+    const client::CommandStatus had =
+        client::bytesGet(daemon.command(), PBR_CMD_IF_GET, key, PBR_IF_PBR_NAME, before);
+    if (had.outcome == client::COMMAND_NO_DAEMON) {
+        must(had, what);
+    }
+    set(daemon, PBR_CMD_IF_SET, key, PBR_IF_STATUS, PBR_IF_CREATE, what);
+    undoing([&] { setBytes(daemon, PBR_CMD_IF_SET, key, PBR_IF_PBR_NAME, bytesOf(list), what); },
+            [&] {
+                if (!had.ok()) {
+                    set(daemon, PBR_CMD_IF_SET, key, PBR_IF_STATUS, PBR_IF_DESTROY, what);
+                } else if (!before.empty()) {
+                    // Still bound: nothing happens. Its old list taken off already: it is bound again.
+                    setBytes(daemon, PBR_CMD_IF_SET, key, PBR_IF_PBR_NAME, before, what);
+                }
+            });
+}
+
+void bindRemove(Daemon &daemon, uint32_t unit, const std::string &interface) {
+    set(daemon, PBR_CMD_IF_SET, client::keyOfInterface(unit), PBR_IF_STATUS, PBR_IF_DESTROY,
+        "interface " + interface + ": unbind");
+}
+
+void aclPut(Daemon &daemon, uint32_t acl, const AclRules &rules) {
+    (void)daemon.mgmt("acl.replace", {{"acl", acl}, {"rules", rulesJson(rules)}}); // warnings concern removals only
+}
+
+void aclRemove(Daemon &daemon, uint32_t acl) { (void)daemon.mgmt("acl.destroy", {{"acl", acl}}); }
+
+void stepDo(Daemon &daemon, const Step &step) {
+    const Binding &binding = step.binding;
+    switch (step.kind) {
+    case StepKind::AclPut: return aclPut(daemon, step.acl, step.rules);
+    case StepKind::AclRemove: return aclRemove(daemon, step.acl);
+    case StepKind::Unbind: return bindRemove(daemon, binding.unit, binding.interface);
+    case StepKind::Bind:
+    case StepKind::Rebind: return bindMake(daemon, binding.unit, binding.interface, binding.list);
+    case StepKind::NodeRemove: return nodeRemove(daemon, step.list, step.node.index);
+    case StepKind::NodeMake: return nodeMake(daemon, step.list, step.node);
+    case StepKind::ListRemove: return listRemove(daemon, step.list);
+    case StepKind::ListMake: return listMake(daemon, step.list);
+    }
+}
+
+} // namespace cli

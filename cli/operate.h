@@ -1,0 +1,42 @@
+// Single changes of the running policy, each whole or not at all: a node is made with all its fields and
+// next hops, or removed again. The order of the underlying sets is the one that the daemon accepts:
+// the IP version before the ACL and the next hops, VRF before the next hops, a next hop's address and
+// probe names before its activation, the time range last.
+//
+// Failures are thrown: Refused, NoDaemon.
+#ifndef CLI_OPERATE_H
+#define CLI_OPERATE_H
+
+#include "cli/daemon.h"
+#include "cli/planner.h"
+#include "cli/policy.h"
+
+namespace cli {
+
+void listMake(Daemon &daemon, const std::string &name);
+// Unbinds the time ranges of its nodes first: the daemon would leave them registered.
+void listRemove(Daemon &daemon, const std::string &name);
+
+void nodeMake(Daemon &daemon, const std::string &list, const Node &node);
+void nodeRemove(Daemon &daemon, const std::string &list, uint32_t index);
+// Removes the node's next hops and makes its IP version and VRF unset.
+void nodeClear(Daemon &daemon, const std::string &list, uint32_t index);
+// Makes the node `before` equal to `after`, field by field; next hops are not touched.
+void nodeChange(Daemon &daemon, const std::string &list, const Node &before, const Node &after);
+
+void nextHopMake(Daemon &daemon, const std::string &list, uint32_t nodeIndex, const NextHop &nextHop);
+void nextHopRemove(Daemon &daemon, const std::string &list, uint32_t nodeIndex, uint8_t index);
+
+// Binds, also instead of another list.
+void bindMake(Daemon &daemon, uint32_t unit, const std::string &interface, const std::string &list);
+void bindRemove(Daemon &daemon, uint32_t unit, const std::string &interface);
+
+void aclPut(Daemon &daemon, uint32_t acl, const AclRules &rules);
+void aclRemove(Daemon &daemon, uint32_t acl);
+
+// Does a step of a plan.
+void stepDo(Daemon &daemon, const Step &step);
+
+} // namespace cli
+
+#endif

@@ -1,0 +1,501 @@
+// The policy file's reader: one function a section, each of which notes problems and goes on, so that
+// an operator sees all of them at once.
+#include "cli/policy_file.h"
+
+#include <algorithm>
+#include <functional>
+#include <set>
+
+#include <yaml-cpp/yaml.h>
+
+#include "cli/numbers.h"
+
+namespace cli {
+
+namespace {
+
+constexpr size_t MAX_INTERFACE_NAME = 15; // characters of an interface name
+
+struct Reader {
+    PolicyFile &file;
+    std::vector<std::pair<int, std::string>> problems; // line, reason
+    std::map<uint32_t, std::string> aclUsers;          // ACL -> the node that uses it
+    std::set<std::string> probes;                      // defined ones, "admin/test"
+    std::set<uint32_t> timeRanges;                     // defined ones
+
+    void problem(int line, const std::string &reason) { problems.push_back({line, reason}); }
+    void problem(const YAML::Node &at, const std::string &reason) { problem(at.Mark().line + 1, reason); }
+    void warning(const YAML::Node &at, const std::string &text) {
+        file.warnings.push_back(file.name + ":" + std::to_string(at.Mark().line + 1) + ": " + text);
+    }
+};
+
+using Entry = std::function<void(const std::string &key, const YAML::Node &keyNode, const YAML::Node &value)>;
+
+// Calls `entry` for each pair of a map. Anything but a map is a problem; nothing at all ("acls:") is an
+// empty map. A key that stands twice is a problem of its second place.
+void mapRead(Reader &reader, const YAML::Node &map, const std::string &what, const Entry &entry) {
+    if (map.IsNull()) {
+        return;
+    }
+    if (!map.IsMap()) {
+        return reader.problem(map, what + " must be a map of KEY: VALUE");
+    }
+    std::set<std::string> seen;
+    for (const auto &pair : map) {
+        if (!pair.first.IsScalar()) {
+            reader.problem(pair.first, what + ": a key must be plain text");
+        } else if (!seen.insert(pair.first.Scalar()).second) {
+            reader.problem(pair.first, what + ": '" + pair.first.Scalar() + "' stands here for the second time");
+        } else {
+            entry(pair.first.Scalar(), pair.first, pair.second);
+        }
+    }
+}
+
+std::optional<std::string> textRead(Reader &reader, const YAML::Node &node, const std::string &what) {
+    if (!node.IsScalar()) {
+        reader.problem(node, what + " must be plain text");
+        return std::nullopt;
+    }
+    return node.Scalar();
+}
+
+std::optional<uint32_t> numberOf(Reader &reader, const YAML::Node &node, const std::string &what, uint32_t least,
+                                 uint32_t most) {
+    const auto value = node.IsScalar() ? numberRead(node.Scalar(), least, most) : std::nullopt;
+    if (!value) {
+        reader.problem(node, what + " must be a number " + std::to_string(least) + ".." + std::to_string(most) +
+                                 (node.IsScalar() ? ", not '" + node.Scalar() + "'" : ""));
+        return std::nullopt;
+    }
+    return static_cast<uint32_t>(*value);
+}
+
+std::optional<uint32_t> aclNumberOf(Reader &reader, const YAML::Node &node) {
+    const auto number = numberOf(reader, node, "an ACL number", 1, UINT32_MAX);
+    if (number && !aclVersionOf(*number)) {
+        reader.problem(node, "ACL " + std::to_string(*number) + " can never be used by a node: use 1001..2000 for "
+                             "IPv4, 3001..4000 for IPv6, or 5001 and up");
+        return std::nullopt;
+    }
+    return number;
+}
+
+bool isPlainName(const std::string &name) {
+    return std::none_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x21 || c == 0x7f || c == '/'; });
+}
+
+// ---- acls ----
+
+void aclsRead(Reader &reader, const YAML::Node &section) {
+    mapRead(reader, section, "acls", [&](const std::string &, const YAML::Node &key, const YAML::Node &value) {
+        const auto aclNum = aclNumberOf(reader, key);
+        if (!aclNum) {
+            return;
+        }
+        AclRules &rules = reader.file.policy.acls[*aclNum];
+        const std::string what = "acl " + std::to_string(*aclNum);
+        mapRead(reader, value, what, [&](const std::string &, const YAML::Node &ruleKey, const YAML::Node &rule) {
+            const auto number = numberOf(reader, ruleKey, what + ": a rule number", 1, UINT32_MAX);
+            const auto text = textRead(reader, rule, what + ": a rule");
+            if (!number || !text) {
+                return;
+            }
+            std::string error;
+            const auto parsed = aclRuleRead(*aclNum, *text, error);
+            if (!parsed) {
+                return reader.problem(rule, what + " rule " + std::to_string(*number) + ": " + error);
+            }
+            rules[*number] = {*text, parsed};
+        });
+        if (rules.empty() && reader.problems.empty()) {
+            reader.warning(key, what + " has no rules and matches nothing");
+        }
+    });
+}
+
+// ---- probes and time ranges: read and checked as far as their keys go ----
+
+bool probeNameRead(const std::string &name, NextHop &nextHop) {
+    const size_t slash = name.find('/');
+    if (slash == std::string::npos) {
+        return false;
+    }
+    nextHop.probeAdmin = name.substr(0, slash);
+    nextHop.probeTest = name.substr(slash + 1);
+    return !nextHop.probeAdmin.empty() && !nextHop.probeTest.empty() &&
+           nextHop.probeAdmin.size() <= MAX_PROBE_NAME && nextHop.probeTest.size() <= MAX_PROBE_NAME &&
+           isPlainName(nextHop.probeAdmin) && isPlainName(nextHop.probeTest);
+}
+
+constexpr const char *PROBE_NAME_FORM = "is no probe name: ADMINISTRATOR/TEST, each of 1 to 32 bytes";
+
+void knownKeysCheck(Reader &reader, const YAML::Node &map, const std::string &what,
+                    const std::set<std::string> &known) {
+    if (!map.IsMap()) {
+        return reader.problem(map, what + " must be a map of KEY: VALUE");
+    }
+    mapRead(reader, map, what, [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
+        if (known.count(name) == 0) {
+            std::string all;
+            for (const std::string &each : known) {
+                all += (all.empty() ? "" : ", ") + each;
+            }
+            reader.problem(key, what + ": unknown key '" + name + "'; known are " + all);
+        } else if (!value.IsScalar()) {
+            reader.problem(value, what + ": " + name + " must be plain text");
+        }
+    });
+}
+
+void probesRead(Reader &reader, const YAML::Node &section) {
+    mapRead(reader, section, "probes", [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
+        NextHop named;
+        if (!probeNameRead(name, named)) {
+            return reader.problem(key, "'" + name + "' " + PROBE_NAME_FORM);
+        }
+        reader.probes.insert(name);
+        knownKeysCheck(reader, value, "probe " + name,
+                       {"icmp", "tcp", "udp", "http", "source", "vrf", "interval", "timeout", "down-after",
+                        "up-after"});
+    });
+    if (!reader.probes.empty()) {
+        reader.warning(section, "probes are read and checked, but not run by this version: each counts as failing");
+    }
+}
+
+void timeRangesRead(Reader &reader, const YAML::Node &section) {
+    mapRead(reader, section, "time-ranges", [&](const std::string &, const YAML::Node &key, const YAML::Node &value) {
+        const auto id = numberOf(reader, key, "a time range's number", 1, UINT32_MAX - 1);
+        if (!id) {
+            return;
+        }
+        reader.timeRanges.insert(*id);
+        knownKeysCheck(reader, value, "time-range " + std::to_string(*id), {"days", "from", "to", "start", "end"});
+    });
+    if (!reader.timeRanges.empty()) {
+        reader.warning(section, "time ranges are read and checked, but their schedules are not run by this version: "
+                                "a range is inactive unless 'pbrctl time-range ID on' was said");
+    }
+}
+
+// ---- lists ----
+
+struct NodeReader {
+    Reader &reader;
+    std::string place; // "node wan/10"
+    Node node;
+    std::optional<int> hopVersion;  // IP version of its next hops
+    bool complete = true;           // every key could be read
+
+    std::optional<uint32_t> number(const YAML::Node &value, const char *pWhat, uint32_t least, uint32_t most) {
+        const auto read = numberOf(reader, value, place + ": " + pWhat, least, most);
+        complete = complete && read;
+        return read;
+    }
+    void problem(const YAML::Node &at, const std::string &reason) {
+        complete = false;
+        reader.problem(at, place + ": " + reason);
+    }
+};
+
+void probeOfHopRead(NodeReader &of, const YAML::Node &value, NextHop &nextHop) {
+    const auto name = textRead(of.reader, value, of.place + ": probe");
+    if (!name) {
+        return;
+    }
+    if (!probeNameRead(*name, nextHop)) {
+        return of.problem(value, "'" + *name + "' " + PROBE_NAME_FORM);
+    }
+    if (of.reader.probes.count(*name) == 0) {
+        of.problem(value, "probe " + *name + " is not defined under probes");
+    }
+}
+
+bool isUsableAddress(const std::vector<uint8_t> &address) {
+    const bool zero = std::all_of(address.begin(), address.end(), [](uint8_t byte) { return byte == 0; });
+    const bool multicast = address.size() == 4 ? address[0] >= 224 : address[0] == 0xff;
+    const bool loopback = address.size() == 4
+                              ? address[0] == 127
+                              : address.back() == 1 && std::all_of(address.begin(), address.end() - 1,
+                                                                   [](uint8_t byte) { return byte == 0; });
+    return !zero && !multicast && !loopback;
+}
+
+void hopAddressRead(NodeReader &of, const YAML::Node &value, NextHop &nextHop) {
+    const auto text = textRead(of.reader, value, of.place + ": the address of a next hop");
+    if (!text) {
+        of.complete = false;
+        return;
+    }
+    const auto address = addressRead(*text);
+    if (!address || !isUsableAddress(*address)) {
+        return of.problem(value, "'" + *text + "' is no address of a next hop: one IPv4 or IPv6 address of a host");
+    }
+    const int version = address->size() == 4 ? 4 : 6;
+    if (of.hopVersion.value_or(version) != version) {
+        return of.problem(value, "next hop " + *text + " is of another IP version than the node's first next hop");
+    }
+    for (const NextHop &other : of.node.nextHops) {
+        if (other.address == *address) {
+            return of.problem(value, "next hop " + *text + " stands in this node for the second time");
+        }
+    }
+    of.hopVersion = version;
+    nextHop.address = *address;
+}
+
+void hopRead(NodeReader &of, const YAML::Node &value) {
+    NextHop nextHop;
+    if (value.IsScalar()) {
+        hopAddressRead(of, value, nextHop);
+    } else {
+        bool hasAddress = false;
+        mapRead(of.reader, value, of.place + ": a next hop",
+                [&](const std::string &name, const YAML::Node &key, const YAML::Node &each) {
+                    if (name == "address") {
+                        hasAddress = true;
+                        hopAddressRead(of, each, nextHop);
+                    } else if (name == "probe") {
+                        probeOfHopRead(of, each, nextHop);
+                    } else {
+                        of.problem(key, "unknown key '" + name + "' of a next hop; known are address, probe");
+                    }
+                });
+        if (value.IsMap() && !hasAddress) {
+            of.problem(value, "a next hop has no address");
+        }
+    }
+    of.complete = of.complete && !nextHop.address.empty();
+    if (of.node.nextHops.size() == MAX_NEXT_HOPS) {
+        return of.problem(value, "a node has at most four next hops");
+    }
+    nextHop.index = static_cast<uint8_t>(of.node.nextHops.size() + 1);
+    of.node.nextHops.push_back(nextHop);
+}
+
+void hopsRead(NodeReader &of, const YAML::Node &value) {
+    if (!value.IsSequence() || value.size() == 0) {
+        return of.problem(value, "next-hops must be a list of addresses, such as [192.0.2.1, 192.0.2.5]");
+    }
+    for (const YAML::Node &each : value) {
+        hopRead(of, each);
+    }
+}
+
+void nodeAclRead(NodeReader &of, const YAML::Node &value) {
+    const auto acl = aclNumberOf(of.reader, value);
+    of.complete = of.complete && acl;
+    if (!acl) {
+        return;
+    }
+    of.node.acl = *acl;
+    if (of.reader.file.policy.acls.count(*acl) == 0) {
+        of.problem(value, "acl " + std::to_string(*acl) + " is not defined under acls");
+    }
+    const auto [user, isNew] = of.reader.aclUsers.insert({*acl, of.place});
+    if (!isNew) {
+        of.problem(value, "acl " + std::to_string(*acl) + " is already used by " + user->second +
+                              "; an ACL serves one node: define a second ACL with the same rules");
+    }
+}
+
+void ecmpRead(NodeReader &of, const YAML::Node &value) {
+    bool ecmp = false;
+    if (!value.IsScalar() || !YAML::convert<bool>::decode(value, ecmp)) {
+        return of.problem(value, "ecmp must be true or false");
+    }
+    of.node.ecmp = ecmp ? 1 : 0;
+}
+
+void nodeInterfaceRead(NodeReader &of, const YAML::Node &value) {
+    const auto name = textRead(of.reader, value, of.place + ": interface");
+    if (!name || name->empty() || name->size() > MAX_INTERFACE_NAME || !isPlainName(*name)) {
+        return of.problem(value, "interface must be the name of an interface");
+    }
+    of.node.outIfName = *name;
+    of.reader.file.interfaceLines.insert({*name, value.Mark().line + 1});
+}
+
+void nodePriorityRead(NodeReader &of, const YAML::Node &value) {
+    const auto priority = of.number(value, "priority", 1, MAX_PRIORITY);
+    if (priority == PRIORITY_NONE) {
+        return of.problem(value, "priority 9 cannot be asked for: the daemon takes it as 'no priority'");
+    }
+    of.node.priority = priority.value_or(0);
+}
+
+void nodeTimeRangeRead(NodeReader &of, const YAML::Node &value) {
+    of.node.timeRange = of.number(value, "time-range", 1, UINT32_MAX - 1);
+    if (of.node.timeRange && of.reader.timeRanges.count(*of.node.timeRange) == 0) {
+        of.problem(value, "time range " + std::to_string(*of.node.timeRange) + " is not defined under time-ranges");
+    }
+}
+
+void nodeKeyRead(NodeReader &of, const std::string &name, const YAML::Node &key, const YAML::Node &value) {
+    if (name == "acl") {
+        nodeAclRead(of, value);
+    } else if (name == "next-hops") {
+        hopsRead(of, value);
+    } else if (name == "interface") {
+        nodeInterfaceRead(of, value);
+    } else if (name == "priority") {
+        nodePriorityRead(of, value);
+    } else if (name == "ecmp") {
+        ecmpRead(of, value);
+    } else if (name == "vrf") {
+        of.node.vrf = of.number(value, "vrf", 0, UINT32_MAX).value_or(0);
+    } else if (name == "time-range") {
+        nodeTimeRangeRead(of, value);
+    } else {
+        of.problem(key, "unknown key '" + name + "'; known are acl, ecmp, interface, next-hops, priority, "
+                        "time-range, vrf");
+    }
+}
+
+// What the keys of a node mean together.
+void nodeCheck(NodeReader &of, const YAML::Node &at) {
+    Node &node = of.node;
+    const int aclVersion = aclVersionOf(node.acl).value_or(0);
+    const std::string acl = "acl " + std::to_string(node.acl);
+    if (node.acl == 0) {
+        of.problem(at, "the node has no acl, so it matches nothing");
+    } else if (!node.nextHops.empty() && aclVersion == 0) {
+        of.problem(at, acl + " is of either IP version, and a node with next hops takes ACLs 1001..2000 (IPv4) or "
+                             "3001..4000 (IPv6)");
+    } else if (of.hopVersion && *of.hopVersion != aclVersion) {
+        of.problem(at, acl + " is of IPv" + std::to_string(aclVersion) + ", its next hops are of IPv" +
+                           std::to_string(*of.hopVersion));
+    }
+    if (!node.outIfName.empty() && !node.nextHops.empty()) {
+        of.problem(at, "a node has next hops or an interface, not both");
+    }
+    if (node.ecmp != 0 && node.nextHops.empty()) {
+        of.problem(at, "ecmp needs next hops");
+    }
+    if (node.outIfName.empty() && node.nextHops.empty() && node.priority == 0) {
+        of.problem(at, "the node has no action: give it next-hops, an interface or a priority");
+    }
+    node.ipVersion = aclVersion;
+}
+
+void nodeRead(Reader &reader, List &list, const YAML::Node &key, const YAML::Node &value) {
+    const auto index = numberOf(reader, key, "list " + list.name + ": a node's number", 1, UINT32_MAX);
+    if (!index) {
+        return;
+    }
+    NodeReader of{reader, "node " + list.name + "/" + std::to_string(*index), {}, {}, true};
+    of.node.index = *index;
+    if (!value.IsMap()) {
+        return of.problem(value.IsDefined() && !value.IsNull() ? value : key,
+                          "must be a map such as {acl: 1501, next-hops: [192.0.2.1]}");
+    }
+    mapRead(reader, value, of.place, [&](const std::string &name, const YAML::Node &each, const YAML::Node &of2) {
+        nodeKeyRead(of, name, each, of2);
+    });
+    if (of.complete) {
+        nodeCheck(of, key);
+    }
+    list.nodes[*index] = of.node;
+}
+
+void listsRead(Reader &reader, const YAML::Node &section) {
+    mapRead(reader, section, "lists", [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
+        if (name.empty() || name.size() > MAX_LIST_NAME) {
+            return reader.problem(key, "list '" + name + "': a name has 1 to 16 bytes, this one has " +
+                                           std::to_string(name.size()));
+        }
+        if (!isPlainName(name)) {
+            return reader.problem(key, "list '" + name + "': a name has no spaces, slashes or control characters");
+        }
+        List &list = reader.file.policy.lists[name];
+        list.name = name;
+        mapRead(reader, value, "list " + name,
+                [&](const std::string &, const YAML::Node &nodeKey, const YAML::Node &node) {
+                    nodeRead(reader, list, nodeKey, node);
+                });
+    });
+}
+
+// ---- bindings ----
+
+void bindingsRead(Reader &reader, const YAML::Node &section) {
+    std::map<std::string, size_t> uses;
+    mapRead(reader, section, "bindings", [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
+        if (name.empty() || name.size() > MAX_INTERFACE_NAME || !isPlainName(name)) {
+            return reader.problem(key, "'" + name + "' is no name of an interface");
+        }
+        const auto list = textRead(reader, value, "binding " + name);
+        if (!list) {
+            return;
+        }
+        if (reader.file.policy.lists.count(*list) == 0) {
+            return reader.problem(value, "binding " + name + ": list '" + *list + "' is not defined under lists");
+        }
+        if (++uses[*list] == MAX_BOUND + 1) {
+            return reader.problem(key, "binding " + name + ": list " + *list + " is bound to 15 interfaces already; "
+                                       "make a second list (with ACLs of its own) for the others");
+        }
+        reader.file.policy.bindings.push_back({name, 0, *list});
+        reader.file.interfaceLines.insert({name, key.Mark().line + 1});
+        if (reader.file.policy.lists[*list].nodes.empty()) {
+            reader.warning(value, "list " + *list + " has no nodes: binding it changes nothing");
+        }
+    });
+}
+
+void documentRead(Reader &reader, const YAML::Node &document) {
+    const std::set<std::string> sections = {"acls", "probes", "time-ranges", "lists", "bindings"};
+    if (!document.IsMap()) {
+        return reader.problem(1, "the file must be a map with the sections acls, probes, time-ranges, lists, "
+                                 "bindings; 'lists: {}' alone removes the whole policy");
+    }
+    std::map<std::string, YAML::Node> found;
+    mapRead(reader, document, "the file", [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
+        if (sections.count(name) == 0) {
+            return reader.problem(key, "unknown section '" + name + "'; known are acls, bindings, lists, probes, "
+                                       "time-ranges");
+        }
+        found[name] = value;
+    });
+    // In the order of what refers to what, wherever they stand.
+    const std::pair<const char *, void (*)(Reader &, const YAML::Node &)> readers[] = {
+        {"acls", aclsRead}, {"probes", probesRead}, {"time-ranges", timeRangesRead},
+        {"lists", listsRead}, {"bindings", bindingsRead}};
+    for (const auto &[pName, pRead] : readers) {
+        if (found.count(pName) != 0) {
+            pRead(reader, found[pName]);
+        }
+    }
+}
+
+} // namespace
+
+PolicyFile policyFileRead(const std::string &name, const std::string &text) {
+    PolicyFile file;
+    file.name = name;
+    Reader reader{file, {}, {}, {}, {}};
+    try {
+        const std::vector<YAML::Node> documents = YAML::LoadAll(text);
+        if (documents.size() > 1) {
+            reader.problem(documents[1].Mark().line + 1, "a policy file holds one document");
+        } else {
+            documentRead(reader, documents.empty() ? YAML::Node() : documents[0]);
+        }
+    } catch (const YAML::Exception &wrong) {
+        reader.problem(wrong.mark.is_null() ? 1 : wrong.mark.line + 1, wrong.msg);
+    }
+    std::stable_sort(reader.problems.begin(), reader.problems.end(),
+                     [](const auto &left, const auto &right) { return left.first < right.first; });
+    for (const auto &[line, reason] : reader.problems) {
+        file.problems.push_back(name + ":" + std::to_string(line) + ": " + reason);
+    }
+    for (const auto &[listName, list] : file.policy.lists) {
+        const std::vector<std::string> warnings = listWarnings(list);
+        file.warnings.insert(file.warnings.end(), warnings.begin(), warnings.end());
+    }
+    return file;
+}
+
+} // namespace cli

@@ -1,0 +1,29 @@
+// Reads and checks a policy file (YAML). The whole file is checked and every problem is reported with
+// its line before anything is changed anywhere; what the file alone cannot tell (whether an interface
+// exists) is checked by whoever applies it.
+#ifndef CLI_POLICY_FILE_H
+#define CLI_POLICY_FILE_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "cli/policy.h"
+
+namespace cli {
+
+struct PolicyFile {
+    std::string name;                  // for texts
+    Policy policy;                     // units are 0 until they are looked up
+    std::vector<std::string> problems; // "file:line: reason", in line order; empty: the file may be applied
+    std::vector<std::string> warnings; // "file:line: ..." or plain sentences
+    // Lines where an interface is named, for "does not exist": interface name -> line.
+    std::map<std::string, int> interfaceLines;
+};
+
+// Reads `text`, the contents of the file `name`. Never throws for bad contents. Lock: none
+PolicyFile policyFileRead(const std::string &name, const std::string &text);
+
+} // namespace cli
+
+#endif

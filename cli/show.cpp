@@ -1,0 +1,195 @@
+// One function a report: read, make rows, print.
+#include "cli/show.h"
+
+#include "cli/errors.h"
+#include "cli/running.h"
+#include "cli/show_rows.h"
+#include "cli/table.h"
+#include "core/pbr_types.h"
+
+namespace cli {
+
+namespace {
+
+using nlohmann::json;
+
+Surroundings surroundingsRead(Daemon &daemon) {
+    Surroundings around;
+    if (const auto answer = daemon.mgmtIfThere("peers")) {
+        around.peers = answer->value("peers", json());
+    }
+    if (const auto answer = daemon.mgmtIfThere("device.show")) {
+        // The report stands beside "ok" or under a member of its own.
+        around.device = answer->contains("device") ? (*answer)["device"] : *answer;
+        around.device.erase("ok");
+    }
+    return around;
+}
+
+void printJson(const json &value, std::ostream &out) {
+    out << value.dump(2, ' ', false, json::error_handler_t::replace) << "\n";
+}
+
+void printTable(const std::vector<Column> &columns, const json &rows, size_t merged, const char *pEmpty,
+                std::ostream &out) {
+    if (rows.empty()) {
+        out << pEmpty << "\n";
+    } else {
+        out << tableText(columns, rows, merged);
+    }
+}
+
+// What a device entry does, in words.
+std::string targetText(const json &entry) {
+    const std::string action = entry.value("action", "");
+    if (action == "next-hops") {
+        return std::string(entry.value("ecmp", false) ? "ecmp " : "") + cellText(entry.value("nextHops", json()));
+    }
+    if (action == "out-interface") {
+        return cellText(entry.value("outInterface", json()));
+    }
+    return "";
+}
+
+// {"a": {"b": 1}} -> rows ("a.b", 1)
+void flatten(const std::string &prefix, const json &value, json &rows) {
+    if (!value.is_object()) {
+        rows.push_back({{"name", prefix}, {"value", value}});
+        return;
+    }
+    for (const auto &[key, each] : value.items()) {
+        flatten(prefix.empty() ? key : prefix + "." + key, each, rows);
+    }
+}
+
+std::string debugText(uint32_t flags) {
+    std::string text;
+    for (const auto &[bit, pName] : {std::pair{PBR_DEBUG_HARDWARE, "hw"}, std::pair{PBR_DEBUG_DUMP, "dump"},
+                                     std::pair{PBR_DEBUG_GENERAL, "event"}}) {
+        if ((flags & bit) != 0) {
+            text += (text.empty() ? "" : ",") + std::string(pName);
+        }
+    }
+    return text.empty() ? "off" : text;
+}
+
+} // namespace
+
+void showLists(Daemon &daemon, bool asJson, std::ostream &out) {
+    const json lists = listRows(runningRead(daemon));
+    if (asJson) {
+        return printJson(lists, out);
+    }
+    json rows = json::array();
+    for (const auto &list : lists) {
+        const json head = {{"list", list["list"]}, {"interfaces", list["interfaces"]}};
+        for (const auto &node : list["nodes"]) {
+            json row = head;
+            row.update(node);
+            rows.push_back(row);
+        }
+        if (list["nodes"].empty()) {
+            json row = head;
+            row["match"] = "(no nodes)";
+            rows.push_back(row);
+        }
+    }
+    printTable({{"LIST", "list"}, {"BOUND TO", "interfaces"}, {"NODE", "node", true}, {"MATCH", "match"},
+                {"ACTION", "action"}},
+               rows, 2, "no lists", out);
+}
+
+void showBindings(Daemon &daemon, bool asJson, std::ostream &out) {
+    const json rows = bindingRows(runningRead(daemon), surroundingsRead(daemon));
+    if (asJson) {
+        return printJson(rows, out);
+    }
+    printTable({{"INTERFACE", "interface"}, {"UNIT", "unit", true}, {"UP", "up"}, {"LIST", "list"},
+                {"NODES", "nodes", true}, {"ENTRIES", "entries", true}, {"INSTALLED", "installed", true},
+                {"ERROR", "error"}},
+               rows, 0, "no bindings", out);
+}
+
+void showNextHops(Daemon &daemon, bool asJson, std::ostream &out) {
+    const json rows = nextHopRows(runningRead(daemon), surroundingsRead(daemon));
+    if (asJson) {
+        return printJson(rows, out);
+    }
+    printTable({{"LIST", "list"}, {"NODE", "node", true}, {"HOP", "index", true}, {"ADDRESS", "address"},
+                {"VRF", "vrf", true}, {"PROBE", "probe"}, {"REACHABLE", "reachable"}, {"CHOSEN", "chosen"},
+                {"IN DEVICE", "installed"}, {"WHY NOT", "why"}},
+               rows, 2, "no next hops", out);
+}
+
+void showAcls(Daemon &daemon, uint32_t acl, bool asJson, std::ostream &out) {
+    json request = json::object();
+    if (acl != 0) {
+        request["acl"] = acl;
+    }
+    const json acls = daemon.mgmt("acl.show", request).value("acls", json::array());
+    if (asJson) {
+        return printJson(acls, out);
+    }
+    json rows = json::array();
+    for (const auto &each : acls) {
+        const json head = {{"acl", each["acl"]}, {"users", each.value("users", 0)}};
+        for (const auto &rule : each["rules"]) {
+            json row = head;
+            row.update(rule);
+            rows.push_back(row);
+        }
+        if (each["rules"].empty()) {
+            json row = head;
+            row["text"] = "(no rules: matches nothing)";
+            rows.push_back(row);
+        }
+    }
+    printTable({{"ACL", "acl", true}, {"USERS", "users", true}, {"RULE", "rule", true}, {"TEXT", "text"}}, rows, 2,
+               "no ACLs", out);
+}
+
+void showDevice(Daemon &daemon, bool asJson, std::ostream &out) {
+    (void)daemon.command(); // tells at once when no daemon runs
+    json device = surroundingsRead(daemon).device;
+    if (!device.is_object()) {
+        throw Refused("the daemon's platform does not tell what its device holds");
+    }
+    if (asJson) {
+        return printJson(device, out);
+    }
+    json rows = device.value("entries", json::array());
+    for (auto &row : rows) {
+        row["target"] = targetText(row);
+    }
+    device.erase("entries");
+    json head = json::array();
+    flatten("", device, head);
+    out << tableText({{"DEVICE", "name"}, {"", "value"}}, head) << "\n";
+    printTable({{"LIST", "list"}, {"NODE", "node", true}, {"INTERFACE", "interface"}, {"ACL", "acl", true},
+                {"ACTION", "action"}, {"TARGET", "target"}, {"VRF", "vrf", true}, {"PRIORITY", "priority", true},
+                {"INSTALLED", "installed"}, {"ERROR", "error"}},
+               rows, 2, "no entries", out);
+}
+
+void showCounters(Daemon &daemon, bool asJson, std::ostream &out) {
+    client::ScalarRow scalars;
+    must(client::scalarsRead(daemon.command(), scalars), "read the scalars");
+    json counters = {{"daemon",
+                      {{"version", scalars.version},
+                       {"lists", scalars.listCount},
+                       {"maxLists", scalars.maxListNum},
+                       {"maxNodes", scalars.maxNodeNum},
+                       {"debug", debugText(scalars.debugFlags)}}}};
+    if (auto answer = daemon.mgmtIfThere("counters")) {
+        answer->erase("ok");
+        counters.update(answer->contains("counters") ? (*answer)["counters"] : *answer);
+    }
+    if (asJson) {
+        return printJson(counters, out);
+    }
+    json rows = json::array();
+    flatten("", counters, rows);
+    out << tableText({{"COUNTER", "name"}, {"VALUE", "value"}}, rows);
+}
+
+} // namespace cli
