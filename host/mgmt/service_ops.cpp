@@ -103,12 +103,17 @@ void opDeviceSettle(const json &request, const MgmtDone &done) {
     // The daemon has read a report when none waits for it any more.
     const auto isDetermined = [] { return !hrdUndetermined() && busCounters().waitingBytes == 0; };
     settleWait(hostEventLoop(), isDetermined, [done](bool determined) {
-        const std::string error = hostDevice().settle();
-        if (!error.empty()) {
-            done({{"ok", false}, {"error", error}});
-            return;
+        std::string error;
+        try {
+            error = hostDevice().settle();
+        } catch (const std::exception &failure) { // nobody else would answer the client
+            error = failure.what();
         }
-        done({{"ok", true}, {"determined", determined}});
+        if (error.empty()) {
+            done({{"ok", true}, {"determined", determined}});
+        } else {
+            done({{"ok", false}, {"error", error}});
+        }
     });
 }
 
