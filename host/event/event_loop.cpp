@@ -124,7 +124,11 @@ void EpollLoop::fdAdd(int fd, uint32_t events, Handler ready) {
     epoll_event event{};
     event.events = events;
     event.data.u64 = number;
-    if (epoll_ctl(epollFd, isWatched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event) != 0) {
+    int result = epoll_ctl(epollFd, isWatched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event);
+    if (result != 0 && isWatched && errno == ENOENT) { // closed without fdDel, and made anew
+        result = epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event);
+    }
+    if (result != 0) {
         hostLog(LOG_LEVEL_ERROR, "event", "descriptor %d cannot be watched: %s", fd, strerror(errno));
         return;
     }

@@ -1,0 +1,53 @@
+// One daemon a host.root.
+#include "host/process/run_lock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "host/option/option.h"
+
+namespace host {
+namespace {
+
+constexpr const char *LOCK_PATH = "/run/policyroute/policyrouted.lock";
+
+// The number that the holder wrote, for the operator's eyes.
+std::string holderText(int fd) {
+    char text[24] = {};
+    const ssize_t count = pread(fd, text, sizeof(text) - 1, 0);
+    std::string digits(text, count > 0 ? static_cast<size_t>(count) : 0);
+    digits.resize(std::min(digits.size(), digits.find_first_not_of("0123456789")));
+    return digits.empty() ? "another process" : "process " + digits;
+}
+
+} // namespace
+
+std::string runLockTake() {
+    const std::string path = optionPath(LOCK_PATH);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) {
+        return path + ": " + strerror(errno) + "; run as root, or name a folder of yours with host.root";
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const std::string error = errno == EWOULDBLOCK
+                                      ? path + " is held by " + holderText(fd) +
+                                            ": stop it, or name another folder with host.root"
+                                      : path + ": " + strerror(errno);
+        close(fd);
+        return error;
+    }
+    const std::string number = std::to_string(getpid()) + "\n";
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, number.data(), number.size(), 0) < 0) {
+        const std::string error = path + ": " + strerror(errno);
+        close(fd);
+        return error;
+    }
+    return ""; // the descriptor stays open: closing it would give the lock up
+}
+
+} // namespace host
