@@ -1,7 +1,11 @@
 // The kernel's routing tables as the host needs them: which interface and gateway lead to an address.
 //
-// A mirror of all unicast routes of all tables, IPv4 and IPv6, kept by dump and notification on the event
-// thread. Routes of our own protocol number (FIB_PROTO_POLICYROUTE) are left out.
+// A mirror of the routes of all tables (but the local table, 255), IPv4 and IPv6, kept by dump and
+// notification on the event thread. Routes of our own protocol number (FIB_PROTO_POLICYROUTE) are left
+// out, and so are routes for one type of service or one source prefix only: they do not say where an
+// address lies. The kernel's rules are not consulted: a VRF is one table. What the kernel deletes
+// silently (routes of a link that goes down, of a local address or next-hop object that vanishes) is
+// found by reading the tables again after such an event.
 #ifndef HOST_FIB_FIB_H
 #define HOST_FIB_FIB_H
 
@@ -19,6 +23,7 @@ struct FibEgress {
     uint32_t ifIndex = 0;                // kernel interface index
     bool hasGateway = false;             // not on a connected network: reached through `gateway`
     std::array<uint8_t, 16> gateway{};   // network order
+    int gatewayVersion = 0;              // 4 or 6 (an IPv4 route may lead to an IPv6 gateway); 0 without
     bool operator==(const FibEgress &) const = default;
 };
 
@@ -28,7 +33,10 @@ uint32_t fibTableOfVrf(uint32_t vrfid);
 
 // Longest prefix match for `address` (version 4 or 6) in the VRF's table (for the main table: also what
 // the local table says is on-link is not considered). A route through a gateway gives that gateway and
-// its interface (resolved once). none: unreachable. Any thread. Lock: none (takes the mirror's own)
+// its interface (resolved once). Of several legs the first usable one counts: not dead, and rather one
+// with carrier. Routes of the lowest metric first; one that forbids (unreachable, blackhole, prohibit),
+// ends the table (throw) or delivers locally is no way to anywhere.
+// none: unreachable. Any thread. Lock: none (takes the mirror's own)
 std::optional<FibEgress> fibLookup(uint32_t vrfid, int version, const std::array<uint8_t, 16> &address);
 
 // Calls `changed` on the event thread after routes or links changed (bursts are merged within 5 ms).
@@ -36,6 +44,12 @@ void fibOnChange(std::function<void()> changed);
 
 // Starts the mirror and reads the tables. Result: empty, or why not.
 std::string fibStart();
+
+struct FibCounters {
+    uint64_t tableReads = 0; // times that tables were read, the first time included
+    uint64_t resyncs = 0;    // of these: because notifications were lost
+};
+FibCounters fibCounters(); // any thread
 
 } // namespace host
 

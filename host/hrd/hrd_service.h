@@ -1,4 +1,20 @@
 // Host-route detection on the kernel's neighbour tables: see platform/hrd.h for the daemon's side.
+//
+// A peer is watched through its target: the neighbour entry of the peer, or of its gateway, on the
+// interface that the routing table of its VRF names. The kernel does the asking (ARP, neighbour
+// discovery); the service makes it ask, again every half of host.neighbour-probe-ms, and follows what
+// it finds.
+//
+//   state     becomes      when                                                        posted
+//   Unknown   Up or Down   first evidence; Down too when none came in 1.2 x the        HRD_UP, HRD_DOWN
+//                          kernel's own time of asking
+//   Up        Down         the kernel's asking failed; link down; no route             HRD_DOWN
+//   Down      Up           the neighbour answered; a link without neighbours came up   HRD_UP
+//   Up        Up           another link-layer address or another egress interface      HRD_CHANGE
+//
+// An entry that merely vanished (flushed, collected) is asked for at once and keeps the state until
+// there is an answer or 1.2 x the time of asking is over. The present state is posted after every
+// registration too, and again for all peers after messages to the daemon were lost.
 #ifndef HOST_HRD_HRD_SERVICE_H
 #define HOST_HRD_HRD_SERVICE_H
 
@@ -29,7 +45,15 @@ std::vector<HrdPeer> hrdPeers();
 // Whether some registered peer is still Unknown. Any thread.
 bool hrdUndetermined();
 
-// Starts the service on the event thread. Result: empty, or why not.
+struct HrdCounters {
+    uint64_t reports = 0;       // messages posted
+    uint64_t solicitations = 0; // times the kernel was made to ask
+    uint64_t failures = 0;      // netlink requests that failed
+    uint64_t resyncs = 0;       // entries read anew because notifications were lost
+};
+HrdCounters hrdCounters(); // any thread
+
+// Starts the service on the event thread; after ifnetStart and fibStart. Result: empty, or why not.
 std::string hrdStart();
 
 } // namespace host

@@ -72,6 +72,10 @@ NetlinkAttrs::NetlinkAttrs(const nlattr *pNest) {
     takeAll(pFirst, pFirst + mnl_attr_get_payload_len(pNest));
 }
 
+NetlinkAttrs::NetlinkAttrs(const void *pBytes, size_t len) {
+    takeAll(pBytes, static_cast<const uint8_t *>(pBytes) + len);
+}
+
 void NetlinkAttrs::takeAll(const void *pFirst, const uint8_t *pEnd) {
     const uint8_t *pAt = static_cast<const uint8_t *>(pFirst);
     while (pAt < pEnd) {

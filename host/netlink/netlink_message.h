@@ -59,6 +59,7 @@ public:
     // MAX_TYPE are passed over; of one type given twice the last counts.
     NetlinkAttrs(const nlmsghdr *pMessage, size_t headerBytes);
     explicit NetlinkAttrs(const nlattr *pNest);
+    NetlinkAttrs(const void *pBytes, size_t len); // attributes that stand in plain bytes
 
     static constexpr uint16_t MAX_TYPE = 95;
 

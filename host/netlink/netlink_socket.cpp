@@ -20,7 +20,6 @@ namespace {
 constexpr size_t RECEIVE_BYTES = 256 * 1024; // one datagram; the kernel fills dumps up to 32 KB
 constexpr size_t ROOM_BYTES = 1024 * 1024;
 constexpr size_t ACK_ROOM_BYTES = 1280;
-constexpr int DUMP_ATTEMPTS = 8;
 constexpr int EMPTY_WAIT_MS = 10000; // a dump's next part or an answer that should be there already
 
 NetlinkError errorOf(int code, const char *what) {
@@ -242,9 +241,9 @@ NetlinkSocket::Attempt NetlinkSocket::dumpOnce(NetlinkMessage &message) {
     return attempt;
 }
 
-NetlinkDumpResult NetlinkSocket::dump(NetlinkMessage &message, const Handler &reply) {
+NetlinkDumpResult NetlinkSocket::dump(NetlinkMessage &message, const Handler &reply, int attempts) {
     Attempt attempt;
-    for (int count = 0; count < DUMP_ATTEMPTS; ++count) {
+    for (int count = 0; count < attempts; ++count) {
         attempt = dumpOnce(message);
         // EINTR: some tables end an overtaken dump so; EBUSY: an earlier dump is being torn down.
         const bool again = attempt.error ? attempt.error.code == EINTR || attempt.error.code == ENOBUFS ||

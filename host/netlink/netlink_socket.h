@@ -56,8 +56,8 @@ public:
     NetlinkError request(NetlinkMessage &message, const Handler &reply = {});
 
     // Asks for a whole table (NLM_F_DUMP is added). The messages are collected first and handed to
-    // `reply` only from an attempt during which the table did not change; attempts are limited.
-    NetlinkDumpResult dump(NetlinkMessage &message, const Handler &reply);
+    // `reply` only once, from an attempt during which the table did not change, or from the last one.
+    NetlinkDumpResult dump(NetlinkMessage &message, const Handler &reply, int attempts = 8);
 
     // Sends messages that stand one behind the other (each at a 4-byte boundary) with one send and
     // collects the answers. The messages carry sequence numbers of nextSeq(). `reply` receives messages
