@@ -1,0 +1,681 @@
+// Walk-throughs: what the store says at each device call, and what the redirect view answers there.
+//
+// Several sequences leave the device of the calls with a stale or missing entry; that is how the calls
+// are published, and it is pinned here. The view is right in all of them, which is why a forwarding
+// plane that follows the store uses it.
+#include "hw/pbr_if_node_hw.h"
+#include "nexthop/pbr_ready_table.h"
+#include "nexthop/pbr_timerange.h"
+#include "store/pbr_nqa_entry.h"
+#include "store/pbr_view_mark.h"
+#include "tests/unit/hw/steps.h"
+
+namespace {
+
+using steps::Lines;
+using steps::marks;
+using steps::view;
+
+class WalkThrough : public steps::StoreTest {
+protected:
+    // List "a", node 10, ACL 1501, next hops A and B.
+    void SetUp() override {
+        StoreTest::SetUp();
+        pList_ = makeList("a");
+        pNode_ = node(10, 1501, {A, B});
+    }
+    PbrNodeEntry *node(uint32_t index, uint32_t acl, std::initializer_list<const char *> addresses) {
+        PbrNodeEntry *pNode = makeNode("a", index, {.acl = acl, .ipVer = 1});
+        uint32_t hopIndex = 1;
+        for (const char *pAddress : addresses) {
+            makeNextHop(pNode, hopIndex++, pAddress);
+        }
+        return pNode;
+    }
+    static PbrNextHopEntry *hop(const PbrNodeEntry *pNode, uint32_t index) {
+        PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode);
+        while (pHop->nextHopIndex != index) {
+            pHop = pbrNodeNextHopNext(pNode, pHop);
+        }
+        return pHop;
+    }
+    void bound(std::initializer_list<uint32_t> units) {
+        for (uint32_t unit : units) {
+            ASSERT_EQ(0, bind(unit, "a"));
+        }
+    }
+    void start() {
+        (void)pbrStartTimerange(pNode_);
+        checked();
+    }
+    void stop() {
+        (void)pbrStopTimerange(pNode_);
+        checked();
+    }
+    std::string refCnts() const {
+        char text[32];
+        snprintf(text, sizeof(text), "%02x %02x", hop(pNode_, 1)->refCntByte, hop(pNode_, 2)->refCntByte);
+        return text;
+    }
+    static constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3";
+    static constexpr char X[] = "10.0.0.24", Y[] = "10.0.0.25";
+    PbrListEntry *pList_ = nullptr;
+    PbrNodeEntry *pNode_ = nullptr;
+};
+
+TEST_F(WalkThrough, FirstBindingThenTheFirstNextHopComesUp) {
+    bound({1});
+    EXPECT_TRUE(takeSteps().empty());
+    EXPECT_EQ("01 01", refCnts());
+    EXPECT_EQ("inert", view(1, 1501));
+
+    up(A);
+    EXPECT_EQ(1, hop(pNode_, 1)->nexthopArpState);
+    EXPECT_EQ(1, pNode_->nhopArpUp);
+    EXPECT_EQ("a", readyLists());
+    EXPECT_EQ("A", view(1, 1501)); // before the calls know
+
+    (void)fake::takeTrace();
+    update();
+    EXPECT_EQ(Lines{"ADD if1 n10 best=A cur=10 last=00 hw=00 view=A"}, takeSteps());
+    EXPECT_EQ(fake::takeCalls(), (Lines{"qrv_ioctl(3, 0x4004667f)",
+                                        "aclIfSetApi(1, 20, if=1 acl=1501 dir=0 act=0 pri=0 vrf=0 "
+                                        "hops=0a000001,0a000002)"}));
+    EXPECT_EQ("best=A cur=00 last=10 hw=10", marks(pNode_));
+    EXPECT_EQ("10 10", refCnts());
+}
+
+TEST_F(WalkThrough, AnEarlierNodeRewrittenInTheSameRunLeavesItsBestOnALaterNewEntry) {
+    PbrNodeEntry *pEarlier = node(5, 1500, {X, Y});
+    bound({1});
+    up(X);
+    update();
+    (void)takeSteps();
+    up(Y);
+    down(X);
+    up(A);
+
+    update();
+
+    EXPECT_EQ((Lines{"DEL if1 n5 best=Y cur=01 last=10 hw=10 view=Y", "ADD if1 n5 best=Y cur=01 last=00 hw=00 view=Y",
+                     "ADD if1 n10 best=Y cur=10 last=00 hw=00 view=A"}),
+              takeSteps());
+    EXPECT_EQ("Y", steps::hopName(pNode_->pPbrNhopBest)); // another node's next hop: it stays
+    EXPECT_EQ("Y", steps::hopName(pEarlier->pPbrNhopBest));
+    EXPECT_EQ("", readyLists());
+
+    pbrReadyTableAdd(pList_); // the next queueing rewrites
+    update();
+    EXPECT_EQ((Lines{"DEL if1 n10 best=A cur=10 last=10 hw=10 view=A", "ADD if1 n10 best=A cur=10 last=00 hw=00 view=A"}),
+              takeSteps());
+}
+
+TEST_F(WalkThrough, ThreeNewLinksSeeTheMarksMoveAtTheFirstAndTheSecondAdd) {
+    node(5, 1500, {X, Y});
+    bound({1, 2, 3});
+    up(X);
+    update();
+    (void)takeSteps();
+    up(Y);
+    down(X);
+    up(A);
+    update();
+    Lines ofNode10;
+    for (const std::string &step : takeSteps()) {
+        if (step.find(" n10 ") != std::string::npos) {
+            ofNode10.push_back(step);
+        }
+    }
+    EXPECT_EQ((Lines{"ADD if3 n10 best=Y cur=10 last=00 hw=00 view=A", "ADD if2 n10 best=Y cur=00 last=10 hw=10 view=A",
+                     "ADD if1 n10 best=Y cur=00 last=00 hw=10 view=A"}),
+              ofNode10);
+}
+
+TEST_F(WalkThrough, ARepeatedUpReportMakesNoCall) {
+    bound({1});
+    up(A);
+    update();
+    (void)takeSteps();
+    up(A);
+    update();
+    EXPECT_TRUE(takeSteps().empty());
+    EXPECT_EQ("best=A cur=10 last=10 hw=10", marks(pNode_));
+}
+
+TEST_F(WalkThrough, ASecondBindingIsWrittenAtOnceAndTakesTheMarksAway) {
+    bound({1});
+    up(A);
+    update();
+    (void)takeSteps();
+    bound({2});
+    EXPECT_EQ(Lines{"ADD if2 n10 best=A cur=00 last=10 hw=10 view=A"}, takeSteps());
+    EXPECT_EQ("best=A cur=00 last=00 hw=10", marks(pNode_));
+}
+
+TEST_F(WalkThrough, ASecondBindingBeforeTheFirstRunHasNoBestYet) {
+    bound({1});
+    up(A);
+    bound({2});
+    EXPECT_EQ(Lines{"ADD if2 n10 best=- cur=00 last=00 hw=00 view=A"}, takeSteps());
+    update();
+    EXPECT_EQ((Lines{"DEL if2 n10", "ADD if2 n10", "ADD if1 n10"}), takeShortSteps());
+}
+
+TEST_F(WalkThrough, ASecondBindingWithNothingReachableWaitsForTheNextChange) {
+    bound({1, 2});
+    EXPECT_TRUE(takeSteps().empty());
+    up(A);
+    update();
+    EXPECT_EQ((Lines{"ADD if2 n10 best=A cur=10 last=00 hw=00 view=A", "ADD if1 n10 best=A cur=00 last=10 hw=10 view=A"}),
+              takeSteps());
+}
+
+TEST_F(WalkThrough, ASecondBindingAfterADownReportStillNamesTheDeadNextHop) {
+    bound({1});
+    up(A);
+    up(B);
+    update();
+    (void)takeSteps();
+    down(A);
+    bound({2});
+    EXPECT_EQ(Lines{"ADD if2 n10 best=A cur=00 last=10 hw=11 view=B"}, takeSteps());
+    update();
+    EXPECT_EQ((Lines{"DEL if2 n10 best=B cur=01 last=10 hw=11 view=B", "ADD if2 n10 best=B cur=01 last=00 hw=01 view=B",
+                     "DEL if1 n10 best=B cur=00 last=01 hw=01 view=B", "ADD if1 n10 best=B cur=00 last=00 hw=00 view=B"}),
+              takeSteps());
+}
+
+TEST_F(WalkThrough, ASecondBindingBeforeAReturnedNextHopIsChosenNamesTheOldChoice) {
+    bound({1});
+    up(A);
+    up(B);
+    update();
+    down(A);
+    update();
+    (void)takeSteps();
+    up(A);
+    bound({2});
+    EXPECT_EQ(Lines{"ADD if2 n10 best=B cur=00 last=01 hw=01 view=A"}, takeSteps()); // the view is ahead
+    update();
+    EXPECT_EQ((Lines{"DEL if2 n10", "ADD if2 n10", "DEL if1 n10", "ADD if1 n10"}), takeShortSteps());
+    EXPECT_EQ("A", steps::hopName(pNode_->pPbrNhopBest));
+}
+
+TEST_F(WalkThrough, FailOverAndBackOnTwoInterfaces) {
+    bound({1, 2});
+    up(A);
+    up(B);
+    update();
+    (void)takeSteps();
+
+    down(A);
+    update();
+    EXPECT_EQ((Lines{"DEL if2 n10 best=B cur=01 last=00 hw=11 view=B", "ADD if2 n10 best=B cur=01 last=00 hw=11 view=B",
+                     "DEL if1 n10 best=B cur=00 last=01 hw=11 view=B", "ADD if1 n10 best=B cur=00 last=00 hw=10 view=B"}),
+              takeSteps());
+
+    up(A);
+    update();
+    const Lines back = takeSteps();
+    ASSERT_EQ(4u, back.size());
+    EXPECT_EQ("ADD if2 n10 best=A cur=10 last=00 hw=11 view=A", back[1]);
+    EXPECT_EQ("ADD if1 n10 best=A cur=00 last=00 hw=01 view=A", back[3]);
+    EXPECT_EQ("", readyLists());
+}
+
+TEST_F(WalkThrough, AllNextHopsDownRemovesBothEntries) {
+    bound({1, 2});
+    up(A);
+    update();
+    (void)takeSteps();
+    down(A);
+    update();
+    const Lines steps = takeSteps();
+    ASSERT_EQ(2u, steps.size());
+    EXPECT_EQ("DEL if2 n10 best=-", steps[0].substr(0, 18));
+    EXPECT_EQ("DEL if1 n10 best=-", steps[1].substr(0, 18));
+    EXPECT_EQ("inert", view(1, 1501));
+    EXPECT_EQ("inert", view(2, 1501));
+}
+
+class EcmpWalkThrough : public WalkThrough {
+protected:
+    void SetUp() override {
+        WalkThrough::SetUp();
+        makeNextHop(pNode_, 3, C);
+        pbrNodeIsEcmpSet(pNode_, 1);
+    }
+    std::string record() {
+        std::string out;
+        for (const std::string &line : fake::takeCalls()) {
+            if (line.find("aclIfSetApi(") == 0) {
+                const size_t action = line.find("act=");
+                out += (out.empty() ? "" : "; ") + line.substr(15, 2) + " " +
+                       line.substr(action, line.find(' ', action) - action) + " " +
+                       line.substr(line.find("hops="), line.size() - line.find("hops=") - 1);
+            }
+        }
+        return out;
+    }
+};
+
+TEST_F(EcmpWalkThrough, MembersComeAndGoUntilTheLastOneIsMissed) {
+    bound({1});
+    (void)fake::takeTrace();
+    up(A);
+    update();
+    EXPECT_EQ("20 act=0 hops=0a000001", record());
+    EXPECT_EQ(Lines{"ADD if1 n10 best=- cur=100 last=000 hw=000 view=A"}, takeSteps());
+    EXPECT_EQ("best=- cur=100 last=000 hw=000", marks(pNode_));
+
+    up(B);
+    update();
+    EXPECT_EQ("21 act=0 hops=; 20 act=8 hops=0a000001,0a000002", record());
+    EXPECT_EQ("AB", view(1, 1501));
+
+    down(A);
+    update();
+    EXPECT_EQ("21 act=0 hops=; 20 act=0 hops=0a000002", record());
+    EXPECT_EQ("B", view(1, 1501));
+
+    down(B); // the last member: all marks alike, so no call is made and the entry keeps the dead member
+    update();
+    EXPECT_EQ("", record());
+    EXPECT_EQ(1u, hwStatus(1, pNode_));
+    EXPECT_EQ("", readyLists());
+    EXPECT_EQ("inert", view(1, 1501));
+}
+
+TEST_F(EcmpWalkThrough, ASecondBindingWithNothingReachableIsWrittenEmpty) {
+    bound({1});
+    (void)fake::takeTrace();
+    bound({2});
+    EXPECT_EQ("20 act=0 hops=", record());
+    EXPECT_EQ("inert", view(2, 1501));
+}
+
+TEST_F(EcmpWalkThrough, AnyQueueingRewritesBecauseTheMarksNeverMeet) {
+    bound({1});
+    up(A);
+    up(B);
+    update();
+    for (int i = 0; i < 3; i++) {
+        (void)fake::takeTrace();
+        pbrReadyTableAdd(pList_);
+        update();
+        EXPECT_EQ("21 act=0 hops=; 20 act=8 hops=0a000001,0a000002", record());
+    }
+}
+
+TEST_F(EcmpWalkThrough, ACopiedReachableStateIsNotWrittenUntilAReportComes) {
+    makeList("known");
+    PbrNodeEntry *pKnown = makeNode("known", 1, {.acl = 1700, .ipVer = 1});
+    makeNextHop(pKnown, 1, A)->nexthopArpState = 1;
+    bound({1});
+    EXPECT_EQ("a", readyLists());
+    update();
+    EXPECT_TRUE(takeSteps().empty());
+    EXPECT_EQ("", readyLists());
+    EXPECT_EQ("A", view(1, 1501)); // the view has it at once
+    up(A);                         // the service reports the present state after each registration
+    update();
+    EXPECT_EQ(Lines{"ADD if1 n10"}, takeShortSteps());
+}
+
+class RangeWalkThrough : public WalkThrough {
+protected:
+    void SetUp() override {
+        WalkThrough::SetUp();
+        pNode_->timeRangeId = 7;
+    }
+};
+
+TEST_F(RangeWalkThrough, NothingIsWrittenOutsideTheRangeAndStartAndStopWriteAndRemove) {
+    bound({1});
+    up(A);
+    update();
+    EXPECT_TRUE(takeSteps().empty());
+    EXPECT_EQ("absent", view(1, 1501));
+    start();
+    EXPECT_EQ("A", view(1, 1501));
+    update();
+    EXPECT_EQ(Lines{"ADD if1 n10 best=A cur=10 last=00 hw=00 view=A"}, takeSteps());
+    stop();
+    EXPECT_EQ("absent", view(1, 1501));
+    update();
+    EXPECT_EQ(Lines{"DEL if1 n10 best=- cur=00 last=10 hw=10 view=absent"}, takeSteps());
+}
+
+TEST_F(RangeWalkThrough, ASecondBindingWhileStoppedIsWrittenAllTheSame) {
+    bound({1});
+    up(A);
+    update();
+    bound({2});
+    EXPECT_EQ(Lines{"ADD if2 n10 best=- cur=00 last=00 hw=00 view=absent"}, takeSteps());
+    start();
+    update();
+    EXPECT_EQ((Lines{"DEL if2 n10", "ADD if2 n10", "ADD if1 n10"}), takeShortSteps());
+}
+
+TEST_F(RangeWalkThrough, ASecondBindingRightAfterAStopNamesTheOldChoice) {
+    bound({1});
+    up(A);
+    start();
+    update();
+    (void)takeSteps();
+    stop();
+    bound({2});
+    EXPECT_EQ(Lines{"ADD if2 n10 best=A cur=00 last=10 hw=10 view=absent"}, takeSteps());
+}
+
+TEST_F(RangeWalkThrough, TheCallsOfOtherKindsOfNodesAreNeverGatedAndTheViewLeavesThemOut) {
+    PbrNodeEntry *pOut = node(20, 1502, {});
+    pOut->outIfUnit = 99;
+    PbrNodeEntry *pPriority = node(30, 1503, {});
+    pbrNodeIpPriSet(pPriority, 3);
+    PbrNodeEntry *pEcmp = node(40, 1504, {X, Y});
+    pbrNodeIsEcmpSet(pEcmp, 1);
+    for (PbrNodeEntry *pNode : {pOut, pPriority, pEcmp}) {
+        pNode->timeRangeId = 8;
+    }
+    bound({1});
+    EXPECT_EQ((Lines{"ADD if1 n20", "ADD if1 n30"}), takeShortSteps());
+    up(X);
+    update();
+    EXPECT_EQ("ADD if1 n40", takeShortSteps().back());
+    for (uint32_t acl : {1502u, 1503u, 1504u}) {
+        EXPECT_EQ("absent", view(1, acl));
+    }
+    for (PbrNodeEntry *pNode : {pOut, pPriority, pEcmp}) {
+        (void)pbrStartTimerange(pNode);
+    }
+    EXPECT_EQ("out 99", view(1, 1502));
+    EXPECT_EQ("priority 3", view(1, 1503));
+    EXPECT_EQ("X", view(1, 1504));
+}
+
+TEST_F(WalkThrough, AProbeThatFailsGivesTheSecondNextHopAndSwitchesBackAtOnce) {
+    PbrNextHopEntry *pA = hop(pNode_, 1);
+    memcpy(pA->nqaAdminName, "ops", 3);
+    memcpy(pA->nqaTestName, "t", 1);
+    pA->nqaAdminNameLen = 3;
+    pA->nqaTestNameLen = 1;
+    PbrNqaEntry *pNqa = pbrNqaEntryAdd(bytes("ops").data(), 3, bytes("t").data(), 1);
+    // What the report of a probe's status does to the store.
+    auto report = [&](uint32_t status) {
+        pNqa->status = status;
+        pbrReadyTableAdd(pList_);
+        pbrViewMarkList(pList_);
+    };
+    bound({1});
+    up(A);
+    update();
+    EXPECT_TRUE(takeSteps().empty()); // a new record counts as failing
+    EXPECT_EQ("inert", view(1, 1501));
+    up(B);
+    update();
+    EXPECT_EQ(Lines{"ADD if1 n10 best=B cur=01 last=00 hw=00 view=B"}, takeSteps());
+
+    report(1);
+    update();
+    EXPECT_EQ((Lines{"DEL if1 n10 best=A cur=10 last=01 hw=11 view=A", "ADD if1 n10 best=A cur=10 last=00 hw=10 view=A"}),
+              takeSteps());
+    report(2);
+    update();
+    EXPECT_EQ("ADD if1 n10 best=B cur=01 last=00 hw=01 view=B", takeSteps().back());
+    report(1);
+    update();
+    (void)takeSteps();
+    (void)pbrNqaEntryDel(pNqa); // the record is lost
+    pbrReadyTableAdd(pList_);
+    pbrViewMarkList(pList_);
+    update();
+    EXPECT_EQ("B", view(1, 1501));
+    EXPECT_EQ("B", steps::hopName(pNode_->pPbrNhopBest));
+    pA->nqaAdminNameLen = pA->nqaTestNameLen = 0;
+    pbrViewMarkList(pList_);
+}
+
+// ---- failures ----
+
+TEST_F(WalkThrough, AFailedAddIsRetriedWithADeleteOfWhatIsNotThere) {
+    bound({1});
+    up(A);
+    watchDevice([](uint32_t, uint32_t command, uint32_t) { return command == 20 ? -1 : 0; });
+    update();
+    EXPECT_EQ(Lines{"ADD if1 n10 best=A cur=10 last=00 hw=00 view=A"}, takeSteps());
+    EXPECT_EQ("best=- cur=10 last=00 hw=00", marks(pNode_));
+    EXPECT_EQ("a", readyLists());
+    EXPECT_EQ(2u, hwStatus(1, pNode_));
+    EXPECT_EQ("01 01", refCnts());
+
+    watchDevice([](uint32_t, uint32_t, uint32_t) { return 0; });
+    update();
+    EXPECT_EQ((Lines{"DEL if1 n10 best=A cur=10 last=00 hw=00 view=A", "ADD if1 n10 best=A cur=10 last=00 hw=00 view=A"}),
+              takeSteps());
+    EXPECT_EQ("01 01", refCnts()); // the delete of an absent entry counted too: 15, then 0
+    EXPECT_EQ("", readyLists());
+}
+
+TEST_F(WalkThrough, TheFirstWalkedInterfaceFailingTakesTheOthersEntryAwayAndIsGivenUpInTheEnd) {
+    bound({1, 2});
+    up(A);
+    up(B);
+    update();
+    (void)takeSteps();
+    watchDevice([](uint32_t unit, uint32_t command, uint32_t) { return unit == 2 && command == 20 ? -1 : 0; });
+    down(A);
+
+    update(); // interface 1's entry is removed too and not added again
+    EXPECT_EQ((Lines{"DEL if2 n10", "ADD if2 n10", "DEL if1 n10"}), takeShortSteps());
+    EXPECT_EQ(2u, hwStatus(2, pNode_));
+    EXPECT_EQ(0u, hwStatus(1, pNode_));
+    EXPECT_EQ("a", readyLists());
+
+    update(); // adds it back
+    EXPECT_EQ((Lines{"DEL if2 n10", "ADD if2 n10", "ADD if1 n10"}), takeShortSteps());
+    EXPECT_EQ(1u, hwStatus(1, pNode_));
+    EXPECT_EQ("a", readyLists());
+
+    update(); // nothing changed any more: the list leaves, interface 2 stays without entry
+    EXPECT_TRUE(takeShortSteps().empty());
+    EXPECT_EQ(2u, hwStatus(2, pNode_));
+    EXPECT_EQ("", readyLists());
+    EXPECT_EQ("B", view(1, 1501)); // the view never lost either
+    EXPECT_EQ("B", view(2, 1501));
+}
+
+TEST_F(WalkThrough, TheLastWalkedInterfaceFailingRewritesTheGoodOneAtEachRun) {
+    bound({1, 2});
+    up(A);
+    watchDevice([](uint32_t unit, uint32_t command, uint32_t) { return unit == 1 && command == 20 ? -1 : 0; });
+    update();
+    (void)takeSteps();
+    for (int run = 0; run < 3; run++) {
+        update();
+        EXPECT_EQ((Lines{"DEL if2 n10", "ADD if2 n10", "DEL if1 n10", "ADD if1 n10"}), takeShortSteps());
+        EXPECT_EQ("a", readyLists());
+        EXPECT_EQ("A", view(1, 1501));
+    }
+}
+
+TEST_F(WalkThrough, AFailedAddInsideABindingIsNeverRetried) {
+    PbrNodeEntry *pOut = node(20, 1502, {});
+    pOut->outIfUnit = 99;
+    watchDevice([](uint32_t, uint32_t, uint32_t) { return -1; });
+    bound({1});
+    EXPECT_EQ(Lines{"ADD if1 n20"}, takeShortSteps());
+    EXPECT_EQ(2u, hwStatus(1, pOut));
+    EXPECT_EQ("", readyLists());
+    update();
+    EXPECT_TRUE(takeShortSteps().empty());
+    EXPECT_EQ("out 99", view(1, 1502));
+}
+
+TEST_F(WalkThrough, AFailedDeleteOfANodeThatLostEverythingLeavesItsEntry) {
+    bound({1});
+    up(A);
+    update();
+    (void)takeSteps();
+    watchDevice([](uint32_t, uint32_t command, uint32_t) { return command == 21 ? -1 : 0; });
+    down(A);
+    update();
+    EXPECT_EQ(Lines{"DEL if1 n10"}, takeShortSteps());
+    EXPECT_EQ(1u, hwStatus(1, pNode_));
+    EXPECT_EQ("", readyLists());
+    pbrReadyTableAdd(pList_);
+    update(); // none before, none now: no change
+    EXPECT_TRUE(takeShortSteps().empty());
+    EXPECT_EQ("inert", view(1, 1501));
+}
+
+TEST_F(WalkThrough, ANodeWithNothingUsableReceivesTheBestOfAnEarlierNode) {
+    PbrNodeEntry *pLater = node(20, 1502, {X, Y});
+    bound({1});
+    up(A);
+    up(B);
+    update();
+    (void)takeSteps();
+    down(A);
+    update();
+    EXPECT_EQ((Lines{"DEL if1 n10 best=B cur=01 last=10 hw=11 view=B", "ADD if1 n10 best=B cur=01 last=00 hw=01 view=B",
+                     "ADD if1 n20 best=B cur=00 last=00 hw=00 view=inert"}),
+              takeSteps());
+    EXPECT_EQ(1u, hwStatus(1, pLater));
+    EXPECT_EQ("B", steps::hopName(pLater->pPbrNhopBest));
+}
+
+TEST_F(WalkThrough, TheBestIsCarriedAcrossListsOfOneRun) {
+    makeList("b");
+    PbrNodeEntry *pOther = makeNode("b", 10, {.acl = 1600, .ipVer = 1});
+    makeNextHop(pOther, 1, X);
+    makeNextHop(pOther, 2, Y);
+    bound({1});
+    ASSERT_EQ(0, bind(2, "b"));
+    up(A);
+    up(B);
+    up(X);
+    update(); // b is worked off first, being queued last
+    down(X);
+    update(); // b: its entry is removed, nothing is saved
+    (void)takeSteps();
+    pOther->pPbrNhopBest = hop(pOther, 2); // a choice that goes away in this run: a change
+    pbrReadyTableAdd(pOther->pPbrList);
+    down(A); // a stands before b
+    update();
+    EXPECT_EQ("ADD if2 n10 best=B cur=00 last=00 hw=00 view=inert", takeSteps().back());
+}
+
+TEST_F(WalkThrough, NodesBehindAChangingNodeLoseTheirOutInterfaceAndPriorityEntries) {
+    PbrNodeEntry *pOut = node(20, 1502, {});
+    pOut->outIfUnit = 99;
+    PbrNodeEntry *pPriority = node(30, 1503, {});
+    pbrNodeIpPriSet(pPriority, 3);
+    PbrNodeEntry *pBefore = node(5, 1500, {});
+    pBefore->outIfUnit = 98;
+    bound({1});
+    EXPECT_EQ((Lines{"ADD if1 n5", "ADD if1 n20", "ADD if1 n30"}), takeShortSteps());
+
+    up(A); // a first up is a change: the nodes behind are deleted and not added
+    update();
+
+    EXPECT_EQ((Lines{"ADD if1 n10", "DEL if1 n20", "DEL if1 n30"}), takeShortSteps());
+    EXPECT_EQ(0u, hwStatus(1, pOut));
+    EXPECT_EQ(0u, hwStatus(1, pPriority));
+    EXPECT_EQ(1u, hwStatus(1, pBefore));
+    EXPECT_EQ("out 98", view(1, 1500));
+    EXPECT_EQ("out 99", view(1, 1502));
+    EXPECT_EQ("priority 3", view(1, 1503));
+}
+
+TEST_F(WalkThrough, ARemovalAndAddOutsideARunFindsNoBest) {
+    bound({1, 2});
+    up(A);
+    update();
+    (void)takeSteps();
+    for (uint32_t unit : {2u, 1u}) { // what a slot that starts does to every link
+        (void)pbrIfNodeHwDel(link(unit, pNode_));
+        (void)pbrIfNodeHwAdd(link(unit, pNode_));
+    }
+    const Lines steps = takeSteps();
+    ASSERT_EQ(4u, steps.size());
+    EXPECT_EQ("ADD if2 n10 best=-", steps[1].substr(0, 18));
+    EXPECT_EQ("ADD if1 n10 best=-", steps[3].substr(0, 18));
+    EXPECT_EQ("view=A", steps[1].substr(steps[1].size() - 6));
+    EXPECT_EQ("view=A", steps[3].substr(steps[3].size() - 6));
+}
+
+// ---- unbinding ----
+
+TEST_F(WalkThrough, UnbindingOneOfTwoTakesTheBestAwayFromTheOtherUntilTheNextEvent) {
+    bound({1, 2});
+    up(A);
+    update();
+    (void)takeSteps();
+    EXPECT_EQ(0u, unbind(2));
+    EXPECT_EQ(Lines{"DEL if2 n10 best=A cur=00 last=00 hw=10 view=A"}, takeSteps());
+    EXPECT_EQ(nullptr, pNode_->pPbrNhopBest);
+    EXPECT_EQ(1u, hwStatus(1, pNode_));
+    EXPECT_EQ("A", view(1, 1501));
+    EXPECT_EQ("none", view(2, 1501));
+    up(A);
+    update();
+    EXPECT_EQ((Lines{"DEL if1 n10", "ADD if1 n10"}), takeShortSteps());
+}
+
+TEST_F(WalkThrough, UnbindingOneOfTwoDropsTheOthersPendingChange) {
+    bound({1, 2});
+    up(A);
+    up(B);
+    update();
+    down(A);
+    EXPECT_EQ("a", readyLists());
+    EXPECT_EQ(0u, unbind(2));
+    (void)takeSteps();
+    EXPECT_EQ("", readyLists());
+    update();
+    EXPECT_TRUE(takeSteps().empty()); // interface 1 keeps A in the device of the calls
+    EXPECT_EQ("B", view(1, 1501));
+}
+
+TEST_F(WalkThrough, TheLastUnbindRemovesTheEntry) {
+    bound({1});
+    up(A);
+    update();
+    (void)takeSteps();
+    EXPECT_EQ(0u, unbind(1));
+    EXPECT_EQ(Lines{"DEL if1 n10 best=A cur=00 last=10 hw=10 view=A"}, takeSteps());
+    EXPECT_EQ("none", view(1, 1501));
+    EXPECT_TRUE(mirror_.lists().empty());
+}
+
+TEST_F(WalkThrough, AFailedDeleteAtTheLastUnbindHidesTheNextFirstChoice) {
+    bound({1});
+    up(A);
+    update();
+    watchDevice([](uint32_t, uint32_t command, uint32_t) { return command == 21 ? -1 : 0; });
+    EXPECT_EQ(0u, unbind(1));
+    EXPECT_EQ("A", steps::hopName(pNode_->pPbrNhopBest));
+    watchDevice([](uint32_t, uint32_t, uint32_t) { return 0; });
+    bound({1});
+    up(A);
+    (void)takeSteps();
+    update();
+    EXPECT_TRUE(takeSteps().empty()); // "no change"
+    EXPECT_EQ("A", view(1, 1501));
+}
+
+TEST_F(WalkThrough, ReachabilityIsKeptOverAnUnbindUntilTheServiceReportsAgain) {
+    bound({1});
+    up(A);
+    update();
+    EXPECT_EQ(0u, unbind(1));
+    down(A); // nobody listens
+    EXPECT_EQ(1, hop(pNode_, 1)->nexthopArpState);
+    bound({1});
+    EXPECT_EQ("A", view(1, 1501)); // as stale as the store
+    down(A);                       // the report that follows each registration
+    EXPECT_EQ("inert", view(1, 1501));
+}
+
+} // namespace
