@@ -4,8 +4,12 @@
 
 #include <string>
 
+namespace host {
+
 // Starts everything beside the daemon: interfaces, routes, peers, ACLs, the device, the management
 // socket. Defined by the full host platform. Result: empty, or why the process cannot serve. Lock: none
 std::string hostServicesStart();
+
+} // namespace host
 
 #endif

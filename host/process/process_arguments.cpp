@@ -36,7 +36,7 @@ std::string servicesStart() {
     }
     host::stopSignalsWatch();
     error = host::busStart();
-    return error.empty() ? hostServicesStart() : error;
+    return error.empty() ? host::hostServicesStart() : error;
 }
 
 int32_t refused(const std::string &error) {
