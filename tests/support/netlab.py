@@ -290,7 +290,7 @@ class Daemon:
             words += ["--option", option]
         if self.ns is not None:
             words = ["nsenter", f"--net=/run/netns/{self.ns}"] + words
-        self.process = subprocess.Popen(words, stderr=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(words, stderr=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True)
         self.errors = []
         serving = threading.Event()
         threading.Thread(target=self._read, args=(self.process, serving), daemon=True).start()
@@ -301,10 +301,11 @@ class Daemon:
         return self
 
     def _read(self, process, serving):
-        for line in process.stderr:
-            self.errors.append(line)
-            if "serving on" in line:
-                serving.set()
+        with process.stderr:
+            for line in process.stderr:
+                self.errors.append(line)
+                if "serving on" in line:
+                    serving.set()
 
     def ctl(self, *words, check=True, stdin=None):
         command = [os.path.join(self.build, "pbrctl"), "--root", self.root] + [str(word) for word in words]

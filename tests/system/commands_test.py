@@ -66,21 +66,21 @@ class EveryCommandAnswers(system_case.MemoryCase):
 
     def test_published_refusals_of_nodes_and_next_hops(self):
         self.make_node()
-        key = node_key(b"wan", 10)
-        for field, number, expected in ((4, 2500, 0x044B0007), (4, 3500, 0x044B000D), (4, 1501, 0x044B0005),
+        self.daemon.ctl("acl", "create", 3501)
+        key, hop = node_key(b"wan", 10), node_key(b"wan", 10, 1)
+        for field, number, expected in ((4, 1999, 0x044B0004), (4, 1501, 0x044B0005), (4, 3501, 0x044B000D),
                                         (10, 2, 0x044B000E), (14, 1, FAIL), (20, 1, FAIL)):
-            if number in (2500, 3500):
-                self.daemon.ctl("raw", "13", "--key", "node:wan/10", "--field", field, "--number", number, check=False)
-            code = self.code(13, key=key, field=field, number=number)
-            self.assertIn(code, (expected, 0x044B0004) if number in (2500, 3500) else (expected,), (field, number))
-        self.assertEqual(0x044B0004, self.code(13, key=key, field=4, number=1999))
+            self.assertEqual(expected, self.code(13, key=key, field=field, number=number), (field, number))
         self.assertEqual(BAD, self.code(13, key=node_key(b"wan", 0), field=1, number=CREATE))
         self.assertEqual(BAD, self.code(19, key=node_key(b"wan", 10, 0), field=1, number=CREATE))
-        self.assertEqual(0x044B0006 if self.code(19, key=node_key(b"wan", 10, 1), field=1, number=CREATE) == OK else None,
-                         self.code(19, key=node_key(b"wan", 10, 1), field=2, data=b"\0\0\0\0", number=4))
-        self.assertEqual(0x044B0001, self.code(19, key=node_key(b"wan", 10, 2), field=1, number=CREATE) or
-                         self.code(19, key=node_key(b"wan", 10, 1), field=1, number=DESTROY) or
-                         self.code(19, key=node_key(b"wan", 10, 1), field=1, number=CREATE))
+        self.assertEqual(0x03E80001, self.code(13, key=node_key(b"none", 1), field=1, number=CREATE))
+        self.assertEqual(OK, self.code(19, key=hop, field=1, number=CREATE))
+        self.assertEqual(0x044B0006, self.code(19, key=hop, field=2, data=b"\0\0\0\0", number=4))
+        self.assertEqual(FAIL, self.code(19, key=hop, field=2, data=b"\1" * 16, number=16))
+        self.assertEqual(OK, self.code(19, key=node_key(b"wan", 10, 2), field=1, number=CREATE))
+        self.assertEqual(OK, self.code(19, key=hop, field=1, number=DESTROY))
+        self.assertEqual(0x044B0001, self.code(19, key=hop, field=1, number=CREATE))
+        self.assertEqual(0x044B000C, self.code(13, key=key, field=6, number=1))
 
     def test_interfaces_are_created_bound_and_destroyed(self):
         self.make_node()

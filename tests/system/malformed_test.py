@@ -26,7 +26,7 @@ class BadFramesDoNoHarm(system_case.MemoryCase):
         bad.socket.sendall(frame)
         self.assertNotEqual(0, bad.answer()[0])
         if closes:
-            with self.assertRaises((EOFError, ConnectionResetError)):
+            with self.assertRaises((EOFError, ConnectionError)):
                 bad.call(21, field=3)
         else:
             self.assertEqual((0, 1), bad.call(21, field=3)[:2])
@@ -45,19 +45,8 @@ class BadFramesDoNoHarm(system_case.MemoryCase):
 
     def test_a_wrong_version_kind_or_reserved_field_is_refused(self):
         for change in ({"version": 2}, {"kind": 3}, {"reserved": 1}):
-            self.refused(Command.frame(21, field=3, **change), closes="version" in change and self.closes_on_version())
-
-    def closes_on_version(self):
-        bad = Command(self.daemon.root)
-        bad.socket.sendall(Command.frame(21, field=3, version=9))
-        bad.answer()
-        try:
-            bad.call(21, field=3)
-            return False
-        except (EOFError, ConnectionResetError):
-            return True
-        finally:
-            bad.close()
+            with self.subTest(change):
+                self.refused(Command.frame(21, field=3, **change), closes=False)
 
     def test_key_lengths_that_do_not_fit(self):
         for key in (b"", b"a", list_key(b"keep") + b"\0", b"k" * 60000):
