@@ -56,7 +56,8 @@ protected:
     std::string chain() const {
         std::string units;
         for (PbrIfEntry *pIf = pbrListBoundIfFirst(pList_); pIf != nullptr; pIf = pbrListBoundIfNext(pList_, pIf)) {
-            units += (units.empty() ? "" : ",") + std::to_string(pIf->ifUnit);
+            units += units.empty() ? "" : ",";
+            units += std::to_string(pIf->ifUnit);
         }
         return units;
     }

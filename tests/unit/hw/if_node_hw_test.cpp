@@ -184,7 +184,10 @@ TEST_F(IfNodeHw, OnlyFourIpv6NextHopsFitAndAllAreCounted) {
     for (uint32_t i = 1; i <= 5; i++) {
         hops({("2001:db8::" + std::to_string(i)).c_str()});
         hops_.back()->nexthopArpState = 1;
-        expected += i <= 4 ? (i == 1 ? "" : ",") + std::string("20010db8,00000000,00000000,0000000") + std::to_string(i) : "";
+        if (i <= 4) {
+            expected += i == 1 ? "" : ",";
+            expected += "20010db8,00000000,00000000,0000000" + std::to_string(i);
+        }
     }
     EXPECT_EQ("act=50 pri=0 vrf=0 hops=" + expected, addRecord());
     gPbrInfo.debugFlags = 4;

@@ -281,8 +281,8 @@ protected:
         std::string names;
         for (PbrListEntry *pList = pbrListFromReadyLink(listFirst(&gPbrInfo.readyTable)); pList != nullptr;
              pList = pbrListFromReadyLink(listNext(&gPbrInfo.readyTable, &pList->readyLink))) {
-            names += (names.empty() ? "" : ",") +
-                     std::string(reinterpret_cast<const char *>(pList->name), pList->nameLen);
+            names += names.empty() ? "" : ",";
+            names += nameOf(pList);
         }
         return names;
     }

@@ -250,7 +250,8 @@ protected:
         for (const std::string &line : fake::takeCalls()) {
             if (line.find("aclIfSetApi(") == 0) {
                 const size_t action = line.find("act=");
-                out += (out.empty() ? "" : "; ") + line.substr(15, 2) + " " +
+                out += out.empty() ? "" : "; ";
+                out += line.substr(15, 2) + " " +
                        line.substr(action, line.find(' ', action) - action) + " " +
                        line.substr(line.find("hops="), line.size() - line.find("hops=") - 1);
             }
