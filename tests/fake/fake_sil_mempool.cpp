@@ -1,6 +1,7 @@
 // Pools of the fake: slots are filled with a pattern while free, so that a stale read shows.
 #include "platform/sil_mempool.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,11 +44,7 @@ uint32_t poolSlotBytes(const std::string &name) {
 }
 uint32_t slotsTaken(const std::string &name) {
     const Pool *pPool = poolNamed(name);
-    uint32_t count = 0;
-    for (size_t i = 0; pPool != nullptr && i < pPool->taken.size(); ++i) {
-        count += pPool->taken[i] ? 1 : 0;
-    }
-    return count;
+    return pPool == nullptr ? 0 : pPool->takenCount;
 }
 std::string poolOf(const void *pSlot) {
     for (const auto &[pObject, pool] : state().pools) {
@@ -97,9 +94,11 @@ extern "C" void *silMemPoolAlloc(SilMemPool *pPool, uint32_t flags) {
     if (quietFallible("silMemPoolAlloc", pool.name, 1, 0) == 0) {
         return nullptr;
     }
-    for (size_t i = 0; i < pool.taken.size(); ++i) {
+    for (size_t i = pool.firstFree; i < pool.taken.size(); ++i) {
         if (!pool.taken[i]) {
             pool.taken[i] = true;
+            pool.takenCount += 1;
+            pool.firstFree = i + 1;
             return memset(pool.pMemory + i * pool.stride, 0, pool.slotBytes);
         }
     }
@@ -114,6 +113,8 @@ extern "C" void silMemPoolFree(SilMemPool *pPool, void *pSlot) {
         return;
     }
     found->second.taken[static_cast<size_t>(slot)] = false;
+    found->second.takenCount -= 1;
+    found->second.firstFree = std::min(found->second.firstFree, static_cast<size_t>(slot));
     memset(pSlot, 0xDD, found->second.slotBytes);
 }
 

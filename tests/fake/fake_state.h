@@ -18,6 +18,8 @@ struct Pool {
     uint32_t slotBytes = 0, stride = 0;
     uint8_t *pMemory = nullptr;
     std::vector<bool> taken;
+    uint32_t takenCount = 0;
+    size_t firstFree = 0; // no free slot before it
 };
 
 struct ArmedTimer {

@@ -25,7 +25,10 @@ void startDaemon(uint32_t maxListNum, uint32_t maxNodeNum, uint32_t maxIfNum) {
 }
 
 std::vector<uint8_t> bytes(const std::string &text) {
-    return std::vector<uint8_t>(text.begin(), text.end());
+    std::vector<uint8_t> out;
+    out.reserve(text.size() + 1); // data() is an address even of an empty name
+    out.assign(text.begin(), text.end());
+    return out;
 }
 
 std::vector<uint8_t> addressBytes(const std::string &address) {

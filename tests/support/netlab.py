@@ -94,6 +94,7 @@ class Lab:
                 sysctl(ns, f"ipv4/conf/{which}/rp_filter", 0)
                 sysctl(ns, f"ipv6/conf/{which}/accept_dad", 0)
                 sysctl(ns, f"ipv6/conf/{which}/accept_ra", 0)
+                sysctl(ns, f"ipv6/conf/{which}/keep_addr_on_down", 1)
             run("ip link set lo up", ns)
         self._link("lan", "eth0", "rtr", "lan0", LAN[4] + "/24", "10.0.0.1/24", LAN[6] + "/64", "2001:db8:1::1/64")
         self._link("lan2", "eth0", "rtr", "lan1", LAN2[4] + "/24", "10.2.0.1/24", LAN2[6] + "/64", "2001:db8:2::1/64")
@@ -102,11 +103,10 @@ class Lab:
             self._link(isp, "eth0", "rtr", up, h4 + "/24", r4 + "/24", h6 + "/64", r6 + "/64")
             self._link(isp, "core", "srv", "from-" + up, f"172.16.{number}.1/24", f"172.16.{number}.2/24",
                        f"2001:db8:f{number}::1/64", f"2001:db8:f{number}::2/64")
-            for family, server, lan in ((4, SERVER[4], "10.0.0.0/8"), (6, SERVER[6], "2001:db8::/36")):
+            for family, server in SERVER.items():
                 via = f"172.16.{number}.2" if family == 4 else f"2001:db8:f{number}::2"
-                back = r4 if family == 4 else r6
                 run(f"ip -{family} route add {server} via {via}", isp)
-                run(f"ip -{family} route add {lan} via {back}", isp)
+            self._back_routes(up)
         for family in (4, 6):
             run(f"ip -{family} addr add {SERVER[family]}/{32 if family == 4 else 128} dev lo", "srv")
             run(f"ip -{family} route add default via {'10.0.0.1' if family == 4 else '2001:db8:1::1'}", "lan")
@@ -121,6 +121,13 @@ class Lab:
             run(f"ip addr add {v4} dev {interface}", ns)
             run(f"ip -6 addr add {v6} dev {interface} nodad", ns)
             run(f"ip link set {interface} up", ns)
+
+    @staticmethod
+    def _back_routes(up):
+        """The ISP's way to the LANs; the kernel takes it away with the link."""
+        run(f"ip -4 route replace 10.0.0.0/8 via {UPLINKS[up][0]}", ISP[up])
+        for lan in ("2001:db8:1::/64", "2001:db8:2::/64"):
+            run(f"ip -6 route replace {lan} via {UPLINKS[up][2]}", ISP[up])
 
     def socket(self, ns, family, kind=socket.SOCK_DGRAM):
         with inside(ns):
@@ -137,6 +144,8 @@ class Lab:
 
     def link(self, up, state):
         run(f"ip link set eth0 {state}", ISP[up])
+        if state == "up":
+            self._back_routes(up)
 
     def close(self):
         for ns in self.namespaces:
