@@ -19,7 +19,7 @@ std::string hops(const uint8_t *pArea) {
     }
     std::string out;
     for (uint32_t i = 0; i < count; ++i) {
-        out += (i == 0 ? "" : ",") + text("%08x", pbrLoadBe32(pArea + 4 * i));
+        out += text(i == 0 ? "%08x" : ",%08x", pbrLoadBe32(pArea + 4 * i));
     }
     return out;
 }
