@@ -1,8 +1,8 @@
 """The daemon dies and comes back: packets keep flowing by the policy, and the next start adopts what it finds."""
 import time
 
-import netlab
 import system_case
+import netlab
 from steering_test import ACLS, both, hops, policy
 
 

@@ -1,8 +1,8 @@
 """Packets of matching traffic leave by the policy's next hop, in both families, whatever happens around it."""
 import time
 
-import netlab
 import system_case
+import netlab
 from netlab import UPLINKS
 
 ACLS = """
