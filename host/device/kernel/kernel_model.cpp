@@ -381,10 +381,11 @@ std::vector<NftChange> KernelModel::changes(const NftImage &installed) {
         for (const auto &[name, fingerprints] : installed.chains) {
             chains.insert(name);
         }
-        for (const auto *pElements : {&elements_, &installed.elements}) {
-            for (const auto &[key, chain] : *pElements) {
-                keys.insert(key);
-            }
+        for (const auto &[key, chain] : elements_) {
+            keys.insert(key);
+        }
+        for (const auto &[key, chain] : installed.elements) {
+            keys.insert(key);
         }
     }
     for (const std::string &name : chains) {
@@ -451,8 +452,8 @@ uint32_t KernelModel::decisionOf(const NodeKey &key) const {
     return it == nodes_.end() ? 0 : effective(key, it->second);
 }
 
-EntryStatus KernelModel::status(const std::string &list, const EntryKey &key) const {
-    EntryStatus status;
+KernelEntryStatus KernelModel::status(const std::string &list, const EntryKey &key) const {
+    KernelEntryStatus status;
     auto it = lists_.find(list);
     if (it == lists_.end() || it->second.entries.count(key) == 0) {
         status.error = "unknown to the device";

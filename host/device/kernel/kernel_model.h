@@ -36,7 +36,7 @@ struct NftChange {
     std::string owner;  // chain on whose behalf this is: whom a failure concerns
 };
 
-struct EntryStatus {
+struct KernelEntryStatus {
     bool installed = false; // the kernel holds what the entry asks for (also: nothing, when it asks for nothing)
     std::string error;
     std::string reason;
@@ -69,7 +69,7 @@ public:
     // What the kernel should hold, whole.
     NftImage image() const;
 
-    EntryStatus status(const std::string &list, const EntryKey &key) const;
+    KernelEntryStatus status(const std::string &list, const EntryKey &key) const;
 
     // The nodes of an entry, one a family at most.
     std::vector<NodeKey> nodesOf(const std::string &list, const EntryKey &key) const;

@@ -213,6 +213,8 @@ bool rtIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort) {
         const auto *pHeader = netlinkHeader<rtmsg>(pMessage);
         return pHeader != nullptr && pHeader->rtm_protocol == FIB_PROTO_POLICYROUTE;
     }
+    case RTM_NEWADDR:
+    case RTM_DELADDR:
     case RTM_NEWLINK:
     case RTM_DELLINK:
     case RTM_NEWNEXTHOP:

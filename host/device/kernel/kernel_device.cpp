@@ -1,0 +1,470 @@
+// The kernel device: see kernel_device.h. Called by the ACL module and the synchronisation point under
+// the daemon's mutex, and by services on the event thread; calls the compiler and the kernel plane.
+#include "host/device/kernel/kernel_device.h"
+
+#include <arpa/inet.h>
+#include <algorithm>
+#include <cerrno>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/rtnetlink.h>
+
+#include <nlohmann/json.hpp>
+
+#include "host/device/desired/desired_show.h"
+#include "host/device/kernel/nft_codec.h"
+#include "host/hrd/hrd_service.h"
+#include "host/logging/host_log.h"
+#include "host/option/option.h"
+
+namespace host {
+
+namespace {
+
+constexpr const char *MODULE = "kernel-device";
+
+// What a node is to every link of it; the rest of an entry names the link.
+void contentCopy(RedirectEntry &to, const RedirectEntry &from) {
+    const uint32_t ifUnit = to.ifUnit;
+    to = from;
+    to.ifUnit = ifUnit;
+}
+
+} // namespace
+
+KernelDevice::KernelDevice(KernelDeviceHooks hooks) : hooks_(std::move(hooks)), plane_(hooks_.options) {}
+
+KernelDevice::~KernelDevice() {
+    if (isStarted_) {
+        hooks_.pLoop->timerStop(readBackTimer_);
+        hooks_.pLoop->timerStop(holdTimer_);
+    }
+}
+
+// ---- start, and what an earlier run left ----
+
+std::string KernelDevice::start() {
+    {
+        std::lock_guard guard(lock_);
+        try {
+            readers_ = std::make_unique<KernelSockets>();
+            monitorsStart();
+        } catch (const std::exception &error) {
+            return std::string("the kernel cannot be followed: ") + error.what();
+        }
+        const std::string error = plane_.open();
+        if (!error.empty()) {
+            return "kernel device: " + error;
+        }
+        isHeld_ = plane_.isAdopted();
+        isStarted_ = true;
+    }
+    hooks_.pLoop->post([this] {
+        nftMonitor_->start(*hooks_.pLoop);
+        rtMonitor_->start(*hooks_.pLoop);
+        if (isHeld()) {
+            hostLog(LOG_LEVEL_NOTICE, MODULE, "a policy of an earlier run is in the kernel; it is kept for now");
+            holdTimer_ = hooks_.pLoop->timerStart(hooks_.adoptWait, [this] { holdPoll(); });
+        }
+    });
+    if (hooks_.onWorldChange) {
+        hooks_.onWorldChange([this] { worldChanged(); });
+    }
+    return "";
+}
+
+// Joined before the first look, so that nothing is missed.
+void KernelDevice::monitorsStart() {
+    const auto foreign = [this] { readBackSoon(FOREIGN_CHANGE_MS); };
+    const auto isOwn = [this](const nlmsghdr *pMessage) { return plane_.ports().count(pMessage->nlmsg_pid) != 0; };
+    nftMonitor_ = std::make_unique<NetlinkMonitor>(
+        NETLINK_NETFILTER, std::vector<uint32_t>{NFNLGRP_NFTABLES},
+        [=](const nlmsghdr *pMessage) {
+            if (!isOwn(pMessage) && nftIsForeignChange(pMessage, 0)) {
+                foreign();
+            }
+        },
+        foreign);
+    rtMonitor_ = std::make_unique<NetlinkMonitor>(
+        NETLINK_ROUTE,
+        std::vector<uint32_t>{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+                              RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP},
+        [=](const nlmsghdr *pMessage) {
+            if (!isOwn(pMessage) && rtIsForeignChange(pMessage, 0)) {
+                foreign();
+            }
+        },
+        foreign);
+}
+
+bool KernelDevice::isHeld() const {
+    std::lock_guard guard(lock_);
+    return isHeld_;
+}
+
+KernelCounters KernelDevice::counters() const {
+    std::lock_guard guard(lock_);
+    return plane_.counters();
+}
+
+// Goes on until no peer is undetermined and the daemon had time to hear of it.
+void KernelDevice::holdPoll() {
+    holdTimer_ = 0;
+    if (!isHeld()) {
+        return;
+    }
+    const bool isKnown = !hooks_.isUndetermined || !hooks_.isUndetermined();
+    if ((isKnown && determined_ >= HOLD_GRACE_MS) || held_ >= HOLD_EXTRA_MS) {
+        release();
+        return;
+    }
+    determined_ = isKnown ? determined_ + HOLD_POLL_MS : std::chrono::milliseconds{0};
+    held_ += HOLD_POLL_MS;
+    holdTimer_ = hooks_.pLoop->timerStart(HOLD_POLL_MS, [this] { holdPoll(); });
+}
+
+void KernelDevice::release() {
+    std::lock_guard guard(lock_);
+    if (!isHeld_) {
+        return;
+    }
+    isHeld_ = false;
+    plane_.model().allDirty();
+    allCompile();
+    apply();
+    readBackSoon(READ_BACK_MS); // also when nothing had to be changed: leftovers are collected then
+    hostLog(LOG_LEVEL_NOTICE, MODULE, "the policy of the earlier run is replaced by the present one");
+}
+
+// ---- desired state ----
+
+// Puts one answer of the view into the state, for the entry's link and for the node's other links (the
+// node decides, not the link). Result: the list when something differs, else empty.
+std::string KernelDevice::entryMerge(const RedirectEntry &entry) {
+    auto &entries = state_.lists[entry.list];
+    const EntryKey key{entry.ifUnit, entry.nodeIndex};
+    bool isChange = entries.count(key) == 0;
+    entries[key].ifUnit = entry.ifUnit;
+    for (auto &[otherKey, other] : entries) {
+        if (otherKey.second != entry.nodeIndex) {
+            continue;
+        }
+        const RedirectEntry before = other;
+        contentCopy(other, entry);
+        isChange = isChange || !(before == other);
+    }
+    return isChange ? entry.list : "";
+}
+
+// While an interface is being bound its links are told one by one and are not all in the view's lists.
+// all: the view's lists were taken anew, so that every such link has to be put in again.
+std::vector<std::string> KernelDevice::provisionalMerge(bool all, uint32_t ifUnit, uint32_t aclNum) {
+    std::vector<std::string> changed;
+    for (auto it = provisional_.begin(); it != provisional_.end();) {
+        if (!all && *it != std::pair{ifUnit, aclNum}) {
+            ++it;
+            continue;
+        }
+        const std::optional<RedirectEntry> entry = hooks_.get(it->first, it->second);
+        if (!entry) {
+            it = provisional_.erase(it);
+            continue;
+        }
+        const std::string list = entryMerge(*entry);
+        if (!list.empty()) {
+            changed.push_back(list);
+        }
+        ++it;
+    }
+    return changed;
+}
+
+void KernelDevice::listsCompile(const std::vector<std::string> &lists) {
+    static const std::map<EntryKey, RedirectEntry> none;
+    for (const std::string &list : std::set<std::string>(lists.begin(), lists.end())) {
+        auto it = state_.lists.find(list);
+        plane_.model().listSet(list, programCompile(list, it == state_.lists.end() ? none : it->second, hooks_.env));
+    }
+}
+
+// Everything, with each address looked up once.
+void KernelDevice::allCompile() {
+    std::map<std::tuple<uint32_t, int, IpAddress>, std::optional<FibEgress>> known;
+    ProgramEnv env = hooks_.env;
+    env.egress = [&](uint32_t vrfid, int version, const IpAddress &address) {
+        auto [it, isNew] = known.try_emplace({vrfid, version, address});
+        if (isNew) {
+            it->second = hooks_.env.egress(vrfid, version, address);
+        }
+        return it->second;
+    };
+    for (const auto &[list, entries] : state_.lists) {
+        plane_.model().listSet(list, programCompile(list, entries, env));
+    }
+}
+
+// Lock: held by caller
+void KernelDevice::apply() {
+    if (isHeld_ || !isStarted_) {
+        return;
+    }
+    const uint64_t before = plane_.counters().applies;
+    const std::string error = plane_.apply();
+    if (!error.empty() && error != error_) {
+        hostLog(LOG_LEVEL_ERROR, MODULE, "%s", error.c_str());
+    }
+    error_ = error;
+    if (plane_.counters().applies != before || plane_.isCollectDue() || !error.empty()) {
+        readBackSoon(READ_BACK_MS);
+    }
+}
+
+int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
+    std::lock_guard guard(lock_);
+    std::vector<std::string> changed = hooks_.take(state_, false);
+    provisional_.insert({ifUnit, aclNum});
+    for (const std::string &list : provisionalMerge(!changed.empty(), ifUnit, aclNum)) {
+        changed.push_back(list);
+    }
+    const std::optional<RedirectEntry> entry = hooks_.get(ifUnit, aclNum);
+    if (!entry) {
+        return 0; // a link that does not exist wants nothing
+    }
+    const EntryKey key{entry->ifUnit, entry->nodeIndex};
+    const bool isRetry = !plane_.model().status(entry->list, key).error.empty() || isFlushed_ || !error_.empty();
+    if (isRetry) {
+        plane_.retryRefused();
+        changed.push_back(entry->list);
+    }
+    isFlushed_ = false;
+    listsCompile(changed);
+    if (!changed.empty()) {
+        apply();
+    }
+    const KernelEntryStatus status = plane_.model().status(entry->list, key);
+    if (!status.error.empty()) {
+        return EOPNOTSUPP;
+    }
+    return status.installed || isHeld_ ? 0 : EIO;
+}
+
+// The view decides: the end of the handler or of the run, which follows, says what remains.
+int32_t KernelDevice::del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
+    std::lock_guard guard(lock_);
+    provisional_.erase({ifUnit, aclNum});
+    return 0;
+}
+
+void KernelDevice::storeChanged() {
+    std::lock_guard guard(lock_);
+    provisional_.clear();
+    const std::vector<std::string> changed = hooks_.take(state_, false);
+    if (changed.empty()) {
+        return;
+    }
+    isFlushed_ = false;
+    listsCompile(changed);
+    apply();
+}
+
+void KernelDevice::aclChanged(uint32_t aclNum) {
+    std::lock_guard guard(lock_);
+    std::vector<std::string> changed;
+    for (const auto &[list, entries] : state_.lists) {
+        const bool isUsed = std::any_of(entries.begin(), entries.end(), [&](const auto &item) {
+            return item.second.aclNum == aclNum && item.second.kind != PBR_REDIRECT_ABSENT;
+        });
+        if (isUsed) {
+            changed.push_back(list);
+        }
+    }
+    if (changed.empty()) {
+        return;
+    }
+    listsCompile(changed);
+    if (!isFlushed_) {
+        apply();
+    }
+}
+
+void KernelDevice::worldChanged() {
+    std::lock_guard guard(lock_);
+    if (!isHeld_) {
+        plane_.retryRefused();
+    }
+    allCompile();
+    if (!isFlushed_) {
+        apply();
+    }
+    readBackSoon(FOREIGN_CHANGE_MS);
+}
+
+std::string KernelDevice::firstError() const {
+    for (const auto &[list, program] : plane_.model().lists()) {
+        for (const auto &[key, entry] : program.entries) {
+            const std::string error = plane_.model().status(list, key).error;
+            if (!error.empty()) {
+                return "list " + list + " node " + std::to_string(key.second) + ": " + error;
+            }
+        }
+    }
+    return "";
+}
+
+std::string KernelDevice::settle() {
+    std::lock_guard guard(lock_);
+    if (isHeld_) {
+        // Released as soon as the peers are known: the present policy is complete only then.
+        hooks_.pLoop->timerStop(holdTimer_);
+        holdTimer_ = hooks_.pLoop->timerStart(std::chrono::milliseconds{0}, [this] { holdPoll(); });
+        return firstError();
+    }
+    isFlushed_ = false;
+    plane_.retryRefused();
+    allCompile();
+    apply();
+    return error_.empty() ? firstError() : error_;
+}
+
+std::string KernelDevice::flush() {
+    std::lock_guard guard(lock_);
+    isHeld_ = false;
+    isFlushed_ = true;
+    const std::string error = plane_.flush();
+    hostLog(LOG_LEVEL_NOTICE, MODULE, "everything of ours was removed from the kernel%s%s",
+            error.empty() ? "" : ": ", error.c_str());
+    return error;
+}
+
+// ---- reading back ----
+
+// Any thread: the timer itself is set on the event thread. Lock: may be held
+void KernelDevice::readBackSoon(std::chrono::milliseconds delay) {
+    if (!isStarted_) {
+        return;
+    }
+    hooks_.pLoop->post([this, delay] {
+        const bool isUrgent = delay < READ_BACK_MS;
+        if (readBackTimer_ != 0 && !isUrgent) {
+            return; // the earlier appointment will see this change too, or come again
+        }
+        hooks_.pLoop->timerStop(readBackTimer_);
+        readBackTimer_ = hooks_.pLoop->timerStart(delay, [this] {
+            readBackTimer_ = 0;
+            readBack();
+        });
+    });
+}
+
+void KernelDevice::readBack() {
+    uint64_t applies = 0;
+    {
+        std::lock_guard guard(lock_);
+        if (isHeld_ || isFlushed_) {
+            return;
+        }
+        const std::string remains = plane_.collect();
+        if (!remains.empty()) {
+            hostLog(LOG_LEVEL_WARNING, MODULE, "%s", remains.c_str());
+        }
+        applies = plane_.counters().applies;
+    }
+    KernelSnapshot snapshot;
+    const std::string error = snapshotRead(*readers_, &snapshot);
+    std::lock_guard guard(lock_);
+    if (!error.empty()) {
+        hostLog(LOG_LEVEL_WARNING, MODULE, "%s", error.c_str());
+        return;
+    }
+    if (plane_.counters().applies != applies || isHeld_ || isFlushed_) {
+        readBackSoon(READ_BACK_MS); // the snapshot is older than what we did meanwhile
+        return;
+    }
+    if (plane_.reconcile(snapshot)) {
+        hostLog(LOG_LEVEL_WARNING, MODULE, "the kernel held something else than was installed; it is repaired");
+    }
+    apply();
+}
+
+// ---- show ----
+
+uint64_t KernelDevice::packetsOf(const std::string &list, const EntryKey &key,
+                                 const std::map<std::string, std::vector<uint64_t>> &packets) const {
+    uint64_t sum = 0;
+    const auto &programs = plane_.model().lists();
+    for (const NodeKey &nodeKey : plane_.model().nodesOf(list, key)) {
+        const ProgramNode &node = programs.at(list).nodes.at(nodeKey);
+        auto counted = packets.find(kernelMatchChain(nodeKey));
+        if (!node.rules || counted == packets.end()) {
+            continue;
+        }
+        size_t i = 0;
+        for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, nodeKey.family)) {
+            sum += rule.permit && i < counted->second.size() ? counted->second[i] : 0;
+            i++;
+        }
+    }
+    return sum;
+}
+
+nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const {
+    nlohmann::json shown = nlohmann::json::array();
+    for (const auto &[list, entries] : state_.lists) {
+        for (const auto &[key, entry] : entries) {
+            const KernelEntryStatus status = plane_.model().status(list, key);
+            const bool isInKernel = status.installed && !isHeld_ && !isFlushed_;
+            nlohmann::json row = redirectEntryShow(entry, {isInKernel, status.error});
+            row["reason"] = status.reason;
+            row["packets"] = packetsOf(list, key, packets);
+            nlohmann::json ids = nlohmann::json::array();
+            for (const NodeKey &node : plane_.model().nodesOf(list, key)) {
+                ids.push_back(plane_.model().decisionOf(node));
+            }
+            row["decisions"] = std::move(ids);
+            shown.push_back(std::move(row));
+        }
+    }
+    return shown;
+}
+
+nlohmann::json KernelDevice::decisionsShow() const {
+    nlohmann::json shown = nlohmann::json::array();
+    for (const auto &[key, decision] : plane_.model().decisions().all()) {
+        nlohmann::json paths = nlohmann::json::array();
+        for (const ProgramPath &path : decision.paths) {
+            const std::optional<IfnetLink> link = hooks_.env.link(path.ifIndex);
+            paths.push_back({{"interface", link ? link->name : std::to_string(path.ifIndex)},
+                             {"gateway", path.hasGateway ? ipAddressText(key.first == 6 ? 2 : 1, path.gateway) : ""},
+                             {"weight", path.weight}});
+        }
+        const RtRule rule = plane_.model().decisions().objectsOf(key).rule;
+        shown.push_back({{"id", key.second}, {"ipVersion", key.first}, {"mark", rule.mark}, {"table", rule.table},
+                         {"preference", rule.preference}, {"paths", std::move(paths)}, {"users", decision.users},
+                         {"installed", decision.installed}, {"error", decision.error}});
+    }
+    return shown;
+}
+
+nlohmann::json KernelDevice::show() {
+    std::map<std::string, std::vector<uint64_t>> packets;
+    std::string error;
+    if (readers_) {
+        error = nftCounters(readers_->nft, &packets);
+    }
+    std::lock_guard guard(lock_);
+    const KernelCounters &counters = plane_.counters();
+    const char *pState = !isStarted_ ? "unusable" : isHeld_ ? "held" : isFlushed_ ? "flushed" : "live";
+    return {{"kind", "kernel"},
+            {"state", pState},
+            {"error", error_},
+            {"markMask", hooks_.options.markMask},
+            {"entries", entriesShow(packets)},
+            {"decisions", decisionsShow()},
+            {"counters",
+             {{"applies", counters.applies},
+              {"kernelMessages", counters.kernelMessages},
+              {"driftRepaired", counters.driftRepaired},
+              {"refusals", counters.refusals},
+              {"lastApplyUs", counters.lastApplyUs}}}};
+}
+
+} // namespace host

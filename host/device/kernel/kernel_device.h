@@ -1,0 +1,114 @@
+// The kernel device: the forwarding plane that steers real packets with nftables and policy routing.
+//
+// Level-triggered: it holds the desired state (what the redirect view says of all bound links) and
+// keeps the kernel equal to it. Whatever the reason of a change, the lists concerned are compiled
+// again and the differences applied. Everything it asks of the world comes through KernelDeviceHooks.
+//
+// States:
+//   held      an earlier run's objects were found at start and are left as they are; leaves by release
+//             (settle, or host.adopt-wait-ms after start, and then as soon as no peer is undetermined,
+//             HOLD_EXTRA_MS at most); the desired state is only collected, add answers by what can be
+//             expressed
+//   live      every change is applied at once
+//   flushed   flush removed everything; the next change of the desired state, add or settle goes back
+//             to live
+// Lock: its own, after the daemon's mutex; reading back and show ask the kernel without it.
+#ifndef HOST_DEVICE_KERNEL_KERNEL_DEVICE_H
+#define HOST_DEVICE_KERNEL_KERNEL_DEVICE_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/device/device.h"
+#include "host/device/kernel/kernel_plane.h"
+#include "host/event/event_loop.h"
+#include "host/netlink/netlink_monitor.h"
+
+namespace host {
+
+struct KernelDeviceHooks {
+    KernelOptions options;
+    std::chrono::milliseconds adoptWait{10000};
+    EventLoop *pLoop = nullptr;
+    ProgramEnv env;
+    std::function<std::vector<std::string>(DesiredState &, bool all)> take;      // desiredStateTake
+    std::function<std::optional<RedirectEntry>(uint32_t ifUnit, uint32_t aclNum)> get; // the view's answer
+    std::function<bool()> isUndetermined;                    // some peer's state is not known yet
+    std::function<void(std::function<void()>)> onWorldChange; // routes or links changed; may be empty
+};
+
+class KernelDevice : public Device {
+public:
+    explicit KernelDevice(KernelDeviceHooks hooks);
+    ~KernelDevice() override; // stops its timers and notifications; leaves the kernel as it is
+
+    std::string start() override;
+    int32_t add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) override;
+    int32_t del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) override;
+    void storeChanged() override;
+    void aclChanged(uint32_t aclNum) override;
+    std::string settle() override;
+    std::string flush() override;
+    nlohmann::json show() override;
+
+    // Routes or links changed: resolves everything again and looks what the kernel dropped. Event thread.
+    void worldChanged();
+
+    // Reads back what the kernel holds, repairs it, and removes what is not used any more. Event thread.
+    void readBack();
+
+    // Whether an earlier run's objects are still kept as they were found. Any thread. Lock: takes
+    bool isHeld() const;
+    KernelCounters counters() const; // any thread. Lock: takes
+
+private:
+    using Place = std::pair<std::string, EntryKey>;
+
+    void monitorsStart();
+    std::vector<std::string> provisionalMerge(bool all, uint32_t ifUnit, uint32_t aclNum);
+    std::string entryMerge(const RedirectEntry &entry);
+    void listsCompile(const std::vector<std::string> &lists);
+    void allCompile();
+    void apply();
+    void readBackSoon(std::chrono::milliseconds delay);
+    void holdPoll();
+    void release();
+    std::string firstError() const;
+    nlohmann::json entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const;
+    nlohmann::json decisionsShow() const;
+    uint64_t packetsOf(const std::string &list, const EntryKey &key,
+                       const std::map<std::string, std::vector<uint64_t>> &packets) const;
+
+    KernelDeviceHooks hooks_;
+    mutable std::mutex lock_;
+    KernelPlane plane_;
+    DesiredState state_;
+    std::set<std::pair<uint32_t, uint32_t>> provisional_; // (unit, ACL) added, perhaps not in the view's lists yet
+    std::string error_;    // of the latest apply, when it concerns no single entry
+    bool isStarted_ = false;
+    bool isHeld_ = false;
+    bool isFlushed_ = false;
+
+    // Event thread only.
+    std::unique_ptr<KernelSockets> readers_;
+    std::unique_ptr<NetlinkMonitor> nftMonitor_, rtMonitor_;
+    EventLoop::TimerId readBackTimer_ = 0, holdTimer_ = 0;
+    std::chrono::milliseconds held_{0};      // time spent in holdPoll
+    std::chrono::milliseconds determined_{0}; // how long every peer has been known
+};
+
+// Checks of the hold are this far apart; a peer's first report needs a moment to reach the daemon.
+constexpr std::chrono::milliseconds HOLD_POLL_MS{50}, HOLD_GRACE_MS{200}, HOLD_EXTRA_MS{5000};
+constexpr std::chrono::milliseconds READ_BACK_MS{50}, FOREIGN_CHANGE_MS{5};
+
+} // namespace host
+
+#endif

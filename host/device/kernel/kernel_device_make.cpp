@@ -1,0 +1,34 @@
+// The kernel device on the real world: options, view, ACLs, routes, links, peers, event thread.
+#include "host/device/kernel/kernel_device.h"
+#include "host/hrd/hrd_service.h"
+#include "host/option/option.h"
+
+namespace host {
+
+std::unique_ptr<Device> kernelDeviceMake() {
+    KernelDeviceHooks hooks;
+    hooks.options.markMask = static_cast<uint32_t>(optionNumber("host.mark-mask"));
+    hooks.options.rulePreference = static_cast<uint32_t>(optionNumber("host.rule-preference"));
+    hooks.options.tableBase = static_cast<uint32_t>(optionNumber("host.table-base"));
+    hooks.adoptWait = std::chrono::milliseconds(optionNumber("host.adopt-wait-ms"));
+    hooks.pLoop = &hostEventLoop();
+    hooks.env.rules = aclSnapshot;
+    hooks.env.link = ifnetByUnit;
+    hooks.env.egress = fibLookup;
+    hooks.take = desiredStateTake;
+    hooks.get = [](uint32_t ifUnit, uint32_t aclNum) -> std::optional<RedirectEntry> {
+        PbrRedirect redirect = {};
+        if (!pbrRedirectViewGet(ifUnit, aclNum, &redirect)) {
+            return std::nullopt;
+        }
+        return redirectEntryFrom(redirect);
+    };
+    hooks.isUndetermined = hrdUndetermined;
+    hooks.onWorldChange = [](std::function<void()> changed) {
+        fibOnChange(changed);
+        ifnetOnChange([changed](const IfnetLink &) { changed(); });
+    };
+    return std::make_unique<KernelDevice>(std::move(hooks));
+}
+
+} // namespace host

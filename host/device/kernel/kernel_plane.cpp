@@ -1,0 +1,446 @@
+// The kernel plane: see kernel_plane.h. Called by the kernel device under its lock; calls the codecs.
+//
+// installed_ follows every change that the kernel confirmed and is replaced by what is read back.
+#include "host/device/kernel/kernel_plane.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <linux/netlink.h>
+
+#include "host/device/kernel/nft_codec.h"
+#include "host/logging/host_log.h"
+
+namespace host {
+
+namespace {
+
+constexpr int APPLY_ROUNDS = 16; // every round leaves out at least one node, or resynchronises
+constexpr const char *MODULE = "kernel-device";
+
+uint64_t nowUs() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch()).count());
+}
+
+template <class Map, class Key, class Value> bool holds(const Map &map, const Key &key, const Value &value) {
+    auto it = map.find(key);
+    return it != map.end() && it->second == value;
+}
+
+bool holdsAll(const RtImage &image, const DecisionObjects &objects) {
+    const auto inside = [](const auto &held, const auto &asked) {
+        return std::all_of(asked.begin(), asked.end(),
+                           [&](const auto &item) { return holds(held, item.first, item.second); });
+    };
+    return inside(image.nextHops, objects.nextHops) && inside(image.groups, objects.groups) &&
+           inside(image.routes, objects.routes) && image.rules.count(objects.rule) != 0;
+}
+
+void encode(NftBatch &batch, const NftChange &change) {
+    batch.ownerSet(change.owner);
+    switch (change.kind) {
+    case NftChange::Kind::TableDel: batch.tableDel(); break;
+    case NftChange::Kind::TableAdd: batch.tableAdd(); break;
+    case NftChange::Kind::SetAdd: batch.setAdd(change.name); break;
+    case NftChange::Kind::ChainAdd: batch.chainAdd(change.name); break;
+    case NftChange::Kind::ChainFlush: batch.chainFlush(change.name); break;
+    case NftChange::Kind::RuleAdd: batch.ruleAdd(change.name, change.rule); break;
+    case NftChange::Kind::ElementDel: batch.elementDel(change.key); break;
+    case NftChange::Kind::ElementAdd: batch.elementAdd(change.key, change.name); break;
+    case NftChange::Kind::ChainDel: batch.chainDel(change.name); break;
+    }
+}
+
+} // namespace
+
+KernelSockets::KernelSockets() : nft(NETLINK_NETFILTER), rt(NETLINK_ROUTE) {}
+
+std::string snapshotRead(KernelSockets &sockets, KernelSnapshot *pSnapshot) {
+    const std::string error = nftRead(sockets.nft, &pSnapshot->nft);
+    return error.empty() ? rtRead(sockets.rt, &pSnapshot->rt) : error;
+}
+
+KernelPlane::KernelPlane(const KernelOptions &options) : options_(options), model_(options) {
+    model_.decisions().takenSet([this](uint8_t family, uint32_t preference, uint32_t table) {
+        return isTaken(family, preference, table);
+    });
+    model_.decisions().nextHopTakenSet([this](uint32_t id) {
+        return installed_.rt.foreignNextHops.count(id) != 0 || installed_.rt.nextHops.count(id) != 0 ||
+               installed_.rt.groups.count(id) != 0;
+    });
+}
+
+std::string KernelPlane::open() {
+    const std::string refusal = kernelOptionsRefusal(options_);
+    if (!refusal.empty()) {
+        return refusal;
+    }
+    try {
+        sockets_ = std::make_unique<KernelSockets>();
+    } catch (const std::exception &error) {
+        return std::string("the kernel cannot be reached: ") + error.what();
+    }
+    std::string error = snapshotRead(*sockets_, &installed_);
+    if (!error.empty()) {
+        return error + " (the kernel device needs nftables and the right CAP_NET_ADMIN)";
+    }
+    if (installed_.nft.foreign) {
+        return "a table inet policyroute exists that is not ours: rename or delete it";
+    }
+    // Asked for something that changes nothing, the kernel tells whether we would be allowed to.
+    NftBatch probe(sockets_->nft);
+    if (!installed_.nft.table && !installed_.nft.stale) {
+        probe.tableAdd();
+        probe.tableDel();
+        const NetlinkBatchResult result = probe.send();
+        if (!result.failed.empty()) {
+            return "nftables cannot be changed: " + result.failed.front().text +
+                   " (the kernel device needs nftables and the right CAP_NET_ADMIN)";
+        }
+    }
+    isAdopted_ = installed_.nft.table || installed_.nft.stale || !installed_.rt.isEmpty();
+    model_.decisions().adopt(installed_.rt);
+    decisionsMark();
+    return "";
+}
+
+const std::set<uint32_t> KernelPlane::ports() const {
+    return sockets_ ? std::set<uint32_t>{sockets_->nft.portId(), sockets_->rt.portId()} : std::set<uint32_t>{};
+}
+
+// Preferences, tables and marks that others use are left alone; so are leftovers of ours until they are removed.
+bool KernelPlane::isTaken(uint8_t family, uint32_t preference, uint32_t table) {
+    const RtImage &image = installed_.rt;
+    if (image.foreignPreferences.count({family, preference}) != 0 || image.foreignTables.count({family, table}) != 0) {
+        return true;
+    }
+    const bool isLeftover = std::any_of(image.rules.begin(), image.rules.end(), [&](const RtRule &rule) {
+        return rule.family == family && (rule.preference == preference || rule.table == table);
+    });
+    return isLeftover || (sockets_ && rtTableIsForeign(sockets_->rt, family, table));
+}
+
+// ---- routing half ----
+
+void KernelPlane::decisionsMark() {
+    for (auto &[key, decision] : model_.decisions().all()) {
+        decision.installed = holdsAll(installed_.rt, model_.decisions().objectsOf(key));
+    }
+}
+
+// `planned` are the next hops that earlier steps of the same batch make: decisions share these.
+void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const {
+    const DecisionObjects objects = model_.decisions().objectsOf(key);
+    const RtImage &held = installed_.rt;
+    for (const auto &item : objects.nextHops) {
+        if (!holds(held.nextHops, item.first, item.second) && planned.insert(item.first).second) {
+            steps.push_back({rtNextHopMessage(item.first, item.second), key,
+                             [item](RtImage &image) { image.nextHops[item.first] = item.second; }});
+        }
+    }
+    for (const auto &item : objects.groups) {
+        if (!holds(held.groups, item.first, item.second)) {
+            steps.push_back({rtGroupMessage(item.first, item.second), key,
+                             [item](RtImage &image) { image.groups[item.first] = item.second; }});
+        }
+    }
+    // The throw route first: a table is never without it while a rule leads there.
+    for (auto it = objects.routes.rbegin(); it != objects.routes.rend(); ++it) {
+        if (!holds(held.routes, it->first, it->second)) {
+            steps.push_back({rtRouteMessage(true, it->first, it->second), key,
+                             [item = *it](RtImage &image) { image.routes[item.first] = item.second; }});
+        }
+    }
+    if (held.rules.count(objects.rule) == 0) {
+        steps.push_back({rtRuleMessage(true, objects.rule), key,
+                         [rule = objects.rule](RtImage &image) { image.rules.insert(rule); }});
+    }
+}
+
+// Result: true when every step was done. Failures are noted in the decisions.
+bool KernelPlane::stepsSend(std::vector<RtStep> &steps) {
+    std::vector<NetlinkMessage> messages;
+    std::vector<uint32_t> seqs;
+    for (const RtStep &step : steps) {
+        messages.push_back(step.message);
+    }
+    const NetlinkBatchResult result = sockets_->rt.batch(messages, &seqs);
+    counters_.kernelMessages += messages.size();
+    std::map<uint32_t, const NetlinkError *> failed;
+    for (const NetlinkError &error : result.failed) {
+        failed.emplace(error.seq, &error);
+    }
+    for (size_t i = 0; i < steps.size(); i++) {
+        auto it = failed.find(seqs[i]);
+        if (it == failed.end()) {
+            steps[i].done(installed_.rt);
+            continue;
+        }
+        Decision *pDecision = model_.decisions().get(steps[i].owner);
+        if (pDecision != nullptr && pDecision->error.empty()) {
+            pDecision->error = "the kernel refused the route: " + it->second->text;
+        }
+    }
+    return result.ok();
+}
+
+void KernelPlane::decisionsInstall() {
+    std::vector<RtStep> steps;
+    std::set<uint32_t> planned;
+    std::vector<DecisionKey> pending;
+    for (const auto &[key, decision] : model_.decisions().all()) {
+        if (decision.users > 0 && !decision.installed && decision.error.empty()) {
+            stepsFor(key, planned, steps);
+            pending.push_back(key);
+        }
+        isCollectDue_ = isCollectDue_ || decision.users == 0;
+    }
+    if (pending.empty()) {
+        return;
+    }
+    if (!steps.empty()) {
+        counters_.applies++;
+        (void)stepsSend(steps); // what failed is in the decisions, below
+    }
+    for (const DecisionKey &key : pending) {
+        Decision *pDecision = model_.decisions().get(key);
+        pDecision->installed = pDecision->error.empty() &&
+                               holdsAll(installed_.rt, model_.decisions().objectsOf(key));
+        if (!pDecision->installed && pDecision->error.empty()) {
+            pDecision->error = "the kernel does not hold the route";
+        }
+        if (!pDecision->error.empty()) {
+            counters_.refusals++;
+            hostLog(LOG_LEVEL_WARNING, MODULE, "decision %u (IPv%u): %s", key.second, key.first,
+                    pDecision->error.c_str());
+            model_.decisionChanged(key);
+        }
+    }
+}
+
+// ---- nftables half ----
+
+// Result: what failed; empty when the transaction was done.
+std::vector<NftRefusal> KernelPlane::nftSend(const std::vector<NftChange> &changes) {
+    NftBatch batch(sockets_->nft);
+    for (const NftChange &change : changes) {
+        encode(batch, change);
+    }
+    counters_.applies++;
+    const NetlinkBatchResult result = batch.send();
+    counters_.kernelMessages += batch.count();
+    std::vector<NftRefusal> refusals;
+    if (result.ok()) {
+        nftImageChange(installed_.nft, changes);
+        model_.clean();
+        return refusals;
+    }
+    for (const NetlinkError &error : result.failed) {
+        const std::string *pOwner = batch.ownerOf(error.seq);
+        refusals.push_back({pOwner == nullptr ? "" : *pOwner, error.text});
+    }
+    if (refusals.empty()) {
+        refusals.push_back({"", "the kernel's answer was lost"});
+    }
+    return refusals;
+}
+
+// Leaves out the nodes whose rules the kernel refused. Result: whether there was one.
+bool KernelPlane::nodesRefuse(const std::vector<NftRefusal> &refusals) {
+    bool isAny = false;
+    for (const auto &[owner, text] : refusals) {
+        if (model_.refuse(owner, "the kernel refused the rules: " + text)) {
+            isAny = true;
+            counters_.refusals++;
+            hostLog(LOG_LEVEL_WARNING, MODULE, "%s: %s", owner.c_str(), text.c_str());
+        }
+    }
+    return isAny;
+}
+
+std::string KernelPlane::resync() {
+    KernelSnapshot snapshot;
+    std::string error = snapshotRead(*sockets_, &snapshot);
+    if (error.empty() && snapshot.nft.foreign) {
+        error = "a table inet policyroute exists that is not ours";
+    }
+    if (error.empty()) {
+        (void)reconcile(snapshot); // the caller goes on with what it finds
+    }
+    return error;
+}
+
+// A first failure may come from somebody else's change that we have not read yet: read, and try again
+// before anything is left out.
+std::string KernelPlane::nftApply() {
+    std::string error;
+    for (int round = 0; round < APPLY_ROUNDS; round++) {
+        const std::vector<NftChange> changes = model_.changes(installed_.nft);
+        if (changes.empty()) {
+            model_.clean();
+            return "";
+        }
+        const std::vector<NftRefusal> refusals = nftSend(changes);
+        if (refusals.empty()) {
+            return "";
+        }
+        if (round == 0) {
+            error = resync();
+            if (!error.empty()) {
+                return error;
+            }
+            decisionsInstall();
+        } else if (!nodesRefuse(refusals)) {
+            return "the kernel refused the rules: " + refusals.front().second;
+        }
+    }
+    return "the kernel refused the rules again and again";
+}
+
+// ---- the whole ----
+
+std::string KernelPlane::apply() {
+    const uint64_t begin = nowUs();
+    const uint64_t applies = counters_.applies;
+    decisionsInstall();
+    const std::string error = model_.isDirty() ? nftApply() : "";
+    if (counters_.applies != applies) {
+        counters_.lastApplyUs = nowUs() - begin;
+    }
+    for (const auto &[key, decision] : model_.decisions().all()) {
+        isCollectDue_ = isCollectDue_ || decision.users == 0;
+    }
+    return error;
+}
+
+bool KernelPlane::hasRefused() const {
+    for (const auto &[key, decision] : model_.decisions().all()) {
+        if (decision.users > 0 && !decision.error.empty()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void KernelPlane::retryRefused() {
+    for (auto &[key, decision] : model_.decisions().all()) {
+        if (!decision.error.empty()) {
+            decision.error.clear();
+            decision.installed = false;
+            model_.decisionChanged(key);
+        }
+    }
+}
+
+// Rules first, then what they lead to. A next-hop object takes its routes and memberships with it.
+void KernelPlane::junkSteps(const RtImage &wanted, std::vector<RtStep> &steps) const {
+    for (const RtRule &rule : installed_.rt.rules) {
+        if (wanted.rules.count(rule) == 0) {
+            steps.push_back({rtRuleMessage(false, rule), {}, [rule](RtImage &image) { image.rules.erase(rule); }});
+        }
+    }
+    for (const auto &[key, target] : installed_.rt.routes) {
+        if (wanted.routes.count(key) == 0) {
+            steps.push_back({rtRouteMessage(false, key, target), {},
+                             [key = key](RtImage &image) { image.routes.erase(key); }});
+        }
+    }
+    for (const auto &[id, group] : installed_.rt.groups) {
+        if (wanted.groups.count(id) == 0) {
+            steps.push_back({rtNextHopDelMessage(id), {}, [id = id](RtImage &image) { image.groups.erase(id); }});
+        }
+    }
+    for (const auto &[id, nextHop] : installed_.rt.nextHops) {
+        if (wanted.nextHops.count(id) == 0) {
+            steps.push_back({rtNextHopDelMessage(id), {}, [id = id](RtImage &image) { image.nextHops.erase(id); }});
+        }
+    }
+}
+
+std::string KernelPlane::collect() {
+    isCollectDue_ = false;
+    model_.decisions().drop();
+    std::vector<RtStep> steps;
+    junkSteps(model_.decisions().wanted(), steps);
+    if (steps.empty()) {
+        return "";
+    }
+    std::vector<NetlinkMessage> messages;
+    std::vector<uint32_t> seqs;
+    for (const RtStep &step : steps) {
+        messages.push_back(step.message);
+    }
+    const NetlinkBatchResult result = sockets_->rt.batch(messages, &seqs);
+    counters_.kernelMessages += messages.size();
+    std::map<uint32_t, const NetlinkError *> failed;
+    for (const NetlinkError &error : result.failed) {
+        failed.emplace(error.seq, &error);
+    }
+    std::string remains;
+    for (size_t i = 0; i < steps.size(); i++) {
+        auto it = failed.find(seqs[i]);
+        // What is gone already is as removed as it can be.
+        const bool isGone = it != failed.end() && (it->second->code == ENOENT || it->second->code == ESRCH);
+        if (it == failed.end() || isGone) {
+            steps[i].done(installed_.rt);
+        } else {
+            remains = "the kernel did not remove a routing object: " + it->second->text;
+        }
+    }
+    return remains;
+}
+
+bool KernelPlane::reconcile(const KernelSnapshot &snapshot) {
+    // Objects of ours beyond the wanted ones are no difference: they wait to be collected.
+    const bool isNftSame = snapshot.nft == installed_.nft;
+    const bool isRtSame = snapshot.rt == installed_.rt;
+    installed_ = snapshot;
+    if (!isNftSame) {
+        model_.allDirty();
+    }
+    if (!isRtSame) {
+        decisionsMark();
+        isCollectDue_ = true;
+    }
+    const RtImage wanted = model_.decisions().wanted();
+    bool isDrift = !isNftSame && !(model_.image() == snapshot.nft);
+    for (const auto &[key, decision] : model_.decisions().all()) {
+        isDrift = isDrift || (decision.users > 0 && !decision.installed && decision.error.empty());
+    }
+    if (isDrift) {
+        counters_.driftRepaired++;
+    }
+    return isDrift;
+}
+
+std::string KernelPlane::flush() {
+    std::string error = resync();
+    if (!error.empty()) {
+        return error;
+    }
+    if (installed_.nft.table || installed_.nft.stale) {
+        NftBatch batch(sockets_->nft);
+        batch.tableDel();
+        const NetlinkBatchResult result = batch.send();
+        if (!result.ok()) {
+            return "table inet policyroute cannot be removed: " +
+                   (result.failed.empty() ? std::string("no answer") : result.failed.front().text);
+        }
+        installed_.nft = {};
+    }
+    model_.allDirty();
+    std::vector<RtStep> steps;
+    junkSteps({}, steps);
+    (void)stepsSend(steps); // what remains is read back and told, below
+    KernelSnapshot snapshot;
+    error = snapshotRead(*sockets_, &snapshot);
+    installed_ = snapshot;
+    decisionsMark();
+    if (!error.empty()) {
+        return error;
+    }
+    return snapshot.rt.isEmpty() && !snapshot.nft.table ? "" : "the kernel did not remove everything";
+}
+
+} // namespace host
