@@ -159,7 +159,7 @@ const Malformed MALFORMED[] = {
     {"deepobjects", "{\"a\":" + [] { std::string s; for (int i = 0; i < 20; i++) s += "{\"a\":"; return s; }(), "nested deeper"},
 };
 INSTANTIATE_TEST_SUITE_P(Each, MgmtServerMalformed, testing::ValuesIn(MALFORMED),
-                         [](const auto &info) { return std::string(info.param.name); });
+                         [](const auto &each) { return std::string(each.param.name); });
 
 TEST_F(MgmtServerOf, TakesTheLongestLineAndRefusesOneMoreByte) {
     MgmtLimits limits;
