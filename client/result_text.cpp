@@ -20,6 +20,8 @@ constexpr ResultText TEXTS[] = {
     {PBR_RESULT(PBR_ERR_NO_ROW), "it does not exist", "create it first; 'pbrctl show lists' tells what exists"},
     {PBR_RESULT(PBR_ERR_IN_USE), "the list is bound to an interface and cannot be changed",
      "unbind it from its interfaces first, or use 'pbrctl apply', which does so around the change"},
+    {PBR_RESULT(QRV_ERR_NOT_PERMITTED), "you may not do this",
+     "run pbrctl as root, or become a member of the group that the daemon's option host.group names"},
     {PBR_RESULT(PBR_ERR_BAD_ARGUMENT), "missing key or bad argument",
      "a list name has 1 to 16 bytes; indexes begin with 1; a time range must exist"},
     {QRV_ERR_SOCKET, "QRV_ERR_SOCKET", "the daemon's route socket could not be opened",
@@ -49,8 +51,7 @@ constexpr ResultText TEXTS[] = {
      "an IPv4 node takes ACLs 1001..2000, an IPv6 node 3001..4000"},
     {PBR_RESULT(PBR_ERR_VERSION_SET), "the node has another IP version already",
      "clear the node (pbrctl node clear LIST INDEX) or make a node of its own for the other version"},
-    {PBR_RESULT(PBR_ERR_UNBIND_NO_LIST), "the list that is bound to the interface no longer exists",
-     "destroy the interface's entry (pbrctl unbind INTERFACE) and bind it again"},
+    // PBR_ERR_UNBIND_NO_LIST is the number of PBR_ERR_NO_ROW.
 };
 #undef PBR_RESULT
 

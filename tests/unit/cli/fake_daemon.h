@@ -1,0 +1,91 @@
+// A daemon in the test's process: the two sockets below a folder of its own, real frames and lines, a
+// small store with the refusals that matter to pbrctl, and changes that fail on demand.
+#ifndef TESTS_UNIT_CLI_FAKE_DAEMON_H
+#define TESTS_UNIT_CLI_FAKE_DAEMON_H
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "client/command_codec.h"
+
+struct FakeNextHop {
+    uint32_t status = 2;
+    client::Bytes address;
+    std::string admin, test;
+    bool operator==(const FakeNextHop &) const = default;
+};
+struct FakeNode {
+    std::map<uint32_t, uint32_t> fields; // by field id, as the daemon holds them
+    std::map<uint8_t, FakeNextHop> nextHops;
+    bool operator==(const FakeNode &) const = default;
+};
+struct FakeList {
+    uint32_t status = 2;
+    std::map<uint32_t, FakeNode> nodes;
+    bool operator==(const FakeList &) const = default;
+};
+struct FakeStore {
+    std::map<std::string, FakeList> lists;
+    std::map<uint32_t, std::string> interfaces; // unit -> bound list
+    std::map<uint32_t, std::map<uint32_t, std::string>> acls;
+    bool operator==(const FakeStore &) const = default;
+};
+
+class FakeDaemon {
+public:
+    FakeDaemon();
+    ~FakeDaemon();
+    const std::string &root() const { return folder; }
+
+    // Runs pbrctl against this daemon. Result: its exit status; out and err hold what it printed.
+    int pbrctl(std::vector<std::string> words);
+    std::string out, err;
+
+    // The store now; changes in it are seen by the daemon.
+    FakeStore store();
+    void put(const FakeStore &value);
+
+    // The count-th change from now (1: the next) is refused with `code`; 0 switches it off. A management
+    // change is refused with a text.
+    void failChange(int count, uint32_t code = 0x03E80001u);
+    int changes(); // changes asked for since the start, done or refused
+    std::vector<std::string> log(); // the changes done, as text
+    void logClear();
+
+    // Answers of the management socket beside ACLs.
+    nlohmann::json peers = nlohmann::json::array();
+    nlohmann::json device = {{"kind", "fake"}, {"entries", nlohmann::json::array()}};
+    std::map<uint32_t, std::string> links = {{7, "lan0"}, {8, "lan1"}, {9, "tun0"}};
+    bool determined = true;
+    std::string settleError;
+
+private:
+    void serve();
+    bool serveClient(int fd, bool isMgmt);
+    uint32_t handle(const CommandFrameHeader &header, const client::Bytes &key, const client::Bytes &bytes,
+                    client::Bytes &answerKey, client::Bytes &answerBytes, uint32_t &number, uint8_t &kind);
+    uint32_t set(uint16_t command, uint32_t field, const client::Bytes &key, uint32_t number,
+                 const client::Bytes &bytes);
+    nlohmann::json mgmt(const nlohmann::json &request);
+
+    std::string folder;
+    int listeners[2] = {-1, -1};
+    int wake[2] = {-1, -1};
+    std::mutex lock;
+    FakeStore held;
+    int failIn = 0;
+    uint32_t failCode = 0;
+    int changeCount = 0;
+    std::vector<std::string> changeLog;
+    std::map<int, client::Bytes> pending; // bytes of each client that are not a whole request yet
+    std::thread thread;
+};
+
+#endif

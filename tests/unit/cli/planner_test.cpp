@@ -1,0 +1,341 @@
+// Tests of cli/planner.cpp: the steps of every kind of difference, played on a model that refuses what
+// the daemon refuses, for all pairs of a family of policies and for all orders of bindings.
+#include "cli/planner.h"
+
+#include <algorithm>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "cli/numbers.h"
+
+using namespace cli;
+
+namespace {
+
+Node node(uint32_t index, uint32_t acl, std::vector<std::string> hops) {
+    Node made;
+    made.index = index;
+    made.acl = acl;
+    made.ipVersion = 4;
+    for (const std::string &hop : hops) {
+        made.nextHops.push_back({static_cast<uint8_t>(made.nextHops.size() + 1), *addressRead(hop), "", "", true});
+    }
+    return made;
+}
+
+List list(const std::string &name, std::vector<Node> nodes) {
+    List made{name, true, {}};
+    for (const Node &each : nodes) {
+        made.nodes[each.index] = each;
+    }
+    return made;
+}
+
+AclRules rules(const std::string &text) { return {{10, aclRuleText(1501, text)}}; }
+
+Policy policy(std::vector<List> lists, std::vector<std::pair<uint32_t, std::string>> bound = {}) {
+    Policy made;
+    for (const List &each : lists) {
+        made.lists[each.name] = each;
+        for (const auto &[index, eachNode] : each.nodes) {
+            made.acls[eachNode.acl] = rules("permit ip");
+        }
+    }
+    for (const auto &[unit, name] : bound) {
+        made.bindings.push_back({"if" + std::to_string(unit), unit, name});
+    }
+    return made;
+}
+
+// The daemon as far as it refuses: what is bound cannot be changed, an ACL serves one node and must
+// exist, a list is bound to 15 interfaces at most.
+struct Model {
+    Policy now;
+
+    size_t uses(const std::string &name) const {
+        return static_cast<size_t>(std::count_if(now.bindings.begin(), now.bindings.end(),
+                                                 [&name](const Binding &each) { return each.list == name; }));
+    }
+    std::vector<Binding>::iterator binding(uint32_t unit) {
+        return std::find_if(now.bindings.begin(), now.bindings.end(),
+                            [unit](const Binding &each) { return each.unit == unit; });
+    }
+    bool aclInUse(uint32_t acl) const {
+        for (const auto &[name, each] : now.lists) {
+            for (const auto &[index, eachNode] : each.nodes) {
+                if (eachNode.acl == acl) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+    void doStep(const Step &step) {
+        SCOPED_TRACE(stepText(step));
+        switch (step.kind) {
+        case StepKind::AclPut:
+            ASSERT_EQ(now.acls.count(step.acl) != 0, step.aclWasThere);
+            now.acls[step.acl] = step.rules;
+            break;
+        case StepKind::AclRemove:
+            ASSERT_TRUE(now.acls.count(step.acl) != 0 && !aclInUse(step.acl));
+            now.acls.erase(step.acl);
+            break;
+        case StepKind::Unbind:
+            ASSERT_NE(binding(step.binding.unit), now.bindings.end());
+            ASSERT_EQ(binding(step.binding.unit)->list, step.binding.list);
+            now.bindings.erase(binding(step.binding.unit));
+            break;
+        case StepKind::Rebind:
+            ASSERT_NE(binding(step.binding.unit), now.bindings.end());
+            ASSERT_EQ(binding(step.binding.unit)->list, step.fromList);
+            now.bindings.erase(binding(step.binding.unit));
+            bind(step.binding);
+            break;
+        case StepKind::Bind: bind(step.binding); break;
+        case StepKind::NodeRemove:
+            ASSERT_EQ(uses(step.list), 0u);
+            ASSERT_EQ(now.lists.at(step.list).nodes.erase(step.node.index), 1u);
+            break;
+        case StepKind::NodeMake:
+            ASSERT_EQ(uses(step.list), 0u);
+            ASSERT_TRUE(now.lists.count(step.list) != 0 && now.acls.count(step.node.acl) != 0);
+            ASSERT_FALSE(aclInUse(step.node.acl));
+            ASSERT_TRUE(now.lists[step.list].nodes.insert({step.node.index, step.node}).second);
+            break;
+        case StepKind::ListRemove:
+            ASSERT_EQ(uses(step.list), 0u);
+            ASSERT_TRUE(now.lists.at(step.list).nodes.empty());
+            now.lists.erase(step.list);
+            break;
+        case StepKind::ListMake:
+            ASSERT_TRUE(now.lists.insert({step.list, {step.list, true, {}}}).second);
+            break;
+        }
+    }
+    void bind(const Binding &wanted) {
+        ASSERT_EQ(binding(wanted.unit), now.bindings.end());
+        ASSERT_EQ(now.lists.count(wanted.list), 1u);
+        ASSERT_LT(uses(wanted.list), MAX_BOUND);
+        now.bindings.push_back(wanted);
+    }
+};
+
+bool samePolicy(const Policy &left, const Policy &right) {
+    std::map<uint32_t, std::string> leftBound, rightBound;
+    for (const Binding &each : left.bindings) {
+        leftBound[each.unit] = each.list;
+    }
+    for (const Binding &each : right.bindings) {
+        rightBound[each.unit] = each.list;
+    }
+    return planMake(left, right, {}).steps.empty() && leftBound == rightBound && left.acls == right.acls &&
+           left.lists.size() == right.lists.size();
+}
+
+// Plays the plan, then for every n the first n steps and their undoing.
+void expectPlanWorks(const Policy &from, const Policy &to) {
+    const Plan plan = planMake(from, to, {});
+    Model model{from};
+    for (const Step &step : plan.steps) {
+        model.doStep(step);
+    }
+    EXPECT_TRUE(samePolicy(model.now, to));
+    EXPECT_EQ(plan.steps.empty(), plan.lines.empty());
+    for (size_t count = 0; count <= plan.steps.size(); count++) {
+        SCOPED_TRACE("undo after " + std::to_string(count));
+        Model undone{from};
+        for (size_t i = 0; i < count; i++) {
+            undone.doStep(plan.steps[i]);
+        }
+        for (size_t i = count; i > 0; i--) {
+            undone.doStep(stepUndo(plan.steps[i - 1]));
+        }
+        EXPECT_TRUE(samePolicy(undone.now, from));
+    }
+}
+
+std::vector<StepKind> kinds(const Plan &plan) {
+    std::vector<StepKind> found;
+    for (const Step &step : plan.steps) {
+        found.push_back(step.kind);
+    }
+    return found;
+}
+
+std::vector<Policy> family() {
+    const Node a = node(10, 1501, {"192.0.2.1"}), a2 = node(10, 1501, {"192.0.2.2"});
+    const Node b = node(20, 1502, {"192.0.2.1"}), swapped = node(10, 1502, {"192.0.2.1"});
+    const Node swapped2 = node(20, 1501, {"192.0.2.1"});
+    std::vector<Policy> policies = {
+        policy({}),
+        policy({list("a", {})}),
+        policy({list("a", {a})}),
+        policy({list("a", {a})}, {{1, "a"}}),
+        policy({list("a", {a})}, {{1, "a"}, {2, "a"}}),
+        policy({list("a", {a2})}, {{1, "a"}}),
+        policy({list("a", {a, b})}, {{1, "a"}}),
+        policy({list("a", {swapped, swapped2})}, {{1, "a"}}),
+        policy({list("a", {a}), list("b", {b})}, {{1, "a"}, {2, "b"}}),
+        policy({list("a", {a}), list("b", {b})}, {{1, "b"}, {2, "a"}}),
+        policy({list("a", {b}), list("b", {a})}, {{1, "a"}, {2, "b"}}),
+        policy({list("b", {a})}, {{1, "b"}}),
+        policy({list("b", {b})}, {{1, "b"}, {3, "b"}}),
+    };
+    Policy otherRules = policies[3];
+    otherRules.acls[1501] = rules("permit tcp");
+    policies.push_back(otherRules);
+    Policy moreAcls = policies[8];
+    moreAcls.acls[1999] = rules("deny ip");
+    policies.push_back(moreAcls);
+    return policies;
+}
+
+TEST(Planner, EveryPairOfPoliciesHasAPlanThatTheDaemonAcceptsAndThatCanBeUndoneAnywhere) {
+    const std::vector<Policy> policies = family();
+    for (size_t from = 0; from < policies.size(); from++) {
+        for (size_t to = 0; to < policies.size(); to++) {
+            SCOPED_TRACE("policy " + std::to_string(from) + " to " + std::to_string(to));
+            expectPlanWorks(policies[from], policies[to]);
+        }
+    }
+}
+
+TEST(Planner, AnEqualStateNeedsNothing) {
+    for (const Policy &each : family()) {
+        const Plan plan = planMake(each, each, {});
+        EXPECT_TRUE(plan.steps.empty());
+        EXPECT_TRUE(plan.lines.empty());
+    }
+}
+
+TEST(Planner, NumbersOfNextHopsAndSpellingOfRulesDoNotMatter) {
+    Policy running = policy({list("a", {node(10, 1501, {"192.0.2.1", "192.0.2.2"})})}, {{1, "a"}});
+    Policy wanted = running;
+    running.lists["a"].nodes[10].nextHops[0].index = 2;
+    running.lists["a"].nodes[10].nextHops[1].index = 5;
+    running.acls[1501] = rules("permit ip from any to any");
+    EXPECT_TRUE(planMake(running, wanted, {}).steps.empty());
+}
+
+TEST(Planner, OrderOfNextHopsMatters) {
+    const Policy running = policy({list("a", {node(10, 1501, {"192.0.2.1", "192.0.2.2"})})});
+    const Policy wanted = policy({list("a", {node(10, 1501, {"192.0.2.2", "192.0.2.1"})})});
+    EXPECT_EQ(kinds(planMake(running, wanted, {})), (std::vector{StepKind::NodeRemove, StepKind::NodeMake}));
+}
+
+TEST(Planner, EveryPropertyOfANodeIsADifference) {
+    const Node same = node(10, 1501, {"192.0.2.1"});
+    const auto differs = [&same](auto change) {
+        Node other = same;
+        change(other);
+        EXPECT_FALSE(nodeEquals(same, other));
+        EXPECT_FALSE(nodeEquals(other, same));
+    };
+    EXPECT_TRUE(nodeEquals(same, same));
+    differs([](Node &other) { other.acl = 1502; });
+    differs([](Node &other) { other.ipVersion = 0; });
+    differs([](Node &other) { other.priority = 1; });
+    differs([](Node &other) { other.outIfUnit = 7; });
+    differs([](Node &other) { other.ecmp = 1; });
+    differs([](Node &other) { other.vrf = 1; });
+    differs([](Node &other) { other.timeRange = 7; });
+    differs([](Node &other) { other.matchValue1 = 1; });
+    differs([](Node &other) { other.matchValue2 = 1; });
+    differs([](Node &other) { other.field7 = 1; });
+    differs([](Node &other) { other.forwardFlag = 2; });
+    differs([](Node &other) { other.nextHops[0].probeAdmin = "a"; });
+    differs([](Node &other) { other.nextHops[0].address[3] = 2; });
+}
+
+TEST(Planner, ActivationOfANextHopMattersToItsProbeOnly) {
+    Node left = node(10, 1501, {"192.0.2.1"}), right = left;
+    right.nextHops[0].active = false;
+    EXPECT_TRUE(nodeEquals(left, right));
+    left.nextHops[0].probeAdmin = right.nextHops[0].probeAdmin = "a";
+    left.nextHops[0].probeTest = right.nextHops[0].probeTest = "b";
+    EXPECT_FALSE(nodeEquals(left, right));
+}
+
+TEST(Planner, AChangedListIsTakenOffAndPutBackAndOthersAreLeft) {
+    const Node a = node(10, 1501, {"192.0.2.1"}), b = node(10, 1502, {"192.0.2.1"});
+    const Policy running = policy({list("a", {a}), list("b", {b})}, {{1, "a"}, {2, "b"}, {3, "a"}});
+    const Policy wanted = policy({list("a", {node(10, 1501, {"192.0.2.9"})}), list("b", {b})},
+                                 {{1, "a"}, {2, "b"}, {3, "a"}});
+    const Plan plan = planMake(running, wanted, {});
+    EXPECT_EQ(kinds(plan), (std::vector{StepKind::Unbind, StepKind::Unbind, StepKind::NodeRemove, StepKind::NodeMake,
+                                        StepKind::Bind, StepKind::Bind}));
+    ASSERT_EQ(plan.lines.size(), 2u);
+    EXPECT_EQ(plan.lines[0], "~ list a (taken off if1, if3 and bound again around the change)");
+    EXPECT_EQ(plan.lines[1], "    ~ node 10: acl 1501, next hop 192.0.2.1 -> acl 1501, next hop 192.0.2.9");
+}
+
+TEST(Planner, AnInterfaceGoesFromOneUnchangedListToAnotherWithoutAGap) {
+    const std::vector<List> lists = {list("a", {node(10, 1501, {"192.0.2.1"})}),
+                                     list("b", {node(10, 1502, {"192.0.2.2"})})};
+    const Plan plan = planMake(policy(lists, {{1, "a"}}), policy(lists, {{1, "b"}}), {});
+    EXPECT_EQ(kinds(plan), (std::vector{StepKind::Rebind}));
+    EXPECT_EQ(plan.lines, (std::vector<std::string>{"~ binding if1: a -> b"}));
+}
+
+TEST(Planner, TwoFullListsCanSwapTheirInterfaces) {
+    const std::vector<List> lists = {list("a", {node(10, 1501, {"192.0.2.1"})}),
+                                     list("b", {node(10, 1502, {"192.0.2.2"})})};
+    std::vector<std::pair<uint32_t, std::string>> now, then;
+    for (uint32_t unit = 1; unit <= 30; unit++) {
+        now.push_back({unit, unit <= 15 ? "a" : "b"});
+        then.push_back({unit, unit <= 15 ? "b" : "a"});
+    }
+    expectPlanWorks(policy(lists, now), policy(lists, then));
+}
+
+TEST(Planner, OrderOfBindingsInTheFileDoesNotMatter) {
+    const std::vector<List> lists = {list("a", {node(10, 1501, {"192.0.2.1"})}),
+                                     list("b", {node(10, 1502, {"192.0.2.2"})})};
+    std::vector<std::pair<uint32_t, std::string>> then = {{1, "b"}, {2, "a"}, {3, "b"}, {4, "a"}};
+    const Policy running = policy(lists, {{1, "a"}, {2, "b"}, {3, "a"}});
+    const std::vector<std::string> expected = planMake(running, policy(lists, then), {}).lines;
+    do {
+        EXPECT_EQ(planMake(running, policy(lists, then), {}).lines, expected);
+        expectPlanWorks(running, policy(lists, then));
+    } while (std::next_permutation(then.begin(), then.end()));
+}
+
+TEST(Planner, AnAclOfAChangedListChangesWhileTheListIsOffAndAnotherBefore) {
+    Policy running = policy({list("a", {node(10, 1501, {"192.0.2.1"})}), list("b", {node(10, 1502, {"192.0.2.1"})})},
+                            {{1, "a"}, {2, "b"}});
+    Policy wanted = policy({list("a", {node(10, 1501, {"192.0.2.2"})}), list("b", {node(10, 1502, {"192.0.2.1"})})},
+                           {{1, "a"}, {2, "b"}});
+    wanted.acls[1501] = wanted.acls[1502] = rules("permit tcp");
+    const Plan plan = planMake(running, wanted, {});
+    EXPECT_EQ(kinds(plan), (std::vector{StepKind::AclPut, StepKind::Unbind, StepKind::NodeRemove, StepKind::AclPut,
+                                        StepKind::NodeMake, StepKind::Bind}));
+    EXPECT_EQ(plan.steps[0].acl, 1502u);
+    EXPECT_EQ(plan.steps[3].acl, 1501u);
+}
+
+TEST(Planner, TheLimitsOfTheDaemonAreCheckedBefore) {
+    const Policy wanted = policy({list("a", {node(10, 1501, {"192.0.2.1", "192.0.2.2"})}),
+                                  list("b", {node(10, 1502, {"192.0.2.1", "192.0.2.2"})})});
+    EXPECT_TRUE(planMake({}, wanted, {2, 2}).problems.empty());
+    ASSERT_EQ(planMake({}, wanted, {1, 2}).problems.size(), 1u);
+    EXPECT_EQ(planMake({}, wanted, {1, 2}).problems[0],
+              "the policy has 2 lists, the daemon holds 1: raise policyroute.maxlistnum and restart the daemon");
+    EXPECT_EQ(planMake({}, wanted, {2, 1}).problems.size(), 1u);
+    EXPECT_EQ(planMake({}, wanted, {2, 0}).problems.size(), 2u);
+}
+
+TEST(Planner, LinesTellAclsListsNodesAndBindings) {
+    Policy running = policy({list("old", {node(10, 1502, {"192.0.2.1"})})}, {{2, "old"}});
+    running.acls[1501] = {{10, aclRuleText(1501, "permit tcp")}, {20, aclRuleText(1501, "deny ip")}};
+    Policy wanted = policy({list("wan", {node(10, 1501, {"192.0.2.1"})})}, {{1, "wan"}});
+    wanted.acls[1501] = {{10, aclRuleText(1501, "permit udp")}, {20, aclRuleText(1501, "deny ip")}};
+    EXPECT_EQ(planMake(running, wanted, {}).lines,
+              (std::vector<std::string>{"~ acl 1501", "    - 10 permit tcp", "    + 10 permit udp", "- acl 1502",
+                                        "- list old", "    - node 10: acl 1502, next hop 192.0.2.1", "+ list wan",
+                                        "    + node 10: acl 1501, next hop 192.0.2.1", "- binding if2: old",
+                                        "+ binding if1: wan"}));
+}
+
+} // namespace
