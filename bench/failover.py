@@ -19,7 +19,10 @@ import netlab  # noqa: E402
 ROUNDS = 5
 NETLINK_ROUTE, NETLINK_NETFILTER, SOL_NETLINK, ADD_MEMBERSHIP = 0, 12, 270, 1
 RTM_NEWLINK, RTM_NEWNEIGH, NUD_FAILED = 16, 28, 0x20
-OURS = {24, 25, 32, 33, 104, 105}  # route, rule and next-hop messages
+# What moves packets: new routes, rules and next hops; new nftables chains, rules and elements. (What is no
+# longer used is removed later, when nothing refers to it any more.)
+ADDS = {24, 32, 104}
+NFT_ADDS = {0xA03, 0xA06, 0xA0C}
 
 
 class Watch:
@@ -30,12 +33,12 @@ class Watch:
             self.route = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, NETLINK_ROUTE)
             self.nft = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, NETLINK_NETFILTER)
             self.upa = socket.if_nametoindex("upa")
+            for each in (self.route, self.nft):  # bind first: it clears the memberships
+                each.bind((0, 0))
+                each.setsockopt(socket.SOL_SOCKET, 33, 64 << 20)  # SO_RCVBUFFORCE
             for group in (1, 3, 7, 8, 11, 19, 32):  # link, neigh, routes, rules, next hops
                 self.route.setsockopt(SOL_NETLINK, ADD_MEMBERSHIP, group)
             self.nft.setsockopt(SOL_NETLINK, ADD_MEMBERSHIP, 7)
-            for each in (self.route, self.nft):
-                each.bind((0, 0))
-                each.setsockopt(socket.SOL_SOCKET, 33, 64 << 20)  # SO_RCVBUFFORCE
 
     def drain(self):
         while select.select([self.route, self.nft], [], [], 0)[0]:
@@ -51,13 +54,10 @@ class Watch:
             now = time.monotonic()
             for each in ready:
                 data = each.recv(1 << 20)
-                if each is self.nft:
-                    last = now if report is not None else last
-                    continue
                 for kind, body in messages(data):
-                    if report is None and self.tells(kind, body):
+                    if each is self.route and report is None and self.tells(kind, body):
                         report = now
-                    elif report is not None and kind in OURS:
+                    elif report is not None and kind in (NFT_ADDS if each is self.nft else ADDS):
                         last = now
         return report, last
 
@@ -83,8 +83,8 @@ def messages(data):
 
 def policy(count):
     """`count` nodes, one ACL each (port 1000 + number), all on the same two next hops."""
-    acls = "".join(f"  {5001 + n}: {{10: permit udp from any to any port {1000 + n}}}\n" for n in range(count))
-    nodes = "".join(f"    {n + 1}: {{acl: {5001 + n}, next-hops: [198.51.100.1, 100.64.0.1]}}\n" for n in range(count))
+    acls = "".join(f"  {1001 + n}: {{10: permit udp from any to any port {1000 + n}}}\n" for n in range(count))
+    nodes = "".join(f"    {n + 1}: {{acl: {1001 + n}, next-hops: [198.51.100.1, 100.64.0.1]}}\n" for n in range(count))
     return f"acls:\n{acls}lists:\n  wan:\n{nodes}bindings:\n  lan0: wan\n"
 
 
@@ -92,7 +92,7 @@ def main():
     sizes = [int(word) for word in sys.argv[1:]] or [1, 10, 100, 1000]
     lab = netlab.Lab()
     netlab.sysctl("rtr", "ipv4/neigh/upa/retrans_time_ms", 100)
-    print(f"| nodes on the next hop | apply of the file, s | silent: report to last change, ms | link down: the same, ms |")
+    print("| nodes on the next hop | apply of the file, s | silent: report to last change, ms | link down: the same, ms |")
     print("|---|---|---|---|")
     for size in sizes:
         daemon = netlab.Daemon(options=["host.neighbour-probe-ms=400", "host.log=stderr",
