@@ -81,8 +81,10 @@ std::string logStderrLine(const timespec &when, int level, const std::string &mo
 std::string logSyslogLine(const timespec &when, int level, const std::string &module,
                           const std::string &text, int pid) {
     const int priority = SYSLOG_FACILITY_DAEMON * LEVEL_COUNT + levelInRange(level);
-    std::string line = "<" + std::to_string(priority) + ">" + timeText(when, "%b %e %H:%M:%S") +
-                       " policyrouted[" + std::to_string(pid) + "]: " + module + ": " + text;
+    char head[32];
+    snprintf(head, sizeof(head), "<%d>", priority);
+    std::string line = head + timeText(when, "%b %e %H:%M:%S") + " policyrouted[" + std::to_string(pid) +
+                       "]: " + module + ": " + text;
     line.resize(std::min(line.size(), LOG_LINE_BYTES));
     return line;
 }

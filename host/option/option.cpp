@@ -126,7 +126,7 @@ std::string choiceCheck(const Choice &choice, const std::string &value) {
         if (word == value) {
             return "";
         }
-        all += (all.empty() ? "" : ", ") + word;
+        all.append(all.empty() ? "" : ", ").append(word);
     }
     return "'" + value + "' is no value for " + choice.key + ": one of " + all + " is expected";
 }

@@ -69,8 +69,9 @@ PeerRight peerRightOf(const PeerProcess &process, const PeerPolicy &policy) {
 }
 
 std::optional<PeerPolicy> peerPolicy(std::string *pError) {
+    static const uid_t owner = geteuid(); // of the process as it was started
     PeerPolicy policy;
-    policy.owner = geteuid();
+    policy.owner = owner;
     policy.areOthersReading = optionGet("host.read-others") == "yes";
     const std::string name = optionGet("host.group").value_or("");
     if (!name.empty()) {
