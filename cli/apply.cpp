@@ -118,9 +118,11 @@ void stepsDo(Daemon &daemon, const std::vector<Step> &steps) {
 }
 
 // Tells the device that the policy is complete. On a switch there is nobody to tell.
-void settle(Daemon &daemon) {
+void settle(Daemon &daemon, std::ostream &err) {
     try {
-        (void)daemon.mgmt("device.settle");
+        if (!daemon.mgmt("device.settle").value("determined", true)) {
+            err << "warning: the state of some next hops is not known yet; 'pbrctl show next-hops' tells which\n";
+        }
     } catch (const Refused &refusal) {
         throw Refused(std::string("the policy is applied, but the device is not right yet: ") + refusal.what() +
                       "\nWhat to do: look at 'pbrctl show device' for the entries concerned.");
@@ -132,7 +134,7 @@ void settle(Daemon &daemon) {
 void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::ostream &err) {
     PolicyFile file = policyFileRead(options.file, options.text);
     if (!file.problems.empty()) {
-        throw Refused(joined(file.problems) + "\nNothing was changed. What to do: correct the file.");
+        throw Refused(options.file + " is refused:\n" + joined(file.problems) + "\nNothing was changed. What to do: correct the file.");
     }
     Running running = runningRead(daemon);
     if (!running.aclsKnown) {
@@ -142,7 +144,7 @@ void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::
     const std::vector<std::string> missing = interfacesLookUp(file, running.interfaces);
     const Plan plan = planMake(running.policy, file.policy, running.limits);
     if (!missing.empty() || !plan.problems.empty()) {
-        throw Refused(joined(missing.empty() ? plan.problems : missing) +
+        throw Refused(options.file + " is refused:\n" + joined(missing.empty() ? plan.problems : missing) +
                       "\nNothing was changed. What to do: correct the file.");
     }
     for (const std::string &warning : file.warnings) {
@@ -153,7 +155,7 @@ void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::
     }
     if (!options.dryRun) {
         stepsDo(daemon, plan.steps);
-        settle(daemon);
+        settle(daemon, err);
     }
     if (options.json) {
         out << nlohmann::json({{"plan", plan.lines}, {"warnings", file.warnings}, {"done", !options.dryRun}}).dump(2)

@@ -1,6 +1,8 @@
 // One function a report: read, make rows, print.
 #include "cli/show.h"
 
+#include <cstdio>
+
 #include "cli/errors.h"
 #include "cli/running.h"
 #include "cli/show_rows.h"
@@ -162,6 +164,16 @@ void showDevice(Daemon &daemon, bool asJson, std::ostream &out) {
         row["target"] = targetText(row);
     }
     device.erase("entries");
+    for (auto &[key, value] : device.items()) {
+        if (value.is_array() && !value.empty() && value[0].is_object()) {
+            value = std::to_string(value.size()) + " (shown with --json)";
+        }
+    }
+    if (device.contains("markMask") && device["markMask"].is_number_unsigned()) {
+        char text[16];
+        snprintf(text, sizeof(text), "0x%08x", device["markMask"].get<uint32_t>()); // a mask reads in hex
+        device["markMask"] = text;
+    }
     json head = json::array();
     flatten("", device, head);
     out << tableText({{"DEVICE", "name"}, {"", "value"}}, head) << "\n";

@@ -77,6 +77,57 @@ void nodeRowFill(const std::vector<RowField> &fields, NodeRow &row) {
     row.isEcmp = numberOf(fields, PBR_NODE_IS_ECMP);
 }
 
+// The next hops of many nodes: one walk a node, all of them one step at a time, each step pipelined.
+CommandStatus nextHopsWalkAll(CommandClient &client, const std::vector<NodeRow> &nodes,
+                              std::vector<NextHopRow> &rows) {
+    std::vector<std::vector<uint8_t>> found(nodes.size());
+    std::vector<size_t> walking; // nodes whose walk is not at its end
+    std::vector<CommandRequest> requests;
+    for (size_t i = 0; i < nodes.size(); i++) {
+        walking.push_back(i);
+        requests.push_back(walkRequest(PBR_CMD_NEXT_HOP_GET_FIRST,
+                                       keyOfNode(nodes[i].list, nodes[i].index, 0,
+                                                 PBR_KEY_LIST_FIXED | PBR_KEY_NODE_FIXED)));
+    }
+    while (!walking.empty()) {
+        std::vector<CommandAnswer> answers;
+        const CommandStatus status = commandCallMany(client, requests, answers);
+        if (!status.ok()) {
+            return status;
+        }
+        std::vector<size_t> further;
+        requests.clear();
+        for (size_t i = 0; i < answers.size(); i++) {
+            const auto place = nodeOfKey(answers[i].key);
+            std::vector<uint8_t> &indexes = found[walking[i]];
+            if (answers[i].result == PBR_FAIL) {
+                continue;
+            }
+            if (answers[i].result != PBR_OK) {
+                return refused(answers[i]);
+            }
+            if (!place || (!indexes.empty() && place->nextHopIndex <= indexes.back())) {
+                return {COMMAND_NO_DAEMON, 0, "a walk of the daemon's next hops does not advance"};
+            }
+            indexes.push_back(place->nextHopIndex);
+            further.push_back(walking[i]);
+            requests.push_back(walkRequest(PBR_CMD_NEXT_HOP_GET_NEXT, answers[i].key));
+        }
+        walking = further;
+    }
+    rows.clear();
+    for (size_t i = 0; i < nodes.size(); i++) {
+        for (const uint8_t index : found[i]) {
+            NextHopRow row;
+            row.list = nodes[i].list;
+            row.nodeIndex = nodes[i].index;
+            row.index = index;
+            rows.push_back(row);
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 CommandStatus numberGet(CommandClient &client, uint16_t command, const Bytes &key, uint32_t field,
@@ -236,20 +287,9 @@ CommandStatus nextHopsRead(CommandClient &client, const std::vector<NodeRow> &no
     constexpr uint32_t FIELDS[] = {PBR_NEXT_HOP_STATUS, PBR_NEXT_HOP_ADDRESS, PBR_NEXT_HOP_NQA_ADMIN_NAME,
                                    PBR_NEXT_HOP_NQA_TEST_NAME};
     constexpr size_t FIELD_COUNT = sizeof(FIELDS) / sizeof(FIELDS[0]);
-    rows.clear();
-    for (const NodeRow &node : nodes) {
-        std::vector<uint8_t> indexes;
-        const CommandStatus status = nextHopsWalk(client, node.list, node.index, indexes);
-        if (!status.ok()) {
-            return status;
-        }
-        for (const uint8_t index : indexes) {
-            NextHopRow row;
-            row.list = node.list;
-            row.nodeIndex = node.index;
-            row.index = index;
-            rows.push_back(row);
-        }
+    CommandStatus status = nextHopsWalkAll(client, nodes, rows);
+    if (!status.ok()) {
+        return status;
     }
     std::vector<CommandRequest> requests;
     for (const NextHopRow &row : rows) {
@@ -259,7 +299,7 @@ CommandStatus nextHopsRead(CommandClient &client, const std::vector<NodeRow> &no
         }
     }
     std::vector<CommandAnswer> answers;
-    const CommandStatus status = commandCallMany(client, requests, answers);
+    status = commandCallMany(client, requests, answers);
     if (!status.ok()) {
         return status;
     }
