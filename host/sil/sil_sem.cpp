@@ -1,8 +1,9 @@
 // Mutex semaphores (platform/sil_sem.h) on POSIX mutexes.
 //
 // A handle is the index into a fixed table plus one, so it has 32 bits and 0 is never one. The mutexes
-// check errors (taking one's own or giving back another's is refused) and inherit priority where the
-// system can do it. A slot of the table is made and unmade under gTableLock; takers only read `used`.
+// check errors: taking one's own or giving back another's is refused. The host's tasks have no priorities,
+// so the options that ask for priority order and inheritance change nothing. A slot of the table is made
+// and unmade under gTableLock; takers only read `used`.
 #include "platform/sil_sem.h"
 
 #include <atomic>
@@ -40,24 +41,21 @@ int32_t resultOf(int error) {
     return -1;
 }
 
-int mutexInit(pthread_mutex_t *pMutex, int protocol) {
+int mutexInit(pthread_mutex_t *pMutex) {
     pthread_mutexattr_t attributes;
     int error = pthread_mutexattr_init(&attributes);
     if (error != 0) {
         return error;
     }
     (void)pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK); // cannot fail with this type
-    error = pthread_mutexattr_setprotocol(&attributes, protocol);
-    if (error == 0) {
-        error = pthread_mutex_init(pMutex, &attributes);
-    }
+    error = pthread_mutex_init(pMutex, &attributes);
     (void)pthread_mutexattr_destroy(&attributes); // cannot fail after init
     return error;
 }
 
-timespec deadlineIn(clockid_t clock, int32_t timeoutMs) {
+timespec deadlineIn(int32_t timeoutMs) {
     timespec at{};
-    clock_gettime(clock, &at);
+    clock_gettime(CLOCK_MONOTONIC, &at);
     at.tv_sec += timeoutMs / 1000;
     at.tv_nsec += timeoutMs % 1000 * 1000000L;
     if (at.tv_nsec >= 1000000000L) {
@@ -67,15 +65,9 @@ timespec deadlineIn(clockid_t clock, int32_t timeoutMs) {
     return at;
 }
 
-// Waits at most timeoutMs; by the wall clock only where the system cannot wait by the monotonic one.
 int takeWithin(pthread_mutex_t *pMutex, int32_t timeoutMs) {
-    timespec at = deadlineIn(CLOCK_MONOTONIC, timeoutMs);
-    int error = pthread_mutex_clocklock(pMutex, CLOCK_MONOTONIC, &at);
-    if (error == EINVAL || error == ENOTSUP) {
-        at = deadlineIn(CLOCK_REALTIME, timeoutMs);
-        error = pthread_mutex_timedlock(pMutex, &at);
-    }
-    return error;
+    const timespec at = deadlineIn(timeoutMs);
+    return pthread_mutex_clocklock(pMutex, CLOCK_MONOTONIC, &at);
 }
 
 } // namespace
@@ -86,8 +78,7 @@ uint32_t silCreateMSem(uint32_t) {
         if (gSems[index].used) {
             continue;
         }
-        if (mutexInit(&gSems[index].mutex, PTHREAD_PRIO_INHERIT) != 0 &&
-            mutexInit(&gSems[index].mutex, PTHREAD_PRIO_NONE) != 0) {
+        if (resultOf(mutexInit(&gSems[index].mutex)) != 0) {
             return 0;
         }
         gSems[index].used = true;

@@ -257,17 +257,19 @@ TEST(Rights, TheOtherEndOfASocketIsRecognised) {
     }
 }
 
-class Signals : public testing::Test {
+// The framework runs suites of such a name before all others: the event thread does not exist yet, so the
+// children that it forks start their own. (Starting the program afresh instead fails under emulation.)
+class SignalsDeathTest : public testing::Test {
 protected:
-    Signals() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    SignalsDeathTest() { GTEST_FLAG_SET(death_test_style, "fast"); }
 };
 
-TEST_F(Signals, AStopIsLoggedAndEndsTheProcessWell) {
+TEST_F(SignalsDeathTest, AStopIsLoggedAndEndsTheProcessWell) {
     EXPECT_EXIT(endBySignal(SIGTERM), testing::ExitedWithCode(0), "notice process: Terminated from process [0-9]+: ending");
     EXPECT_EXIT(endBySignal(SIGINT), testing::ExitedWithCode(0), "notice process: Interrupt from process");
 }
 
-TEST_F(Signals, AStopRemovesOurSocketFiles) {
+TEST_F(SignalsDeathTest, AStopRemovesOurSocketFiles) {
     support::Folder folder;
     const std::string path = folder.path + "/a.socket";
     ASSERT_EXIT(
@@ -287,7 +289,7 @@ void crash(int number) {
     _exit(0);
 }
 
-TEST_F(Signals, ACrashIsReportedAndKeepsItsSignal) {
+TEST_F(SignalsDeathTest, ACrashIsReportedAndKeepsItsSignal) {
     EXPECT_EXIT(crash(SIGSEGV), testing::KilledBySignal(SIGSEGV), "policyrouted: signal 11 at address 0x");
     EXPECT_EXIT(crash(SIGABRT), testing::KilledBySignal(SIGABRT), "policyrouted: signal 6 at address 0x");
 }
