@@ -153,7 +153,7 @@ void World::post(const Peer &peer) {
 
 void World::pass() {
     pbrMainPass(&maxFd_);
-    checkStore();
+    checkStore(allowed_);
 }
 
 void World::settle() {
@@ -166,7 +166,7 @@ void World::settle() {
     while (fake::pendingBytes() != 0) {
         pass();
     }
-    checkStore();
+    checkStore(allowed_);
     (void)pbrLock();
     mirror_.take(false);
     steps::ViewMirror whole;

@@ -51,6 +51,7 @@ protected:
     bool isUp(const std::string &address, uint32_t vrf = 0) const;
 
     std::set<uint32_t> failingUnits_; // interfaces whose device adds fail
+    uint32_t allowed_ = 0;            // oddities that the test is about, for the store checker
 
 private:
     using Peer = std::pair<std::string, uint32_t>; // address, VRF

@@ -192,21 +192,23 @@ TEST_F(IfNodeUpdate, OnceANodeChangedEveryLaterNodeOfTheListIsRewritten) {
     EXPECT_EQ(hop(pEarlier, 1), pEarlier->pPbrNhopBest);
 }
 
-TEST_F(IfNodeUpdate, ChangesOfOneListDoNotReachTheNext) {
+TEST_F(IfNodeUpdate, ChangesAndFailuresOfOneListDoNotReachTheNext) {
     makeList("b");
     PbrNodeEntry *pOther = makeNode("b", 10, {.acl = 1600, .ipVer = 1});
-    makeNextHop(pOther, 1, "10.0.0.1");
+    makeNextHop(pOther, 1, "10.0.6.1");
     bound({1});
     ASSERT_EQ(0, bind(2, "b"));
     up("10.0.0.1");
+    up("10.0.6.1");
     update();
+    pbrReadyTableAdd(pOther->pPbrList);
     up("10.0.0.2");
-    down("10.0.0.1");
-    up("10.0.0.1"); // for b all is as before; a: B was never chosen, A is best again
+    down("10.0.0.1"); // a stands before b
+    watchDevice([](uint32_t, uint32_t command, uint32_t) { return command == 20 ? -1 : 0; });
     clear();
     update();
-    EXPECT_TRUE(takeShortSteps().empty());
-    EXPECT_EQ("", readyLists());
+    EXPECT_EQ((Lines{"DEL if1 n10", "ADD if1 n10"}), takeShortSteps());
+    EXPECT_EQ("a", readyLists());
 }
 
 TEST_F(IfNodeUpdate, AMarkedNodeRewritesItsMarkedLinksAndClearsTheFlags) {
