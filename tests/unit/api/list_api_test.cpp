@@ -168,7 +168,7 @@ TEST_F(ListApi, ARejectedSynchronisationLeavesAnExistingListAlone) {
 
 TEST_F(ListApi, AFullPoolIsReported) {
     for (uint32_t i = 0; i < gPbrInfo.maxListNum; ++i) {
-        haveList("l" + std::to_string(i));
+        haveList(std::to_string(i));
     }
 
     EXPECT_EQ(setStatus("one-too-many", PBR_ROW_CREATED), PBR_ERR_NO_RECORD);
