@@ -39,8 +39,9 @@ PbrNodeEntry *find(const std::string &name, uint32_t index) {
 }
 
 TEST_F(NodeEntry, ANewNodeHasNoPriorityNoTimeRangeAndNoBestNextHop) {
-    PbrNodeEntry *pNode = makeNode("a", 10);
+    PbrNodeEntry *pNode = pbrNodeEntryAdd(bytes("a").data(), 1, 10);
 
+    ASSERT_NE(pNode, nullptr);
     EXPECT_EQ(pNode->pPbrList, pList);
     EXPECT_EQ(pNode->nodeIndex, 10u);
     EXPECT_EQ(pbrNodeIpPriGet(pNode), 9u);
