@@ -305,6 +305,31 @@ TEST_F(IfNodeUpdate, ARewriteOfAnEcmpNodeMarksItsResolvedNextHopsAgain) {
     EXPECT_EQ(1, hop(pNode_, 1)->curSelected);
 }
 
+TEST_F(IfNodeUpdate, AnEcmpValueOfTwoWithNothingUsableIsRemovedAndNotAdded) {
+    pbrNodeIsEcmpSet(pNode_, 2);
+    bound({1});
+    up("10.0.0.1");
+    update();
+    down("10.0.0.1");
+    clear();
+    update();
+    EXPECT_EQ(Lines{"DEL if1 n10"}, takeShortSteps());
+    EXPECT_EQ("inert", steps::view(1, 1501));
+}
+
+TEST_F(IfNodeUpdate, EveryListWorkedOnIsMarkedForTheRedirectViewAndNoOther) {
+    bound({1});
+    up("10.0.0.1");
+    update();
+    PbrListEntry *pOther = makeList("z");
+    pbrReadyTableAdd(pList_);
+    checked();
+    EXPECT_EQ(0, pbrIfNodeUpdate()); // nothing changed: no device call
+    EXPECT_EQ(1, pList_->viewMark);
+    EXPECT_EQ(0, pOther->viewMark);
+    EXPECT_EQ(1u, pbrRedirectViewChanged());
+}
+
 TEST_F(IfNodeUpdate, ADeleteBeforeAnAddRaisesTheAddCountOfEveryNextHop) {
     bound({1});
     up("10.0.0.1");

@@ -151,6 +151,22 @@ TEST_F(NexthopDetect, AKnownUnreachablePeerIsTakenOverAndQueuesNothing) {
               Lines{generalText("nexthop ip6Addr=2001:db8::1,vrfid:3 arp state update to 0 ! \r\n")});
 }
 
+TEST_F(NexthopDetect, AStateThatIsTakenOverMarksTheListForTheRedirectView) {
+    PbrNextHopEntry *pHop = listWithHop("a", 1501, "10.0.0.1", 3);
+    PbrNextHopEntry *pKnown = listWithHop("b", 1502, "10.0.0.1", 3);
+    PbrListEntry *pList = pbrListEntryGet(bytes("a").data(), 1);
+    for (uint8_t state : {1, 0}) {
+        pKnown->nexthopArpState = state;
+        checked();
+        pbrNextHopUpdateArpState(pList, 1, 3, pHop);
+        EXPECT_EQ(1, pList->viewMark);
+        EXPECT_EQ(1u, pbrRedirectViewChanged());
+    }
+    checked();
+    pbrNextHopUpdateArpState(pList, 1, 4, pHop); // nothing known
+    EXPECT_EQ(0u, pbrRedirectViewChanged());
+}
+
 TEST_F(NexthopDetect, TheFirstListInNameOrderIsTheOneThatIsTakenOver) {
     PbrNextHopEntry *pHop = listWithHop("m", 1501, "10.0.0.1", 3);
     listWithHop("z", 1502, "10.0.0.1", 3)->nexthopArpState = 1;

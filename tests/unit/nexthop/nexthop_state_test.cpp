@@ -224,6 +224,18 @@ TEST_F(NexthopState, AChangeNeverMatchesAnEcmpNodeAndMarksItsResolvedNextHops) {
     EXPECT_EQ(1, hop(pNode, 1)->curSelected);
 }
 
+TEST_F(NexthopState, AChangeNeverReadsAnAddressThroughTheEcmpMarker) {
+    PbrNodeEntry *pNode = boundList("a", 1501);
+    pbrNodeIsEcmpSet(pNode, 1);
+    // An address that equals what stands where the marker, taken for a next hop, would have its own.
+    steps::Address address = {};
+    memcpy(address.data(),
+           reinterpret_cast<uint8_t *>(&pNode->nextHopList) + offsetof(PbrNextHopEntry, nextHop), 4);
+    pbrNextHopStateChange(1, 0, address.data());
+    EXPECT_FALSE(pbrNodeStateChangeGet(pNode));
+    EXPECT_EQ("", readyLists());
+}
+
 TEST_F(NexthopState, AChangeWithNothingUsableMarksNothing) {
     PbrNodeEntry *pNode = boundList("a", 1501);
     change("10.0.0.1");
