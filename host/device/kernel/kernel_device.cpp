@@ -79,7 +79,7 @@ void KernelDevice::monitorsStart() {
     nftMonitor_ = std::make_unique<NetlinkMonitor>(
         NETLINK_NETFILTER, std::vector<uint32_t>{NFNLGRP_NFTABLES},
         [=](const nlmsghdr *pMessage) {
-            if (!isOwn(pMessage) && nftIsForeignChange(pMessage, 0)) {
+            if (!isOwn(pMessage) && nftIsOfOurTable(pMessage)) {
                 foreign();
             }
         },
@@ -89,7 +89,7 @@ void KernelDevice::monitorsStart() {
         std::vector<uint32_t>{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
                               RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP},
         [=](const nlmsghdr *pMessage) {
-            if (!isOwn(pMessage) && rtIsForeignChange(pMessage, 0)) {
+            if (!isOwn(pMessage) && rtMayConcernUs(pMessage)) {
                 foreign();
             }
         },
@@ -406,6 +406,11 @@ uint64_t KernelDevice::packetsOf(const std::string &list, const EntryKey &key,
     return sum;
 }
 
+std::string KernelDevice::linkName(uint32_t unit) const {
+    const std::optional<IfnetLink> link = hooks_.env.link(unit);
+    return link ? link->name : "if" + std::to_string(unit);
+}
+
 nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const {
     nlohmann::json shown = nlohmann::json::array();
     for (const auto &[list, entries] : state_.lists) {
@@ -413,6 +418,8 @@ nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector
             const KernelEntryStatus status = plane_.model().status(list, key);
             const bool isInKernel = status.installed && !isHeld_ && !isFlushed_;
             nlohmann::json row = redirectEntryShow(entry, {isInKernel, status.error});
+            row["interface"] = linkName(entry.ifUnit);
+            row["outInterface"] = entry.outIfUnit == 0 ? "" : linkName(entry.outIfUnit);
             row["reason"] = status.reason;
             row["packets"] = packetsOf(list, key, packets);
             nlohmann::json ids = nlohmann::json::array();
@@ -431,8 +438,7 @@ nlohmann::json KernelDevice::decisionsShow() const {
     for (const auto &[key, decision] : plane_.model().decisions().all()) {
         nlohmann::json paths = nlohmann::json::array();
         for (const ProgramPath &path : decision.paths) {
-            const std::optional<IfnetLink> link = hooks_.env.link(path.ifIndex);
-            paths.push_back({{"interface", link ? link->name : std::to_string(path.ifIndex)},
+            paths.push_back({{"interface", linkName(path.ifIndex)},
                              {"gateway", path.hasGateway ? ipAddressText(key.first == 6 ? 2 : 1, path.gateway) : ""},
                              {"weight", path.weight}});
         }

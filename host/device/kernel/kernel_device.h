@@ -82,6 +82,7 @@ private:
     void holdPoll();
     void release();
     std::string firstError() const;
+    std::string linkName(uint32_t unit) const;
     nlohmann::json entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const;
     nlohmann::json decisionsShow() const;
     uint64_t packetsOf(const std::string &list, const EntryKey &key,

@@ -459,8 +459,8 @@ std::string nftCounters(NetlinkSocket &socket, std::map<std::string, std::vector
     return netlinkErrorText("cannot read the rules' counters", error);
 }
 
-bool nftIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort) {
-    if (pMessage->nlmsg_pid == ownPort || NFNL_SUBSYS_ID(pMessage->nlmsg_type) != NFNL_SUBSYS_NFTABLES) {
+bool nftIsOfOurTable(const nlmsghdr *pMessage) {
+    if (NFNL_SUBSYS_ID(pMessage->nlmsg_type) != NFNL_SUBSYS_NFTABLES) {
         return false;
     }
     // In all of these the table's name is attribute 1.

@@ -63,8 +63,8 @@ std::string nftRead(NetlinkSocket &socket, NftImage *pImage);
 // Packets that each rule of ours counted: chain -> counters in rule order (0 for rules without).
 std::string nftCounters(NetlinkSocket &socket, std::map<std::string, std::vector<uint64_t>> *pCounters);
 
-// Whether a notification tells of our table, made through another port than `ownPort`.
-bool nftIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort);
+// Whether a notification tells of our table. Lock: none
+bool nftIsOfOurTable(const nlmsghdr *pMessage);
 
 } // namespace host
 

@@ -198,21 +198,15 @@ bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table) {
     return isForeign;
 }
 
-bool rtIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort) {
-    if (pMessage->nlmsg_pid == ownPort) {
-        return false;
-    }
+bool rtMayConcernUs(const nlmsghdr *pMessage) {
     switch (pMessage->nlmsg_type) {
-    case RTM_NEWRULE:
-    case RTM_DELRULE: {
-        const auto *pHeader = netlinkHeader<fib_rule_hdr>(pMessage);
-        return pHeader != nullptr;
-    }
     case RTM_DELROUTE:
     case RTM_NEWROUTE: {
         const auto *pHeader = netlinkHeader<rtmsg>(pMessage);
         return pHeader != nullptr && pHeader->rtm_protocol == FIB_PROTO_POLICYROUTE;
     }
+    case RTM_NEWRULE:
+    case RTM_DELRULE:
     case RTM_NEWADDR:
     case RTM_DELADDR:
     case RTM_NEWLINK:

@@ -68,8 +68,9 @@ std::string rtRead(NetlinkSocket &socket, RtImage *pImage);
 // Whether a table holds routes that are not ours. Lock: none
 bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table);
 
-// Whether a notification may concern us: objects of ours changed by others, a link, any next hop.
-bool rtIsForeignChange(const nlmsghdr *pMessage, uint32_t ownPort);
+// Whether a notification may concern us: a rule, a route of our protocol, a next hop, a link or its
+// addresses (the kernel drops next hops with a link without telling). Lock: none
+bool rtMayConcernUs(const nlmsghdr *pMessage);
 
 } // namespace host
 

@@ -117,7 +117,7 @@ protected:
 
     std::string run(const std::string &command) { return router_->run(command); }
     nlohmann::json json(const std::string &command) { return nlohmann::json::parse(run(command)); }
-    std::string nft() { return run("nft -n list table inet policyroute"); }
+    std::string nft() { return run("nft list table inet policyroute"); }
     nlohmann::json ourRules(int family = 4);
     // A pair of interfaces, `name` here and `name`-far in the other namespace, with addresses.
     void cable(const std::string &name, const Net &far, const std::vector<std::string> &here,
