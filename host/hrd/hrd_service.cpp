@@ -39,6 +39,10 @@ using std::chrono::milliseconds;
 
 constexpr uint64_t PERIOD_LEAST_MS = 20;
 constexpr uint64_t PERIOD_MOST_MS = 3600000;
+constexpr milliseconds ASK_SOON{50};     // after an entry vanished; who flushes a table is let finish
+constexpr milliseconds LINK_PERIOD_LEAST{10};
+constexpr milliseconds LINK_PERIOD_MOST{50};
+constexpr size_t LINKS_AT_ONCE = 16;     // about 10 us each
 
 struct Target;
 
@@ -70,6 +74,8 @@ struct State {
     HrdCounters counters;
     uint32_t targetsMade = 0;
     milliseconds askPeriod{500};
+    milliseconds linkPeriod{50};
+    uint32_t lastLink = 0;            // interface asked for last
     std::unique_ptr<HrdNeighbours> pNeighbours;
     std::unique_ptr<NetlinkMonitor> pMonitor;
     std::atomic<bool> running{false};
@@ -238,6 +244,13 @@ void ask(Target &target) {
     entrySet(target, std::move(entry));
 }
 
+void askPeriodically(const HrdNeighbourKey &key);
+
+void askAfter(Target &target, milliseconds wait) {
+    hostEventLoop().timerStop(target.askTimer);
+    target.askTimer = hostEventLoop().timerStart(wait, [key = target.key] { askPeriodically(key); });
+}
+
 void askPeriodically(const HrdNeighbourKey &key) {
     const std::lock_guard guard(state().lock);
     const auto found = state().targets.find(key);
@@ -245,14 +258,14 @@ void askPeriodically(const HrdNeighbourKey &key) {
         return;
     }
     Target &target = *found->second;
-    target.askTimer = hostEventLoop().timerStart(state().askPeriod, [key] { askPeriodically(key); });
+    askAfter(target, state().askPeriod);
     ask(target);
     evaluateAll(target);
 }
 
 // Targets that are made together do not ask together for ever: the first period has any length.
 milliseconds firstPeriod() {
-    const uint32_t part = state().targetsMade++ * 618u % 1000u;
+    const uint32_t part = ++state().targetsMade * 618u % 1000u;
     return std::max(milliseconds(1), state().askPeriod * part / 1000);
 }
 
@@ -261,7 +274,7 @@ Target &targetGet(const HrdNeighbourKey &key) {
     if (pTarget == nullptr) {
         pTarget = std::make_unique<Target>();
         pTarget->key = key;
-        pTarget->askTimer = hostEventLoop().timerStart(firstPeriod(), [key] { askPeriodically(key); });
+        askAfter(*pTarget, firstPeriod());
         ask(*pTarget);
     }
     return *pTarget;
@@ -301,6 +314,13 @@ void attach(Peer &peer) {
 
 // ---- events of the kernel ----
 
+// Whether the entry is being deleted: the kernel first calls it failed, in the name of who deletes it.
+// A failure that the kernel found itself names nobody.
+bool vanishing(const nlmsghdr *pMessage, const HrdNeighbour &entry) {
+    return pMessage->nlmsg_type == RTM_DELNEIGH ||
+           (hrdEvidence(entry) == HrdEvidence::Failed && pMessage->nlmsg_pid != 0);
+}
+
 void neighbourMessage(const nlmsghdr *pMessage) {
     if (pMessage->nlmsg_type != RTM_NEWNEIGH && pMessage->nlmsg_type != RTM_DELNEIGH) {
         return;
@@ -315,8 +335,9 @@ void neighbourMessage(const nlmsghdr *pMessage) {
         return;
     }
     Target &target = *found->second;
-    if (pMessage->nlmsg_type == RTM_DELNEIGH) {
-        ask(target); // it may be back already: read it
+    if (vanishing(pMessage, parsed->second)) {
+        entrySet(target, {});
+        askAfter(target, std::min(ASK_SOON, state().askPeriod));
     } else {
         entrySet(target, std::move(parsed->second));
     }
@@ -346,6 +367,29 @@ void linkChanged(const IfnetLink &link) {
         }
         evaluate(*pPeer);
     }
+}
+
+// The next few interfaces that lead to peers, in turn.
+std::vector<uint32_t> linksInTurn() {
+    std::set<uint32_t> all;
+    const std::lock_guard guard(state().lock);
+    for (const auto &[key, pPeer] : state().peers) {
+        if (pPeer->egress) {
+            all.insert(pPeer->egress->ifIndex);
+        }
+    }
+    std::vector<uint32_t> turn(all.upper_bound(state().lastLink), all.end());
+    turn.insert(turn.end(), all.begin(), all.upper_bound(state().lastLink));
+    turn.resize(std::min(turn.size(), LINKS_AT_ONCE));
+    state().lastLink = turn.empty() ? 0 : turn.back();
+    return turn;
+}
+
+void linksPeriodically() {
+    for (uint32_t unit : linksInTurn()) {
+        ifnetRefresh(unit); // calls linkChanged when there is something new
+    }
+    hostEventLoop().timerStart(state().linkPeriod, linksPeriodically);
 }
 
 void routesChanged() {
@@ -384,6 +428,9 @@ bool hrdRunning() {
 }
 
 void hrdPeerAdd(const HrdPeerKey &key) {
+    if (const std::optional<FibEgress> egress = fibLookup(key.vrfid, key.version, key.address)) {
+        ifnetRefresh(egress->ifIndex); // a link that has just come up must not give a false first answer
+    }
     const std::lock_guard guard(state().lock);
     std::unique_ptr<Peer> &pPeer = state().peers[key];
     if (pPeer == nullptr) {
@@ -432,6 +479,7 @@ std::string hrdStart() {
     }
     // Half of it: a neighbour that falls silent right after an answer is asked within half a period.
     state().askPeriod = milliseconds(periodMs / 2);
+    state().linkPeriod = std::clamp(milliseconds(periodMs / 20), LINK_PERIOD_LEAST, LINK_PERIOD_MOST);
     try {
         state().pNeighbours = std::make_unique<HrdNeighbours>();
         state().pMonitor = std::make_unique<NetlinkMonitor>(
@@ -443,6 +491,7 @@ std::string hrdStart() {
     fibOnChange(routesChanged);
     busOnLoss(reportsLost);
     state().pMonitor->start(hostEventLoop());
+    hostEventLoop().post(linksPeriodically);
     state().running = true;
     return {};
 }

@@ -37,6 +37,11 @@ void ifnetOnChange(std::function<void(const IfnetLink &)> changed);
 // Starts following the kernel's link messages and reads the present links. Result: empty, or why not.
 std::string ifnetStart();
 
+// Asks the kernel for one link now and reports what changed, before it returns. The kernel holds carrier
+// notifications back, up to a second after the previous one; a direct question gets the truth.
+// Event thread, without locks of the caller.
+void ifnetRefresh(uint32_t unit);
+
 // What the daemon asked of the interface layer. Any thread. Lock: none
 struct IfnetCounters {
     uint64_t protocolEnables = 0;  // accepted

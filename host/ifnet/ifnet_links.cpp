@@ -8,6 +8,7 @@
 #include <linux/rtnetlink.h>
 
 #include <atomic>
+#include <cerrno>
 #include <exception>
 #include <map>
 #include <memory>
@@ -175,6 +176,22 @@ std::string ifnetName(uint32_t unit) {
 void ifnetOnChange(std::function<void(const IfnetLink &)> changed) {
     const std::lock_guard guard(state().lock);
     state().changed.push_back(std::move(changed));
+}
+
+void ifnetRefresh(uint32_t unit) {
+    NetlinkMessage request(RTM_GETLINK, 0);
+    ifinfomsg header = {};
+    header.ifi_index = static_cast<int>(unit);
+    request.header(header);
+    request.putU32(IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+    std::optional<IfnetLink> link;
+    const NetlinkError error =
+        state().pSocket->request(request, [&link](const nlmsghdr *pMessage) { link = linkOf(pMessage); });
+    if (link) {
+        linkSet(*link);
+    } else if (error.code == ENODEV) {
+        linkGone(unit);
+    }
 }
 
 uint64_t ifnetResyncs() {

@@ -19,6 +19,7 @@ namespace {
 constexpr size_t RECEIVE_BYTES = 64 * 1024;
 constexpr size_t ROOM_BYTES = 8 * 1024 * 1024; // some ten thousand notifications
 constexpr int READS_AT_ONCE = 256;             // others on the event thread get their turn
+constexpr int READS_AFTER_LOSS = 1000000;      // more than any room holds
 
 int openJoined(int protocol, const std::vector<uint32_t> &groups) {
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol);
@@ -67,35 +68,48 @@ void NetlinkMonitor::stop() {
     }
 }
 
+// One datagram of the kernel into the buffer.
+NetlinkMonitor::Got NetlinkMonitor::receive(size_t *pLen) {
+    sockaddr_nl from = {};
+    socklen_t fromLen = sizeof(from);
+    const ssize_t got = recvfrom(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC,
+                                 reinterpret_cast<sockaddr *>(&from), &fromLen);
+    if (got < 0 && errno != ENOBUFS && errno != EINTR) {
+        return Got::Nothing;
+    }
+    if ((got < 0 && errno == ENOBUFS) || got > static_cast<ssize_t>(buffer_.size())) {
+        return Got::Loss; // dropped by the kernel, or too large for us: both are messages not seen
+    }
+    *pLen = got < 0 || from.nl_pid != 0 ? 0 : static_cast<size_t>(got); // 0: interrupted, or not the kernel's
+    return Got::Messages;
+}
+
+// After a loss the kernel goes on dropping, without a word, until everything that waits has been read:
+// the tables may only be read anew after that, and what waited is older than they are.
+void NetlinkMonitor::readAwayAndTell() {
+    size_t len = 0;
+    for (int count = 0; count < READS_AFTER_LOSS && receive(&len) != Got::Nothing; ++count) {
+    }
+    ++lostCount_;
+    lost_();
+}
+
 void NetlinkMonitor::read() {
-    bool lost = false;
     for (int count = 0; count < READS_AT_ONCE; ++count) {
-        sockaddr_nl from = {};
-        socklen_t fromLen = sizeof(from);
-        const ssize_t got = recvfrom(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC,
-                                     reinterpret_cast<sockaddr *>(&from), &fromLen);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0 && errno != ENOBUFS) {
+        size_t len = 0;
+        const Got got = receive(&len);
+        if (got == Got::Nothing) {
             break;
         }
-        if (got < 0 || static_cast<size_t>(got) > buffer_.size()) {
-            lost = true; // dropped by the kernel, or too large for us: both are messages not seen
-            continue;
+        if (got == Got::Loss) {
+            readAwayAndTell();
+            break;
         }
-        if (from.nl_pid != 0) {
-            continue; // not the kernel's
-        }
-        int left = static_cast<int>(got);
+        int left = static_cast<int>(len);
         for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(buffer_.data());
              mnl_nlmsg_ok(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
             message_(pMessage);
         }
-    }
-    if (lost) {
-        ++lostCount_;
-        lost_();
     }
     if (readEnd_) {
         readEnd_();

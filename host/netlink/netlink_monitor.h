@@ -1,8 +1,8 @@
 // A notification socket: the kernel's messages of some multicast groups, on the event thread.
 //
 // The groups are joined by the constructor, so that a dump made afterwards misses nothing. When the
-// kernel had to drop messages (receive room full), `lost` is called: the owner then reads the tables
-// anew. Belongs to the network namespace of the thread that made it.
+// kernel had to drop messages (receive room full), what waits is thrown away and `lost` is called: the
+// owner then reads the tables anew. Belongs to the network namespace of the thread that made it.
 #ifndef HOST_NETLINK_NETLINK_MONITOR_H
 #define HOST_NETLINK_NETLINK_MONITOR_H
 
@@ -35,6 +35,9 @@ public:
     uint64_t lostCount() const { return lostCount_; } // event thread
 
 private:
+    enum class Got { Nothing, Messages, Loss };
+    Got receive(size_t *pLen);
+    void readAwayAndTell();
     void read();
 
     int fd_ = -1;
