@@ -143,8 +143,7 @@ void linkUnBind(const PbrListEntry *pList, const PbrIfEntry *pIf, PbrIfNodeEntry
     } else {
         idleLinkUnBind(pList, pNode);
     }
-    pbrViewMarkList(pNode->pPbrList); // a link left by a failed binding may be another list's
-    (void)pbrIfNodeEntryDel(pLink);
+    (void)pbrIfNodeEntryDel(pLink); // marks the link's own list, which may be another after a failed binding
 }
 
 } // namespace

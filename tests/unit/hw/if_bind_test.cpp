@@ -295,7 +295,13 @@ TEST_F(IfBind, UnbindingOneOfTwoAsksNobodyForThePeerAndKeepsTheBestOfLinksNotInT
     (void)bindCalls(1);
     (void)bindCalls(2);
     pNode_->pPbrNhopBest = hop(pNode_, 1);
-    EXPECT_EQ(unbindCalls(2), (Lines{"aclLstSyncApi(1501, 2, -1)", "qrvIfSetApi(2, 57, 206)"}));
+    gPbrInfo.debugFlags = 64;
+    (void)fake::takeTrace();
+    EXPECT_EQ(0u, unbind(2));
+    EXPECT_EQ(fake::takeTrace(), (Lines{"aclLstSyncApi(1501, 2, -1)",
+                                        generalText("pbrIfEntryUnBind start to delete hwAddRefCnt.\r\n"),
+                                        generalText("pbrIfEntryUnBind start to delete hwAddRefCnt.\r\n"),
+                                        generalText("pbrIfnode delete\r\n"), "qrvIfSetApi(2, 57, 206)"}));
     EXPECT_EQ(hop(pNode_, 1), pNode_->pPbrNhopBest);
     EXPECT_EQ("01 01", refCnts());
     EXPECT_EQ("1", chain());
@@ -340,6 +346,18 @@ TEST_F(IfBind, AnOutInterfaceNodeThatIsNotInTheDeviceKeepsItsCountsWhenUnbound) 
     hop(pNode_, 1)->refCntByte = 0x05;
     (void)unbindCalls(1);
     EXPECT_EQ(0x05, hop(pNode_, 1)->refCntByte);
+}
+
+TEST_F(IfBind, BindingAndUnbindingMarkTheListAlsoOneWithoutNodes) {
+    PbrListEntry *pEmpty = makeList("empty");
+    PbrIfEntry *pIf = makeIf(1);
+    nameList(pIf, "empty");
+    checked();
+    EXPECT_EQ(0, pbrIfEntryBind(pIf));
+    EXPECT_EQ(1, pEmpty->viewMark);
+    checked();
+    EXPECT_EQ(0u, pbrIfEntryUnBind(pIf));
+    EXPECT_EQ(1, pEmpty->viewMark);
 }
 
 TEST_F(IfBind, AnUnbindWithOthersLeftStillTakesTheListOutOfTheReadyTable) {
