@@ -27,6 +27,12 @@ struct ProcShellCommand {
     int32_t (*run)(void);
 };
 
+// One switch of the shell: its name and the word that it sets.
+struct ProcShellVariable {
+    const char *name;
+    uint32_t *pValue;
+};
+
 // The number of the last failed platform call of the calling task. Lock: none
 int32_t errnoGet(void);
 }
@@ -34,5 +40,9 @@ int32_t errnoGet(void);
 // The program's shell commands, defined by the program; gProcShellCommandCount entries.
 extern const ProcShellCommand gProcShellCommands[];
 extern const uint32_t gProcShellCommandCount;
+
+// The program's switches, defined by the program; gProcShellVariableCount entries.
+extern const ProcShellVariable gProcShellVariables[];
+extern const uint32_t gProcShellVariableCount;
 
 #endif

@@ -6,19 +6,31 @@
 
 #include "platform/qrv_rtm.h"
 #include "platform/qrv_socket.h"
+#include "rtmsg/pbr_acl_msg.h"
+#include "rtmsg/pbr_card_msg.h"
 #include "rtmsg/pbr_hrd_msg.h"
+#include "rtmsg/pbr_link_msg.h"
+#include "rtmsg/pbr_nqa_msg.h"
 #include "rtmsg/pbr_rtm_walk.h"
 
 namespace {
 
 constexpr uint32_t PADDING_BYTES = 128;
 
-// One row a type that the daemon handles. Types 32, 34 and 324 (links), 248, 250 and 251 (ACL rules), 349
-// (probes), 97 and 108 (cards and slots) join with their handlers.
+// One row a type that the daemon handles.
 const PbrRtmRow ROWS[] = {
+    {QRV_RTM_NEWLINK, "NEWLINK", 0, pbrNewLinkMsgRcv},
+    {QRV_RTM_DELLINK_FINAL, "DELLINK_FINAL", 0, pbrDelLinkMsgRcv},
+    {QRV_RTM_CARD_UP, "CARD_UP", 0, pbrCardUpMsgRcv},
+    {QRV_RTM_SLOT_UP, "SLOT_UP", 0, pbrSlotUpMsgRcv},
+    {QRV_RTM_ACL_DELACL, "ACL_DELACL", 0, pbrAclDelMsgRcv},
+    {QRV_RTM_ACL_ADDACLRULE, "ACL_ADDACLRULE", 0, pbrAclRuleAddMsgRcv},
+    {QRV_RTM_ACL_DELACLRULE, "ACL_DELACLRULE", 0, pbrAclRuleDelMsgRcv},
     {QRV_RTM_HRD_UP, "HRD_UP", 0, pbrHrdMsgRcv},
     {QRV_RTM_HRD_DOWN, "HRD_DOWN", 0, pbrHrdMsgRcv},
     {QRV_RTM_HRD_CHANGE, "HRD_CHANGE", 0, pbrHrdMsgRcv},
+    {QRV_RTM_RESETPORTCONFIG, "RESETPORTCONFIG", 0, pbrPortResetMsgRcv},
+    {QRV_RTM_NQA, "NQA", 0, pbrNqaMsgRcv},
 };
 
 } // namespace

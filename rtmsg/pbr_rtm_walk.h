@@ -8,10 +8,15 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "store/pbr_records.h"
+
 // State of one read.
 struct PbrRtmRead {
     uint8_t hrdAddress[16]; // address of the latest peer report, network order; an IPv4 report leaves
                             // bytes 4..15 as an earlier IPv6 report of the same read made them
+    PbrNodeEntry *foundNode; // node whose ACL an ACL-rule message named, from the last list in which one
+                             // matched; null: none yet in this read
+    uint32_t hwCount;        // rule operations done in this read
 };
 
 // Handles one message. pMessage: its header, 4-byte aligned; the bytes behind the read are zero, for
