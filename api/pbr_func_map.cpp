@@ -20,15 +20,16 @@ constexpr uint8_t NODE_KEY = sizeof(PbrNodeKey);
 constexpr uint8_t UNIT_KEY = sizeof(uint32_t);
 constexpr uint8_t NO_KEY = 0;
 
-// Byte-string fields of each table, one bit a field id.
+// Byte-string fields of each table, one bit a field id: those that a get reads, and those that a set
+// writes. A set of a field that is read only comes with any number and is refused by its handler.
 constexpr uint32_t bit(uint32_t fieldId) { return 1u << fieldId; }
-constexpr uint32_t LIST_BYTES = bit(PBR_LIST_ROW);
-constexpr uint32_t NODE_BYTES = bit(PBR_NODE_ROW);
+constexpr uint32_t LIST_READ = bit(PBR_LIST_ROW);
+constexpr uint32_t NODE_READ = bit(PBR_NODE_ROW);
 constexpr uint32_t NEXT_HOP_BYTES =
     bit(PBR_NEXT_HOP_ADDRESS) | bit(PBR_NEXT_HOP_NQA_ADMIN_NAME) | bit(PBR_NEXT_HOP_NQA_TEST_NAME);
-constexpr uint32_t IF_BYTES = bit(PBR_IF_PBR_NAME) | bit(PBR_IF_EMPTY) | bit(PBR_IF_ROW);
-constexpr uint32_t SCALAR_BYTES =
-    bit(PBR_SCALAR_VERSION) | bit(PBR_SCALAR_PENDING) | bit(PBR_SCALAR_ROW);
+constexpr uint32_t IF_READ = bit(PBR_IF_PBR_NAME) | bit(PBR_IF_EMPTY) | bit(PBR_IF_ROW);
+constexpr uint32_t IF_WRITE = bit(PBR_IF_PBR_NAME);
+constexpr uint32_t SCALAR_READ = bit(PBR_SCALAR_VERSION) | bit(PBR_SCALAR_PENDING) | bit(PBR_SCALAR_ROW);
 
 } // namespace
 
@@ -42,21 +43,21 @@ constexpr uint32_t SCALAR_BYTES =
     X(IF_GET_NEXT, next(pbrIfGetNext), NEXT, UNIT_KEY, 0)                                           \
     X(NEXT_HOP_GET_FIRST, first(pbrNextHopGetFirst), FIRST, NODE_KEY, 0)                            \
     X(NEXT_HOP_GET_NEXT, next(pbrNextHopGetNext), NEXT, NODE_KEY, 0)                                \
-    X(LIST_GET, field(pbrListGetApi), GET, LIST_KEY, LIST_BYTES)                                    \
-    X(LIST_SET, field(pbrListSetApi), SET, LIST_KEY, LIST_BYTES)                                    \
-    X(LIST_SYNC, field(pbrListSyncApi), SET, LIST_KEY, LIST_BYTES)                                  \
-    X(NODE_GET, field(pbrNodeGetApi), GET, NODE_KEY, NODE_BYTES)                                    \
-    X(NODE_SET, field(pbrNodeSetApi), SET, NODE_KEY, NODE_BYTES)                                    \
-    X(NODE_SYNC, field(pbrNodeSyncApi), SET, NODE_KEY, NODE_BYTES)                                  \
-    X(IF_GET, field(pbrIfGetApi), GET, UNIT_KEY, IF_BYTES)                                          \
-    X(IF_SET, field(pbrIfSetApi), SET, UNIT_KEY, IF_BYTES)                                          \
-    X(IF_SYNC, field(pbrIfSyncApi), SET, UNIT_KEY, IF_BYTES)                                        \
+    X(LIST_GET, field(pbrListGetApi), GET, LIST_KEY, LIST_READ)                                     \
+    X(LIST_SET, field(pbrListSetApi), SET, LIST_KEY, 0)                                             \
+    X(LIST_SYNC, field(pbrListSyncApi), SET, LIST_KEY, 0)                                           \
+    X(NODE_GET, field(pbrNodeGetApi), GET, NODE_KEY, NODE_READ)                                     \
+    X(NODE_SET, field(pbrNodeSetApi), SET, NODE_KEY, 0)                                             \
+    X(NODE_SYNC, field(pbrNodeSyncApi), SET, NODE_KEY, 0)                                           \
+    X(IF_GET, field(pbrIfGetApi), GET, UNIT_KEY, IF_READ)                                           \
+    X(IF_SET, field(pbrIfSetApi), SET, UNIT_KEY, IF_WRITE)                                          \
+    X(IF_SYNC, field(pbrIfSyncApi), SET, UNIT_KEY, IF_WRITE)                                        \
     X(NEXT_HOP_GET, field(pbrNextHopGetApi), GET, NODE_KEY, NEXT_HOP_BYTES)                         \
     X(NEXT_HOP_SET, field(pbrNextHopSetApi), SET, NODE_KEY, NEXT_HOP_BYTES)                         \
     X(NEXT_HOP_SYNC, field(pbrNextHopSyncApi), SET, NODE_KEY, NEXT_HOP_BYTES)                       \
-    X(SCALAR_GET, field(pbrScalarGetApi), GET, NO_KEY, SCALAR_BYTES)                                \
-    X(SCALAR_SET, field(pbrScalarSetApi), SET, NO_KEY, SCALAR_BYTES)                                \
-    X(SCALAR_SYNC, field(pbrScalarSyncApi), SET, NO_KEY, SCALAR_BYTES)
+    X(SCALAR_GET, field(pbrScalarGetApi), GET, NO_KEY, SCALAR_READ)                                 \
+    X(SCALAR_SET, field(pbrScalarSetApi), SET, NO_KEY, 0)                                           \
+    X(SCALAR_SYNC, field(pbrScalarSyncApi), SET, NO_KEY, 0)
 
 const IcmCommand gPbrFuncMap[PBR_COMMAND_COUNT] = {
     {PBR_CMD_NONE, nullptr},

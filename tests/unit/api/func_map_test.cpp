@@ -86,17 +86,17 @@ TEST_F(FuncMap, TheShapesTellHowEachCommandIsCalled) {
         uint8_t kind, keyBytes;
         uint32_t byteFields;
     };
-    const uint32_t list = 1u << 3, nodeRow = 1u << 15, hopBytes = 1u << 2 | 1u << 4 | 1u << 5,
+    const uint32_t list = 1u << 3, nodeRow = 1u << 15, hopBytes = 1u << 2 | 1u << 4 | 1u << 5, ifName = 1u << 2,
                    ifBytes = 1u << 2 | 1u << 3 | 1u << 4, scalarBytes = 1u << 5 | 1u << 6 | 1u << 7;
     const Shape shapes[] = {
         {ICM_SHAPE_NONE, 0, 0},         {ICM_SHAPE_FIRST, 18, 0},       {ICM_SHAPE_NEXT, 18, 0},
         {ICM_SHAPE_FIRST, 28, 0},       {ICM_SHAPE_NEXT, 28, 0},        {ICM_SHAPE_FIRST, 4, 0},
         {ICM_SHAPE_NEXT, 4, 0},         {ICM_SHAPE_FIRST, 28, 0},       {ICM_SHAPE_NEXT, 28, 0},
-        {ICM_SHAPE_GET, 18, list},      {ICM_SHAPE_SET, 18, list},      {ICM_SHAPE_SET, 18, list},
-        {ICM_SHAPE_GET, 28, nodeRow},   {ICM_SHAPE_SET, 28, nodeRow},   {ICM_SHAPE_SET, 28, nodeRow},
-        {ICM_SHAPE_GET, 4, ifBytes},    {ICM_SHAPE_SET, 4, ifBytes},    {ICM_SHAPE_SET, 4, ifBytes},
+        {ICM_SHAPE_GET, 18, list},      {ICM_SHAPE_SET, 18, 0},         {ICM_SHAPE_SET, 18, 0},
+        {ICM_SHAPE_GET, 28, nodeRow},   {ICM_SHAPE_SET, 28, 0},         {ICM_SHAPE_SET, 28, 0},
+        {ICM_SHAPE_GET, 4, ifBytes},    {ICM_SHAPE_SET, 4, ifName},     {ICM_SHAPE_SET, 4, ifName},
         {ICM_SHAPE_GET, 28, hopBytes},  {ICM_SHAPE_SET, 28, hopBytes},  {ICM_SHAPE_SET, 28, hopBytes},
-        {ICM_SHAPE_GET, 0, scalarBytes}, {ICM_SHAPE_SET, 0, scalarBytes}, {ICM_SHAPE_SET, 0, scalarBytes},
+        {ICM_SHAPE_GET, 0, scalarBytes}, {ICM_SHAPE_SET, 0, 0},           {ICM_SHAPE_SET, 0, 0},
     };
     for (uint32_t id = 0; id < PBR_COMMAND_COUNT; ++id) {
         EXPECT_EQ(gIcmCommandShapes[id].kind, shapes[id].kind) << id;
@@ -144,6 +144,22 @@ TEST_F(FuncMap, APolicyIsBuiltReadWalkedAndRemovedThroughTheMapAlone) {
     EXPECT_EQ(serve(PBR_CMD_LIST_SET, list, PBR_LIST_STATUS, PBR_ROW_DESTROY).code, PBR_OK);
     EXPECT_EQ(serve(PBR_CMD_LIST_GET_FIRST, listKey("")).code, PBR_FAIL);
     EXPECT_FALSE(fake::poolExists("pbr_list"));
+}
+
+TEST_F(FuncMap, ASetOfAReadOnlyFieldGetsItsPublishedCode) {
+    haveList("web");
+    haveNode("web", 10);
+    haveInterface(7);
+    (void)fake::takeTrace();
+
+    EXPECT_EQ(serve(PBR_CMD_LIST_SET, listKey("web"), PBR_LIST_ROW, 1).code, PBR_FAIL);
+    EXPECT_EQ(serve(PBR_CMD_NODE_SYNC, nodeKey("web", 10), PBR_NODE_ROW, 1).code, PBR_FAIL);
+    EXPECT_EQ(serve(PBR_CMD_IF_SET, unitKey(7), PBR_IF_EMPTY, 1).code, PBR_FAIL);
+    EXPECT_EQ(serve(PBR_CMD_IF_SYNC, unitKey(7), PBR_IF_ROW, 1).code, PBR_FAIL);
+    for (uint32_t field : {PBR_SCALAR_VERSION, PBR_SCALAR_PENDING, PBR_SCALAR_ROW}) {
+        EXPECT_EQ(serve(PBR_CMD_SCALAR_SET, {}, field, 1).code, PBR_FAIL);
+    }
+    EXPECT_EQ(fake::takeTrace(), Lines{});
 }
 
 TEST_F(FuncMap, TheServerIsStartedWithTheMap) {
