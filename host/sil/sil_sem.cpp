@@ -1,14 +1,14 @@
-// Mutex semaphores (platform/sil_sem.h) on POSIX mutexes.
+// Mutex semaphores (platform/sil_sem.h).
 //
-// A handle is the index into a fixed table plus one, so it has 32 bits and 0 is never one. The mutexes
-// check errors: taking one's own or giving back another's is refused. The host's tasks have no priorities,
-// so the options that ask for priority order and inheritance change nothing. A slot of the table is made
-// and unmade under gTableLock; takers only read `used`.
+// A handle is the index into a fixed table plus one, so it has 32 bits and 0 is never one. Each mutex
+// knows its holder, so that taking one's own, giving back another's and destroying a held one are refused;
+// waiting is by the monotonic clock. The host's tasks have no priorities, so the options that ask for
+// priority order and inheritance change nothing.
 #include "platform/sil_sem.h"
 
-#include <atomic>
 #include <cerrno>
-#include <ctime>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #include <pthread.h>
@@ -18,104 +18,94 @@ namespace {
 constexpr uint32_t SEM_COUNT = 64;
 
 struct Sem {
-    std::atomic<bool> used{false};
-    pthread_mutex_t mutex{};
+    std::mutex lock; // guards the fields; held for a moment only
+    std::condition_variable given;
+    bool isUsed = false;
+    bool isHeld = false;
+    pthread_t holder{}; // while isHeld
 };
 
-std::mutex gTableLock;
-Sem gSems[SEM_COUNT];
+Sem *const gSems = new Sem[SEM_COUNT]; // never destroyed: tasks wait on them until the process ends
 
-Sem *semOf(uint32_t handle) {
-    if (handle == 0 || handle > SEM_COUNT || !gSems[handle - 1].used) {
-        return nullptr;
-    }
-    return &gSems[handle - 1];
+bool isHeldBySelf(const Sem &sem) {
+    return sem.isHeld && pthread_equal(sem.holder, pthread_self()) != 0;
 }
 
-// The platform's result of a call that answers with an error number.
-int32_t resultOf(int error) {
-    if (error == 0) {
-        return 0;
-    }
+int32_t failed(int error) {
     errno = error;
     return -1;
 }
 
-int mutexInit(pthread_mutex_t *pMutex) {
-    pthread_mutexattr_t attributes;
-    int error = pthread_mutexattr_init(&attributes);
-    if (error != 0) {
-        return error;
+// Waits until the mutex is free, at most timeoutMs, -1 without limit. Result: whether it is.
+bool waitFree(Sem &sem, std::unique_lock<std::mutex> &guard, int32_t timeoutMs) {
+    const auto isFree = [&sem] { return !sem.isHeld; };
+    if (timeoutMs >= 0) {
+        return sem.given.wait_for(guard, std::chrono::milliseconds(timeoutMs), isFree);
     }
-    (void)pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK); // cannot fail with this type
-    error = pthread_mutex_init(pMutex, &attributes);
-    (void)pthread_mutexattr_destroy(&attributes); // cannot fail after init
-    return error;
+    sem.given.wait(guard, isFree);
+    return true;
 }
 
-timespec deadlineIn(int32_t timeoutMs) {
-    timespec at{};
-    clock_gettime(CLOCK_MONOTONIC, &at);
-    at.tv_sec += timeoutMs / 1000;
-    at.tv_nsec += timeoutMs % 1000 * 1000000L;
-    if (at.tv_nsec >= 1000000000L) {
-        ++at.tv_sec;
-        at.tv_nsec -= 1000000000L;
+int32_t take(Sem &sem, std::unique_lock<std::mutex> &guard, int32_t timeoutMs) {
+    if (isHeldBySelf(sem)) {
+        return failed(EDEADLK);
     }
-    return at;
+    if (!waitFree(sem, guard, timeoutMs)) {
+        return failed(ETIMEDOUT);
+    }
+    sem.isHeld = true;
+    sem.holder = pthread_self();
+    return 0;
 }
 
-int takeWithin(pthread_mutex_t *pMutex, int32_t timeoutMs) {
-    const timespec at = deadlineIn(timeoutMs);
-    return pthread_mutex_clocklock(pMutex, CLOCK_MONOTONIC, &at);
+// Calls `use(semaphore, guard)` for a handle that is in use, under the semaphore's own lock.
+template <typename Use>
+int32_t withSem(uint32_t handle, Use use) {
+    if (handle == 0 || handle > SEM_COUNT) {
+        return failed(EINVAL);
+    }
+    Sem &sem = gSems[handle - 1];
+    std::unique_lock<std::mutex> guard(sem.lock);
+    return sem.isUsed ? use(sem, guard) : failed(EINVAL);
 }
 
 } // namespace
 
 uint32_t silCreateMSem(uint32_t) {
-    const std::lock_guard<std::mutex> guard(gTableLock);
     for (uint32_t index = 0; index < SEM_COUNT; ++index) {
-        if (gSems[index].used) {
-            continue;
+        const std::lock_guard<std::mutex> guard(gSems[index].lock);
+        if (!gSems[index].isUsed) {
+            gSems[index].isUsed = true;
+            return index + 1;
         }
-        if (resultOf(mutexInit(&gSems[index].mutex)) != 0) {
-            return 0;
-        }
-        gSems[index].used = true;
-        return index + 1;
     }
     errno = ENOSPC;
     return 0;
 }
 
 int32_t silTakeSem(uint32_t handle, int32_t timeoutMs) {
-    Sem *pSem = semOf(handle);
-    if (pSem == nullptr) {
-        return resultOf(EINVAL);
-    }
-    if (timeoutMs < 0) {
-        return resultOf(pthread_mutex_lock(&pSem->mutex));
-    }
-    if (timeoutMs == 0) {
-        return resultOf(pthread_mutex_trylock(&pSem->mutex));
-    }
-    return resultOf(takeWithin(&pSem->mutex, timeoutMs));
+    return withSem(handle, [timeoutMs](Sem &sem, std::unique_lock<std::mutex> &guard) {
+        return take(sem, guard, timeoutMs);
+    });
 }
 
 int32_t silGiveSem(uint32_t handle) {
-    Sem *pSem = semOf(handle);
-    return resultOf(pSem == nullptr ? EINVAL : pthread_mutex_unlock(&pSem->mutex));
+    return withSem(handle, [](Sem &sem, std::unique_lock<std::mutex> &) {
+        if (!isHeldBySelf(sem)) {
+            return failed(EPERM);
+        }
+        sem.isHeld = false;
+        sem.given.notify_one();
+        return 0;
+    });
 }
 
 int32_t silDeleteSem(uint32_t handle) {
-    const std::lock_guard<std::mutex> guard(gTableLock);
-    Sem *pSem = semOf(handle);
-    if (pSem == nullptr) {
-        return resultOf(EINVAL);
-    }
-    const int error = pthread_mutex_destroy(&pSem->mutex); // refuses a mutex that is held
-    if (error == 0) {
-        pSem->used = false;
-    }
-    return resultOf(error);
+    return withSem(handle, [](Sem &sem, std::unique_lock<std::mutex> &) {
+        if (sem.isHeld) {
+            return failed(EBUSY);
+        }
+        sem.isUsed = false;
+        return 0;
+    });
 }
