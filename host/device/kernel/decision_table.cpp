@@ -85,6 +85,23 @@ void DecisionTable::release(uint8_t family, uint32_t id) {
     }
 }
 
+void DecisionTable::nextHopsAvoid(const std::set<uint32_t> &ids) {
+    for (const uint32_t id : ids) {
+        auto it = nextHopsById_.find(id);
+        if (it == nextHopsById_.end()) {
+            continue;
+        }
+        const RtNextHop nextHop = it->second;
+        nextHopIds_.erase(nextHop);
+        // The id stays known while the new one is chosen, so that it is not chosen again.
+        const uint32_t other = nextHopId(nextHop);
+        nextHopsById_.erase(id);
+        if (other == 0) {
+            nextHopIds_[nextHop] = id; // none is left: the kernel will refuse, and say so
+        }
+    }
+}
+
 void DecisionTable::drop() {
     std::map<RtNextHop, uint32_t> used;
     for (auto it = decisions_.begin(); it != decisions_.end();) {

@@ -59,6 +59,9 @@ public:
     // Takes over decisions that the kernel already holds whole: their ids and next-hop ids are kept.
     void adopt(const RtImage &image);
 
+    // Somebody took these next-hop ids meanwhile: ours get others.
+    void nextHopsAvoid(const std::set<uint32_t> &ids);
+
     // Forgets decisions without users, and next-hop ids that no decision names.
     void drop();
 

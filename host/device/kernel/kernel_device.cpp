@@ -74,26 +74,27 @@ std::string KernelDevice::start() {
 
 // Joined before the first look, so that nothing is missed.
 void KernelDevice::monitorsStart() {
-    const auto foreign = [this] { readBackSoon(FOREIGN_CHANGE_MS); };
+    const auto foreignNft = [this] { readBackSoon(FOREIGN_CHANGE_MS, READ_NFT); };
+    const auto foreignRt = [this] { readBackSoon(FOREIGN_CHANGE_MS, READ_RT); };
     const auto isOwn = [this](const nlmsghdr *pMessage) { return plane_.ports().count(pMessage->nlmsg_pid) != 0; };
     nftMonitor_ = std::make_unique<NetlinkMonitor>(
         NETLINK_NETFILTER, std::vector<uint32_t>{NFNLGRP_NFTABLES},
         [=](const nlmsghdr *pMessage) {
             if (!isOwn(pMessage) && nftIsOfOurTable(pMessage)) {
-                foreign();
+                foreignNft();
             }
         },
-        foreign);
+        foreignNft);
     rtMonitor_ = std::make_unique<NetlinkMonitor>(
         NETLINK_ROUTE,
         std::vector<uint32_t>{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
                               RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP},
         [=](const nlmsghdr *pMessage) {
             if (!isOwn(pMessage) && rtMayConcernUs(pMessage)) {
-                foreign();
+                foreignRt();
             }
         },
-        foreign);
+        foreignRt);
 }
 
 bool KernelDevice::isHeld() const {
@@ -131,7 +132,7 @@ void KernelDevice::release() {
     plane_.model().allDirty();
     allCompile();
     apply();
-    readBackSoon(READ_BACK_MS); // also when nothing had to be changed: leftovers are collected then
+    readBackSoon(READ_BACK_MS, READ_ALL); // also when nothing had to be changed: leftovers are collected then
     hostLog(LOG_LEVEL_NOTICE, MODULE, "the policy of the earlier run is replaced by the present one");
 }
 
@@ -214,7 +215,7 @@ void KernelDevice::apply() {
     }
     error_ = error;
     if (plane_.counters().applies != before || plane_.isCollectDue() || !error.empty()) {
-        readBackSoon(READ_BACK_MS);
+        readBackSoon(READ_BACK_MS, READ_ALL);
     }
 }
 
@@ -295,7 +296,6 @@ void KernelDevice::worldChanged() {
     if (!isFlushed_) {
         apply();
     }
-    readBackSoon(FOREIGN_CHANGE_MS);
 }
 
 std::string KernelDevice::firstError() const {
@@ -337,25 +337,30 @@ std::string KernelDevice::flush() {
 
 // ---- reading back ----
 
-// Any thread: the timer itself is set on the event thread. Lock: may be held
-void KernelDevice::readBackSoon(std::chrono::milliseconds delay) {
+// Any thread: the timer itself is set on the event thread. An appointment is moved forward, never back,
+// so that steady changes do not put it off. Lock: may be held
+void KernelDevice::readBackSoon(std::chrono::milliseconds delay, unsigned parts) {
     if (!isStarted_) {
         return;
     }
-    hooks_.pLoop->post([this, delay] {
+    hooks_.pLoop->post([this, delay, parts] {
         const bool isUrgent = delay < READ_BACK_MS;
-        if (readBackTimer_ != 0 && !isUrgent) {
-            return; // the earlier appointment will see this change too, or come again
+        readParts_ |= parts;
+        if (readBackTimer_ != 0 && (isReadUrgent_ || !isUrgent)) {
+            return;
         }
         hooks_.pLoop->timerStop(readBackTimer_);
+        isReadUrgent_ = isUrgent;
         readBackTimer_ = hooks_.pLoop->timerStart(delay, [this] {
             readBackTimer_ = 0;
-            readBack();
+            const unsigned appointed = readParts_;
+            readParts_ = 0;
+            readBack(appointed);
         });
     });
 }
 
-void KernelDevice::readBack() {
+void KernelDevice::readBack(unsigned parts) {
     uint64_t applies = 0;
     {
         std::lock_guard guard(lock_);
@@ -369,17 +374,19 @@ void KernelDevice::readBack() {
         applies = plane_.counters().applies;
     }
     KernelSnapshot snapshot;
-    const std::string error = snapshotRead(*readers_, &snapshot);
+    std::string error = (parts & READ_NFT) != 0 ? nftRead(readers_->nft, &snapshot.nft) : "";
+    error = error.empty() && (parts & READ_RT) != 0 ? rtRead(readers_->rt, &snapshot.rt) : error;
     std::lock_guard guard(lock_);
     if (!error.empty()) {
         hostLog(LOG_LEVEL_WARNING, MODULE, "%s", error.c_str());
         return;
     }
     if (plane_.counters().applies != applies || isHeld_ || isFlushed_) {
-        readBackSoon(READ_BACK_MS); // the snapshot is older than what we did meanwhile
+        readBackSoon(READ_BACK_MS, parts); // the snapshot is older than what we did meanwhile
         return;
     }
-    if (plane_.reconcile(snapshot)) {
+    if (plane_.reconcile((parts & READ_NFT) != 0 ? &snapshot.nft : nullptr,
+                         (parts & READ_RT) != 0 ? &snapshot.rt : nullptr)) {
         hostLog(LOG_LEVEL_WARNING, MODULE, "the kernel held something else than was installed; it is repaired");
     }
     apply();

@@ -47,6 +47,8 @@ struct KernelDeviceHooks {
 
 class KernelDevice : public Device {
 public:
+    static constexpr unsigned READ_NFT = 1, READ_RT = 2, READ_ALL = 3;
+
     explicit KernelDevice(KernelDeviceHooks hooks);
     ~KernelDevice() override; // stops its timers and notifications; leaves the kernel as it is
 
@@ -63,7 +65,7 @@ public:
     void worldChanged();
 
     // Reads back what the kernel holds, repairs it, and removes what is not used any more. Event thread.
-    void readBack();
+    void readBack(unsigned parts = READ_ALL);
 
     // Whether an earlier run's objects are still kept as they were found. Any thread. Lock: takes
     bool isHeld() const;
@@ -78,7 +80,7 @@ private:
     void listsCompile(const std::vector<std::string> &lists);
     void allCompile();
     void apply();
-    void readBackSoon(std::chrono::milliseconds delay);
+    void readBackSoon(std::chrono::milliseconds delay, unsigned parts);
     void holdPoll();
     void release();
     std::string firstError() const;
@@ -102,6 +104,8 @@ private:
     std::unique_ptr<KernelSockets> readers_;
     std::unique_ptr<NetlinkMonitor> nftMonitor_, rtMonitor_;
     EventLoop::TimerId readBackTimer_ = 0, holdTimer_ = 0;
+    unsigned readParts_ = 0;      // what the appointed read-back reads
+    bool isReadUrgent_ = false;   // it was appointed for a change of others
     std::chrono::milliseconds held_{0};      // time spent in holdPoll
     std::chrono::milliseconds determined_{0}; // how long every peer has been known
 };

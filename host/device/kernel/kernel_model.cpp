@@ -121,7 +121,11 @@ void KernelModel::decisionSet(const NodeKey &key, Node &node) {
     }
     if (old != 0) {
         decisions_.release(key.family, old);
-        users_[{key.family, old}].erase(key);
+        std::set<NodeKey> &users = users_[{key.family, old}];
+        users.erase(key);
+        if (users.empty()) {
+            users_.erase({key.family, old});
+        }
     }
     if (node.decision != 0) {
         users_[{key.family, node.decision}].insert(key);
@@ -149,7 +153,11 @@ void KernelModel::actionSet(const NodeKey &key, const Node &node) {
 }
 
 void KernelModel::decisionChanged(const DecisionKey &key) {
-    for (const NodeKey &node : users_[key]) {
+    auto users = users_.find(key);
+    if (users == users_.end()) {
+        return;
+    }
+    for (const NodeKey &node : users->second) {
         if (nodes_.at(node).refused.empty()) {
             actionSet(node, nodes_.at(node));
         }

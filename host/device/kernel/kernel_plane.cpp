@@ -133,22 +133,23 @@ void KernelPlane::decisionsMark() {
 void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const {
     const DecisionObjects objects = model_.decisions().objectsOf(key);
     const RtImage &held = installed_.rt;
+    const auto verb = [](const auto &map, const auto &id) { return map.count(id) == 0 ? RtVerb::Add : RtVerb::Replace; };
     for (const auto &item : objects.nextHops) {
         if (!holds(held.nextHops, item.first, item.second) && planned.insert(item.first).second) {
-            steps.push_back({rtNextHopMessage(item.first, item.second), key,
+            steps.push_back({rtNextHopMessage(verb(held.nextHops, item.first), item.first, item.second), key,
                              [item](RtImage &image) { image.nextHops[item.first] = item.second; }});
         }
     }
     for (const auto &item : objects.groups) {
         if (!holds(held.groups, item.first, item.second)) {
-            steps.push_back({rtGroupMessage(item.first, item.second), key,
+            steps.push_back({rtGroupMessage(verb(held.groups, item.first), item.first, item.second), key,
                              [item](RtImage &image) { image.groups[item.first] = item.second; }});
         }
     }
     // The throw route first: a table is never without it while a rule leads there.
     for (auto it = objects.routes.rbegin(); it != objects.routes.rend(); ++it) {
         if (!holds(held.routes, it->first, it->second)) {
-            steps.push_back({rtRouteMessage(true, it->first, it->second), key,
+            steps.push_back({rtRouteMessage(verb(held.routes, it->first), it->first, it->second), key,
                              [item = *it](RtImage &image) { image.routes[item.first] = item.second; }});
         }
     }
@@ -266,7 +267,7 @@ std::string KernelPlane::resync() {
         error = "a table inet policyroute exists that is not ours";
     }
     if (error.empty()) {
-        (void)reconcile(snapshot); // the caller goes on with what it finds
+        (void)reconcile(&snapshot.nft, &snapshot.rt); // the caller goes on with what it finds
     }
     return error;
 }
@@ -342,7 +343,7 @@ void KernelPlane::junkSteps(const RtImage &wanted, std::vector<RtStep> &steps) c
     }
     for (const auto &[key, target] : installed_.rt.routes) {
         if (wanted.routes.count(key) == 0) {
-            steps.push_back({rtRouteMessage(false, key, target), {},
+            steps.push_back({rtRouteMessage(RtVerb::Del, key, target), {},
                              [key = key](RtImage &image) { image.routes.erase(key); }});
         }
     }
@@ -391,22 +392,22 @@ std::string KernelPlane::collect() {
     return remains;
 }
 
-bool KernelPlane::reconcile(const KernelSnapshot &snapshot) {
-    // Objects of ours beyond the wanted ones are no difference: they wait to be collected.
-    const bool isNftSame = snapshot.nft == installed_.nft;
-    const bool isRtSame = snapshot.rt == installed_.rt;
-    installed_ = snapshot;
-    if (!isNftSame) {
+bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt) {
+    bool isDrift = false;
+    if (pNft != nullptr && !(*pNft == installed_.nft)) {
+        installed_.nft = *pNft;
         model_.allDirty();
+        isDrift = !(model_.image() == installed_.nft);
     }
-    if (!isRtSame) {
+    if (pRt != nullptr && !(*pRt == installed_.rt)) {
+        // Objects of ours beyond the wanted ones are no drift: they wait to be collected.
+        installed_.rt = *pRt;
+        model_.decisions().nextHopsAvoid(installed_.rt.foreignNextHops);
         decisionsMark();
         isCollectDue_ = true;
-    }
-    const RtImage wanted = model_.decisions().wanted();
-    bool isDrift = !isNftSame && !(model_.image() == snapshot.nft);
-    for (const auto &[key, decision] : model_.decisions().all()) {
-        isDrift = isDrift || (decision.users > 0 && !decision.installed && decision.error.empty());
+        for (const auto &[key, decision] : model_.decisions().all()) {
+            isDrift = isDrift || (decision.users > 0 && !decision.installed && decision.error.empty());
+        }
     }
     if (isDrift) {
         counters_.driftRepaired++;

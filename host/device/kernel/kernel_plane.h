@@ -75,9 +75,9 @@ public:
     std::string collect();
     bool isCollectDue() const { return isCollectDue_; }
 
-    // Compares a snapshot with what should be installed; takes it as the truth when they differ, so
-    // that the next apply and collect repair. Result: true when there was a difference.
-    bool reconcile(const KernelSnapshot &snapshot);
+    // Compares what was read (null: not read) with what should be installed; takes it as the truth when
+    // they differ, so that the next apply and collect repair. Result: true when there was a difference.
+    bool reconcile(const NftImage *pNft, const RtImage *pRt);
 
     // Removes everything of ours. Result: empty, or what remains and why.
     std::string flush();

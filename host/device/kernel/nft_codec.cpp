@@ -300,12 +300,11 @@ NftBatch::NftBatch(NetlinkSocket &socket) : socket_(socket) {
 }
 
 template <class Build> void NftBatch::add(uint16_t type, uint16_t flags, Build build) {
-    const size_t start = bytes_.size();
-    bytes_.resize(start + MESSAGE_BYTES);
+    alignas(nlmsghdr) char room[MESSAGE_BYTES]; // libmnl clears what it pads
     const uint32_t seq = socket_.nextSeq();
-    nlmsghdr *pMessage = nftnl_nlmsg_build_hdr(bytes_.data() + start, type, NFPROTO_INET, flags, seq);
+    nlmsghdr *pMessage = nftnl_nlmsg_build_hdr(room, type, NFPROTO_INET, flags, seq);
     build(pMessage);
-    bytes_.resize(start + MNL_ALIGN(pMessage->nlmsg_len));
+    bytes_.insert(bytes_.end(), room, room + MNL_ALIGN(pMessage->nlmsg_len));
     if (!owner_.empty()) {
         owners_.emplace(seq, owner_);
     }

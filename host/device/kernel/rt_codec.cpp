@@ -14,6 +14,15 @@ namespace host {
 
 namespace {
 
+uint16_t flagsOf(RtVerb verb) {
+    switch (verb) {
+    case RtVerb::Add: return NLM_F_CREATE | NLM_F_EXCL;
+    case RtVerb::Replace: return NLM_F_CREATE | NLM_F_REPLACE;
+    case RtVerb::Del: return 0;
+    }
+    return 0;
+}
+
 uint8_t familyNumber(uint8_t family) { return family == 6 ? AF_INET6 : AF_INET; }
 uint8_t familyOf(uint8_t number) { return number == AF_INET6 ? 6 : 4; }
 
@@ -121,9 +130,9 @@ NetlinkMessage rtRuleMessage(bool isAdd, const RtRule &rule) {
     return message;
 }
 
-NetlinkMessage rtRouteMessage(bool isAdd, const RtRouteKey &key, uint32_t nextHop) {
-    NetlinkMessage message(isAdd ? RTM_NEWROUTE : RTM_DELROUTE,
-                           isAdd ? static_cast<uint16_t>(NLM_F_CREATE | NLM_F_REPLACE) : uint16_t{0});
+NetlinkMessage rtRouteMessage(RtVerb verb, const RtRouteKey &key, uint32_t nextHop) {
+    const bool isAdd = verb != RtVerb::Del;
+    NetlinkMessage message(isAdd ? RTM_NEWROUTE : RTM_DELROUTE, flagsOf(verb));
     rtmsg header = {};
     header.rtm_family = familyNumber(key.family);
     header.rtm_protocol = FIB_PROTO_POLICYROUTE;
@@ -137,8 +146,8 @@ NetlinkMessage rtRouteMessage(bool isAdd, const RtRouteKey &key, uint32_t nextHo
     return message;
 }
 
-NetlinkMessage rtNextHopMessage(uint32_t id, const RtNextHop &nextHop) {
-    NetlinkMessage message(RTM_NEWNEXTHOP, NLM_F_CREATE | NLM_F_REPLACE);
+NetlinkMessage rtNextHopMessage(RtVerb verb, uint32_t id, const RtNextHop &nextHop) {
+    NetlinkMessage message(RTM_NEWNEXTHOP, flagsOf(verb));
     nhmsg header = {};
     header.nh_family = familyNumber(nextHop.family);
     header.nh_protocol = FIB_PROTO_POLICYROUTE;
@@ -151,8 +160,8 @@ NetlinkMessage rtNextHopMessage(uint32_t id, const RtNextHop &nextHop) {
     return message;
 }
 
-NetlinkMessage rtGroupMessage(uint32_t id, const RtGroup &group) {
-    NetlinkMessage message(RTM_NEWNEXTHOP, NLM_F_CREATE | NLM_F_REPLACE);
+NetlinkMessage rtGroupMessage(RtVerb verb, uint32_t id, const RtGroup &group) {
+    NetlinkMessage message(RTM_NEWNEXTHOP, flagsOf(verb));
     nhmsg header = {};
     header.nh_family = AF_UNSPEC;
     header.nh_protocol = FIB_PROTO_POLICYROUTE;

@@ -57,9 +57,11 @@ struct RtImage {
 };
 
 NetlinkMessage rtRuleMessage(bool isAdd, const RtRule &rule);
-NetlinkMessage rtRouteMessage(bool isAdd, const RtRouteKey &key, uint32_t nextHop);
-NetlinkMessage rtNextHopMessage(uint32_t id, const RtNextHop &nextHop); // adds or replaces
-NetlinkMessage rtGroupMessage(uint32_t id, const RtGroup &group);       // adds or replaces
+// What is there already is replaced only when it is known to be ours; an add fails on whatever is there.
+enum class RtVerb : uint8_t { Add, Replace, Del };
+NetlinkMessage rtRouteMessage(RtVerb verb, const RtRouteKey &key, uint32_t nextHop);
+NetlinkMessage rtNextHopMessage(RtVerb verb, uint32_t id, const RtNextHop &nextHop);
+NetlinkMessage rtGroupMessage(RtVerb verb, uint32_t id, const RtGroup &group);
 NetlinkMessage rtNextHopDelMessage(uint32_t id);
 
 // Reads what is ours, and the places of others. Result: empty, or why it cannot be read.

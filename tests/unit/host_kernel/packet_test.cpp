@@ -110,6 +110,12 @@ protected:
         isp2_.run("ip route add 10.1.0.0/16 via 198.51.100.254; ip route add fd01::/64 via fd03::fe");
         lan_.run("ip route add default via 10.1.0.1; ip -6 route add default via fd01::1");
         run("ip route add default via 192.0.2.1; ip -6 route add default via fd02::1");
+        // The kernel takes new IPv6 addresses into use on a thread of its own.
+        for (const Net *pNet : {router_.get(), &lan_, &isp1_, &isp2_}) {
+            for (int i = 0; i < 2000 && !pNet->run("ip -6 address show tentative").empty(); i++) {
+                (void)poll(nullptr, 0, 1);
+            }
+        }
         for (const char *pName : {"lan0", "up1", "up2"}) {
             router_->sysctl(std::string("ipv4/conf/") + pName + "/rp_filter", "0");
         }

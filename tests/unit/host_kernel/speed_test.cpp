@@ -1,7 +1,8 @@
-// How long a change takes: printed, with bounds wide enough for a busy machine.
+// How much work a change is, in thread time: printed, with bounds wide enough for a debug build.
 #include "world.h"
 
-#include <chrono>
+#include <algorithm>
+#include <ctime>
 
 namespace kernel_test {
 namespace {
@@ -27,10 +28,17 @@ protected:
         }
     }
 
+    // Time of our thread's work, ours and the kernel's for us: other work on the machine does not count.
     double storeMs() {
-        const auto begin = std::chrono::steady_clock::now();
+        const double begin = threadMs();
         store();
-        return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
+        return threadMs() - begin;
+    }
+
+    static double threadMs() {
+        timespec now = {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
     }
 
     void report(const char *pWhat, double ms) {
@@ -50,14 +58,19 @@ TEST_F(SpeedTest, ANextHopOfAHundredNodesChangesWithinMilliseconds) {
     device();
     report("100 nodes, first installation", storeMs());
     quiet();
-    double worst = 0;
-    for (int round = 0; round < 20; round++) {
+    std::vector<double> times, applies;
+    for (int round = 0; round < 21; round++) {
         nodes(100, round % 2 == 0 ? "192.0.2.2" : "192.0.2.1");
-        worst = std::max(worst, storeMs());
+        times.push_back(storeMs());
+        applies.push_back(static_cast<double>(device().counters().lastApplyUs) / 1000);
         quiet();
     }
-    report("100 nodes, one next hop changed, worst of 20", worst);
-    EXPECT_LT(worst, 100.0);
+    std::sort(times.begin(), times.end());
+    std::sort(applies.begin(), applies.end());
+    report("100 nodes, one next hop changed, median", times[10]);
+    report("100 nodes, one next hop changed, worst of 21", times[20]);
+    report("100 nodes, of that telling the kernel, median", applies[10]);
+    EXPECT_LT(times[10], 20.0);
 }
 
 TEST_F(SpeedTest, AChangeOfOneNodeDoesNotGrowWithOtherLists) {
