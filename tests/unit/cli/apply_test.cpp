@@ -214,14 +214,14 @@ TEST_F(Apply, PropertiesOfOtherManagementPlanesSurviveAnUndo) {
 }
 
 TEST_F(Apply, ADeviceThatIsNotRightIsTold) {
-    daemon.settleError = "acl 1501 rule 10: the kernel refused it";
+    daemon.settleAnswers(true, "acl 1501 rule 10: the kernel refused it");
     ASSERT_EQ(apply(FIRST), cli::EXIT_REFUSED);
     EXPECT_TRUE(hasErr("the policy is applied, but the device is not right yet: acl 1501 rule 10"));
     EXPECT_EQ(daemon.store().interfaces.at(7), "wan");
 }
 
 TEST_F(Apply, NextHopsWhoseStateIsNotKnownYetAreAWarning) {
-    daemon.determined = false;
+    daemon.settleAnswers(false);
     ASSERT_EQ(apply(FIRST), cli::EXIT_DONE);
     EXPECT_TRUE(hasErr("warning: the state of some next hops is not known yet")) << daemon.err;
 }

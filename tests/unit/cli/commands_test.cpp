@@ -350,7 +350,7 @@ TEST_F(Command, EmptyReportsSaySo) {
 
 TEST_F(Command, BindingsTellHowMuchIsInTheDevice) {
     makeWan();
-    daemon.device["entries"] = json::array({entry({"192.0.2.1"}), entry({}, "inert", false)});
+    daemon.entriesAre(json::array({entry({"192.0.2.1"}), entry({}, "inert", false)}));
     ok({"show", "bindings"});
     EXPECT_EQ(daemon.out, "INTERFACE  UNIT  UP   LIST  NODES  ENTRIES  INSTALLED  ERROR\n"
                           "lan0          7  yes  wan       1        1          1  -\n");
@@ -367,7 +367,7 @@ TEST_F(Command, AclsAndCountersAreShown) {
 
 TEST_F(Command, DeviceEntriesAreShown) {
     makeWan();
-    daemon.device["entries"] = json::array({entry({"192.0.2.1"}, "next-hops", false, "no such table")});
+    daemon.entriesAre(json::array({entry({"192.0.2.1"}, "next-hops", false, "no such table")}));
     ok({"show", "device"});
     EXPECT_NE(daemon.out.find("wan     10  lan0       1501  next-hops  192.0.2.1    0         0  no         no such table"),
               std::string::npos)
@@ -376,8 +376,8 @@ TEST_F(Command, DeviceEntriesAreShown) {
 
 TEST_F(Command, AChosenNextHopNeedsNoReasonAndTheOtherNamesIt) {
     makeWan();
-    daemon.peers = json::array({peer("192.0.2.1", "up"), peer("192.0.2.5", "up")});
-    daemon.device["entries"] = json::array({entry({"192.0.2.1"})});
+    daemon.peersAre(json::array({peer("192.0.2.1", "up"), peer("192.0.2.5", "up")}));
+    daemon.entriesAre(json::array({entry({"192.0.2.1"})}));
     const json hops = show("next-hops");
     EXPECT_EQ(hops[0]["reachable"], "up");
     EXPECT_EQ(hops[0]["chosen"], true);
@@ -395,16 +395,16 @@ TEST_F(Command, AChosenNextHopNeedsNoReasonAndTheOtherNamesIt) {
 
 TEST_F(Command, EveryReasonWhyANextHopIsNotUsedIsTold) {
     makeWan();
-    daemon.device["entries"] = json::array({entry({}, "inert", false)});
-    daemon.peers = json::array({peer("192.0.2.1", "down", "no neighbour on upa"), peer("192.0.2.5", "unknown")});
+    daemon.entriesAre(json::array({entry({}, "inert", false)}));
+    daemon.peersAre(json::array({peer("192.0.2.1", "down", "no neighbour on upa"), peer("192.0.2.5", "unknown")}));
     EXPECT_EQ(why(0), "unreachable: no neighbour on upa");
     EXPECT_EQ(why(1), "not resolved yet");
 
-    daemon.peers = json::array({peer("192.0.2.1", "up"), peer("192.0.2.5", "up")});
+    daemon.peersAre(json::array({peer("192.0.2.1", "up"), peer("192.0.2.5", "up")}));
     EXPECT_EQ(why(0), "not taken over yet");
-    daemon.device["entries"] = json::array({entry({"192.0.2.1"}, "next-hops", false, "table full")});
+    daemon.entriesAre(json::array({entry({"192.0.2.1"}, "next-hops", false, "table full")}));
     EXPECT_EQ(why(0), "device: table full");
-    daemon.device["entries"] = json::array({entry({"192.0.2.1"}, "next-hops", false)});
+    daemon.entriesAre(json::array({entry({"192.0.2.1"}, "next-hops", false)}));
     EXPECT_EQ(why(0), "not in the device yet");
 
     FakeStore store = daemon.store();
@@ -412,13 +412,13 @@ TEST_F(Command, EveryReasonWhyANextHopIsNotUsedIsTold) {
     node.nextHops[1].admin = "ops";
     node.nextHops[1].test = "a";
     daemon.put(store);
-    daemon.device["entries"] = json::array({entry({"192.0.2.5"})});
+    daemon.entriesAre(json::array({entry({"192.0.2.5"})}));
     EXPECT_EQ(why(0), "probe ops/a is not passing");
     EXPECT_EQ(why(1), "");
 
     node.fields[PBR_NODE_TIME_RANGE_ID] = 7;
     daemon.put(store);
-    daemon.device["entries"] = json::array({entry({}, "absent", false)});
+    daemon.entriesAre(json::array({entry({}, "absent", false)}));
     EXPECT_EQ(why(1), "time range 7 is not active");
 
     node.fields[PBR_NODE_FORWARD_FLAG] = 2;
@@ -439,8 +439,8 @@ TEST_F(Command, EveryReasonWhyANextHopIsNotUsedIsTold) {
 TEST_F(Command, EcmpMembersAreAllChosen) {
     makeWan();
     json both = entry({"192.0.2.1", "192.0.2.5"});
-    daemon.peers = json::array({peer("192.0.2.1", "up"), peer("192.0.2.5", "up")});
-    daemon.device["entries"] = json::array({both});
+    daemon.peersAre(json::array({peer("192.0.2.1", "up"), peer("192.0.2.5", "up")}));
+    daemon.entriesAre(json::array({both}));
     EXPECT_EQ(why(0), "");
     EXPECT_EQ(why(1), "");
 }
@@ -448,10 +448,10 @@ TEST_F(Command, EcmpMembersAreAllChosen) {
 TEST_F(Command, ANextHopIsInTheDeviceOnlyWhenEveryInterfaceHasIt) {
     makeWan();
     ok({"bind", "lan1", "wan"});
-    daemon.peers = json::array({peer("192.0.2.1", "up")});
+    daemon.peersAre(json::array({peer("192.0.2.1", "up")}));
     json second = entry({"192.0.2.1"}, "next-hops", false, "table full");
     second["ifUnit"] = 8;
-    daemon.device["entries"] = json::array({entry({"192.0.2.1"}), second});
+    daemon.entriesAre(json::array({entry({"192.0.2.1"}), second}));
     const json hops = show("next-hops");
     EXPECT_EQ(hops[0]["chosen"], true);
     EXPECT_EQ(hops[0]["installed"], false);
@@ -462,7 +462,7 @@ TEST_F(Command, PeersOfAnotherVrfAreOthers) {
     makeWan();
     json other = peer("192.0.2.1", "up");
     other["vrf"] = 3;
-    daemon.peers = json::array({other});
+    daemon.peersAre(json::array({other}));
     EXPECT_EQ(show("next-hops")[0]["reachable"], json());
 }
 

@@ -308,6 +308,20 @@ void FakeDaemon::logClear() {
     changeLog.clear();
 }
 
+void FakeDaemon::peersAre(const json &rows) {
+    const std::lock_guard guard(lock);
+    peers = rows;
+}
+void FakeDaemon::entriesAre(const json &rows) {
+    const std::lock_guard guard(lock);
+    device["entries"] = rows;
+}
+void FakeDaemon::settleAnswers(bool isDetermined, const std::string &error) {
+    const std::lock_guard guard(lock);
+    determined = isDetermined;
+    settleError = error;
+}
+
 void FakeDaemon::serve() {
     std::vector<std::pair<int, bool>> clients; // fd, is a management client
     for (;;) {

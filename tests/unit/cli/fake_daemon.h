@@ -60,11 +60,9 @@ public:
     void logClear();
 
     // Answers of the management socket beside ACLs.
-    nlohmann::json peers = nlohmann::json::array();
-    nlohmann::json device = {{"kind", "fake"}, {"entries", nlohmann::json::array()}};
-    std::map<uint32_t, std::string> links = {{7, "lan0"}, {8, "lan1"}, {9, "tun0"}};
-    bool determined = true;
-    std::string settleError;
+    void peersAre(const nlohmann::json &rows);
+    void entriesAre(const nlohmann::json &rows); // of the device
+    void settleAnswers(bool isDetermined, const std::string &error = "");
 
 private:
     void serve();
@@ -75,11 +73,16 @@ private:
                  const client::Bytes &bytes);
     nlohmann::json mgmt(const nlohmann::json &request);
 
+    const std::map<uint32_t, std::string> links = {{7, "lan0"}, {8, "lan1"}, {9, "tun0"}};
     std::string folder;
     int listeners[2] = {-1, -1};
     int wake[2] = {-1, -1};
-    std::mutex lock;
+    std::mutex lock; // of everything below but the thread's own `pending`
     FakeStore held;
+    nlohmann::json peers = nlohmann::json::array();
+    nlohmann::json device = {{"kind", "fake"}, {"entries", nlohmann::json::array()}};
+    bool determined = true;
+    std::string settleError;
     int failIn = 0;
     uint32_t failCode = 0;
     int changeCount = 0;
