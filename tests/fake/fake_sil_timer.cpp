@@ -32,6 +32,13 @@ void disarm(const SilTimer *pTimer) {
                 armed.end());
 }
 
+// Whether this very arming still stands.
+bool isArmed(const ArmedTimer &timer) {
+    const auto &armed = state().armed;
+    return std::any_of(armed.begin(), armed.end(),
+                       [&](const ArmedTimer &other) { return other.sequence == timer.sequence; });
+}
+
 void needLock(const char *call) {
     if (!state().semaphores.empty() && !locked()) {
         misuse(std::string(call) + " without the mutex");
@@ -89,6 +96,7 @@ extern "C" int32_t silTimerListNextTimeout(SilTimerList *pList) {
         const int64_t left = timer.dueMs > state().nowMs ? static_cast<int64_t>(timer.dueMs - state().nowMs) : 0;
         least = least < 0 ? left : std::min(least, left);
     }
+    least = std::min<int64_t>(least, INT32_MAX);
     return static_cast<int32_t>(quiet("silTimerListNextTimeout", "", least));
 }
 
@@ -105,6 +113,9 @@ extern "C" void silTimerListCheck(SilTimerList *pList) {
         return a.dueMs != b.dueMs ? a.dueMs < b.dueMs : a.sequence < b.sequence;
     });
     for (const ArmedTimer &timer : due) {
+        if (!isArmed(timer)) {
+            continue; // a callback before it stopped it or put it off
+        }
         disarm(timer.pTimer);
         timer.callback(timer.pArg);
     }
