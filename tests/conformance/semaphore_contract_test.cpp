@@ -13,7 +13,7 @@ TEST(Mutex, IsMadeFreeTakenGivenBackAndDestroyed) {
     ASSERT_NE(0u, handle);
     EXPECT_EQ(0, silTakeSem(handle, -1));
     EXPECT_EQ(0, silGiveSem(handle));
-    EXPECT_EQ(0, silTakeSem(handle, 0));
+    EXPECT_EQ(0, silTakeSem(handle, -1));
     EXPECT_EQ(0, silGiveSem(handle));
     EXPECT_EQ(0, silDeleteSem(handle));
 }

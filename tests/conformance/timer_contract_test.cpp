@@ -11,35 +11,33 @@ namespace {
 
 using conformance::passMs;
 
+class Timers;
+Timers *gTest;
+
 class Timers : public testing::Test {
 protected:
-    // A timer that notes its letter when it fires and then does what it is told.
+    // A timer that notes its letter when it fires and then does what it is told. As those of the daemon it
+    // has a callback of its own and passes no argument.
     struct Noting {
+        char letter;
+        SilTimerCallback fired;
         SilTimer timer{};
-        Timers *pTest = nullptr;
-        char letter = 0;
         std::function<void()> then = [] {};
     };
 
     Timers() {
+        gTest = this;
         conformance::platformReset();
         EXPECT_EQ(0, silTimerListInit(&list));
-        for (Noting *p : {&a, &b, &c}) {
-            p->pTest = this;
-        }
-        a.letter = 'a';
-        b.letter = 'b';
-        c.letter = 'c';
     }
 
-    static int32_t fired(void *pArg) {
-        auto *p = static_cast<Noting *>(pArg);
-        p->pTest->notes += p->letter;
-        p->then();
+    int32_t note(Noting &noting) {
+        notes += noting.letter;
+        noting.then();
         return 0;
     }
     void start(Noting &noting, uint32_t ms) {
-        ASSERT_EQ(0, silTimerStart(&list, &noting.timer, 0, ms, fired, &noting, 0, 0));
+        ASSERT_EQ(0, silTimerStart(&list, &noting.timer, 0, ms, noting.fired, nullptr, 0, 0));
     }
     void stop(Noting &noting) { ASSERT_EQ(0, silTimerStop(&list, &noting.timer)); }
     int32_t next() { return silTimerListNextTimeout(&list); }
@@ -51,7 +49,9 @@ protected:
     }
 
     SilTimerList list{};
-    Noting a, b, c;
+    Noting a{'a', [](void *) { return gTest->note(gTest->a); }};
+    Noting b{'b', [](void *) { return gTest->note(gTest->b); }};
+    Noting c{'c', [](void *) { return gTest->note(gTest->c); }};
     std::string notes;
 };
 

@@ -195,6 +195,15 @@ TEST_F(PoolMisuse, WhatIsNoSlotInUseIsNotFreed) {
     EXPECT_EQ(1, left());
 }
 
+TEST_F(PoolMisuse, APoolThatWasNeverMadeHasNoSlots) {
+    SilMemPool other{};
+    EXPECT_EQ(nullptr, silMemPoolAlloc(&other, 0));
+    EXPECT_NE(0, silMemPoolInit(&other, "huge", 0xFFFFFFFFu, 0xFFFFFFF0u, 0));
+    EXPECT_EQ(nullptr, silMemPoolAlloc(&other, 0));
+    silMemPoolFree(&other, pFirst);
+    EXPECT_EQ(1, left());
+}
+
 TEST_F(PoolMisuse, AFreedSlotKeepsItsBytesUntilItIsTakenAgain) {
     memset(pFirst, 0x5A, 24);
     silMemPoolFree(&pool, pFirst);
