@@ -6,6 +6,9 @@
 //                      ",", zero words at its end left out: none gives "hops=")
 //   aclLstSyncApi(1501, 2, 1)   aclLstGetApi(1501, 4)   aclRuleDevTrans(1501, 10)
 //   hrdScalarSetApi(0, 6, 01010700 00000003 00000000 0a000001)   qrvIfSetApi(7, 56, 206)
+//   qrvIfSetApi(7, 44, type=0x03e80135 68:00000002 224:01000000)   a device rule record: its words that
+//                      are not zero, in hex, each behind its byte offset
+//   qrvIfGetApi(5, 47, 0x03e80135)   the function asked; the answer byte is answer("aggAnswer", 1), else 0
 //   qrvHwilCmdSyncApi(list("a"), code=0x12340001 flags=0x3 len=4 value=2)   keys: none, list("a"),
 //                      node("a",10,mask=0,hop=0), if(7); a byte string: bytes=61 instead of value=
 //   timerangeBind(7, "pbra-10", node("a",10,mask=0,hop=0))   timerangeUnbind(7, "pbra-10", 1)
@@ -60,6 +63,7 @@ constexpr int64_t FAULT_CODE = 0x0BAD0001; // what a failing device, sync or tim
 void option(const std::string &key, const std::string &value);
 void nameInterface(uint32_t unit, const std::string &name);
 void acl(uint32_t aclNum, bool exists); // aclLstGetApi; default: every ACL exists
+void ruleTranslation(const std::vector<uint8_t> &record); // of aclRuleDevTrans, but for ACL, rule and place
 
 // ---- time and tasks ----
 void advanceMs(uint32_t ms);                  // moves the virtual clock; nothing runs by itself

@@ -1,13 +1,20 @@
 // The ACL module of the fake.
 #include "platform/acl.h"
 
+#include <cstring>
+
 #include "core/pbr_bytes.h"
+#include "platform/acl_dev_entry.h"
 #include "tests/fake/fake_state.h"
 
 namespace fake {
 
 void acl(uint32_t aclNum, bool exists) {
     state().acls[aclNum] = exists;
+}
+
+void ruleTranslation(const std::vector<uint8_t> &record) {
+    state().translation = record;
 }
 
 namespace {
@@ -61,9 +68,20 @@ extern "C" int32_t aclLstGetApi(uint32_t aclNum, uint32_t command, uint32_t *pVa
 
 extern "C" int32_t aclRuleDevTrans(const uint32_t *pRuleKey, void *pEntry) {
     uint8_t *p = static_cast<uint8_t *>(pEntry);
-    pbrStoreBe32(p + 476, pRuleKey[0]); // the ACL, the rule and its place in the entry
-    pbrStoreBe32(p + 480, pRuleKey[1]);
-    pbrStoreBe32(p + 484, pRuleKey[1]);
+    for (uint32_t i = 0; i < ACL_DEV_ENTRY_BYTES; ++i) {
+        if (p[i] != 0) {
+            misuse(text("aclRuleDevTrans(%u, %u): the record is not zeroed", pRuleKey[0], pRuleKey[1]));
+            break;
+        }
+    }
+    const std::vector<uint8_t> &record = state().translation;
+    memcpy(p, record.data(), record.size() < ACL_DEV_ENTRY_BYTES ? record.size() : ACL_DEV_ENTRY_BYTES);
+    pbrStoreBe32(p + ACL_DEV_LST_IDX, pRuleKey[0]); // the ACL, the rule and its place in it
+    pbrStoreBe32(p + ACL_DEV_RULE_IDX, pRuleKey[1]);
+    pbrStoreBe16(p + ACL_DEV_PRIORITY, static_cast<uint16_t>(pRuleKey[1]));
+    if (pRuleKey[2] != 0) {
+        misuse(text("aclRuleDevTrans(%u, %u): third word", pRuleKey[0], pRuleKey[1]));
+    }
     return static_cast<int32_t>(
         call("aclRuleDevTrans", text("aclRuleDevTrans(%u, %u)", pRuleKey[0], pRuleKey[1]), 0));
 }

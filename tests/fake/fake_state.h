@@ -41,6 +41,7 @@ struct State {
     std::map<std::string, std::string> options;
     std::map<uint32_t, std::string> interfaceNames;
     std::map<uint32_t, bool> acls;
+    std::vector<uint8_t> translation; // what aclRuleDevTrans puts into a record
 
     uint64_t nowMs = 0, sequence = 0;
     std::vector<Task> tasks;
