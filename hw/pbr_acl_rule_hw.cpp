@@ -27,7 +27,8 @@ constexpr char TEXT_NO_NEXT_HOP[] = "nextHop is not exist.\r\n";
 constexpr char TEXT_IPV4[] = "%s nextHop%d=0x%x.\r\n";
 constexpr char TEXT_IPV6[] = "%s ipv6 nextHop%d=%s\r\n";
 constexpr char TEXT_NONE[] = "pbr acl rule hardware add none nexthop.\r\n";
-constexpr char TEXT_SETTINGS[] = "%s ipPri=%d,outIfUnit=%d,vrfid=%d.\r\n";
+// Of a removal too, with "add" in it: published, kept for those who parse it.
+constexpr char TEXT_SETTINGS[] = "pbr acl rule hardware add ipPri=%d,outIfUnit=%d,vrfid=%d.\r\n";
 constexpr char TEXT_RESULT[] = "%s return:%d.\r\n";
 
 constexpr uint32_t NAME_SIZE = 128;
@@ -226,7 +227,7 @@ int32_t entrySend(const PbrIfNodeEntry *pLink, uint8_t *pEntry, const RuleChange
     PbrDevRuleDesc desc = {change.type, pEntry, 0, ACL_DEV_ENTRY_BYTES, {0, 0}};
     const int32_t result = qrvIfSetApi(pLink->ifUnit, QRV_IF_RULE_DEVICE, &desc);
     if (pbrNodeIpPriGet(pNode) != PBR_IP_PRI_NONE || pNode->outIfUnit != 0 || pNode->vrfid != 0) {
-        loggingLogOutput(PBR_LOG_HARDWARE, gPbrDebugPri[3], DETAIL_LOG_FLAGS, TEXT_SETTINGS, change.pPrefix,
+        loggingLogOutput(PBR_LOG_HARDWARE, gPbrDebugPri[3], DETAIL_LOG_FLAGS, TEXT_SETTINGS,
                          static_cast<int32_t>(pbrNodeIpPriGet(pNode)),
                          static_cast<int32_t>(pNode->outIfUnit), static_cast<int32_t>(pNode->vrfid));
     }
