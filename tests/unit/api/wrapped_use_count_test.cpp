@@ -37,7 +37,11 @@ TEST_F(WrappedUseCount, DestroyingTheListFreesTheLinksToItsNodes) {
 
     EXPECT_EQ(fake::slotsTaken("pbr_ifnode"), 1u) << "the other list's link stays";
     EXPECT_NE(gPbrInfo.viewMarks & PBR_VIEW_ALL, 0u);
-    EXPECT_EQ(interface(100)->pbrNameLen, 3) << "the entries keep the name";
+    for (uint32_t i = 0; i < 16; ++i) {
+        const PbrIfEntry *pIf = interface(100 + i);
+        EXPECT_EQ(pIf->pbrNameLen, 3) << "the entries keep the name";
+        EXPECT_EQ(pIf->boundLink.pNext, &pIf->boundLink) << "and leave the list's chain";
+    }
 }
 
 TEST_F(WrappedUseCount, InterfacesOfADestroyedListCanBeDestroyed) {
