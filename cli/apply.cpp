@@ -134,7 +134,8 @@ void settle(Daemon &daemon, std::ostream &err) {
 void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::ostream &err) {
     PolicyFile file = policyFileRead(options.file, options.text);
     if (!file.problems.empty()) {
-        throw Refused(options.file + " is refused:\n" + joined(file.problems) + "\nNothing was changed. What to do: correct the file.");
+        throw Refused(options.file + " is refused:\n" + joined(file.problems) +
+                      "\nNothing was changed. What to do: correct the file.");
     }
     Running running = runningRead(daemon);
     if (!running.aclsKnown) {

@@ -111,7 +111,7 @@ std::vector<FieldChange> nodeChanges(const Node &before, const Node &after) {
     const bool aclTakenOff = !changes.empty() && changes.front().field == PBR_NODE_ACL_NUM;
     const auto differ = [&changes](uint32_t field, uint32_t was, uint32_t becomes, const char *pWhat) {
         if (was != becomes) {
-            changes.push_back({field, becomes, pWhat + (" " + std::to_string(becomes)), {{field, was}}});
+            changes.push_back({field, becomes, std::string(pWhat) + " " + std::to_string(becomes), {{field, was}}});
         }
     };
     // An ACL that the node has already would be refused as used.

@@ -99,8 +99,9 @@ std::string keyText(const Bytes &key) {
         return "list:" + *list;
     }
     if (const auto place = client::nodeOfKey(key)) {
+        const std::string hop = std::to_string(place->nextHopIndex);
         return "node:" + place->list + "/" + std::to_string(place->nodeIndex) +
-               (place->nextHopIndex == 0 ? "" : "/" + std::to_string(place->nextHopIndex));
+               (place->nextHopIndex == 0 ? std::string() : std::string("/") + hop);
     }
     return "";
 }

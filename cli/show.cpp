@@ -69,7 +69,8 @@ std::string debugText(uint32_t flags) {
     for (const auto &[bit, pName] : {std::pair{PBR_DEBUG_HARDWARE, "hw"}, std::pair{PBR_DEBUG_DUMP, "dump"},
                                      std::pair{PBR_DEBUG_GENERAL, "event"}}) {
         if ((flags & bit) != 0) {
-            text += (text.empty() ? "" : ",") + std::string(pName);
+            text += text.empty() ? "" : ",";
+            text += pName;
         }
     }
     return text.empty() ? "off" : text;
