@@ -45,13 +45,16 @@ void listsQueue(const NqaStatusMsg &msg) {
     bool matched = false;
     for (PbrListEntry *pList = pbrListFromUsedLink(listFirst(&gPbrInfo.usedTable)); pList != nullptr;
          pList = pbrListFromUsedLink(listNext(&gPbrInfo.usedTable, &pList->usedLink))) {
+        const bool isUser = listNamesTest(pList, msg);
+        if (isUser) {
+            pbrViewMarkList(pList); // also with a use count of 0, which sixteen bindings give
+        }
         if (pbrListRefCntGet(pList) == 0) {
             continue;
         }
-        matched = matched || listNamesTest(pList, msg);
+        matched = matched || isUser;
         if (matched) {
             pbrReadyTableAdd(pList);
-            pbrViewMarkList(pList);
             TRACE(TEXT_QUEUED);
         }
     }
