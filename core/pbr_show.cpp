@@ -26,7 +26,7 @@ constexpr char TEXT_LONG_HEAD[] =
     "--nexthopArpState --lastSelected --curSelected--hwStatus --pPbrNhopBest --hwDelRefCnt "
     "--hwAddRefCnt--timerangeId--match\n\r";
 constexpr char TEXT_LONG_ROW[] =
-    "\n\r %-6d --%-21s --%10s--%-13d --%-13d--%-13d--%-14d--%-14d  --%-8d  --%-4d --%p --%-8d--%-8d"
+    "\n\r %-6d --%-21s --%10s--%-13d --%-13d--%-13d --%-14d--%-14d  --%-8d  --%-4d --%p --%-8d--%-8d"
     "--%8u--%d \n\r";
 constexpr char TEXT_READY[] = "\n\r ---------show pbr ready table :";
 constexpr char TEXT_USED[] = "\n\r ---------show pbr used table :";

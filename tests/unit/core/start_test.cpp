@@ -301,16 +301,6 @@ TEST_F(ProcessStart, ADisabledDaemonPrintsTheFailureOnceAndStays) {
     EXPECT_TRUE(stays);
 }
 
-TEST(Shell, TheDebugCommandSetsItsSwitch) {
-    gPbrDebug = 0;
-
-    EXPECT_EQ(gProcShellCommandCount, 1u);
-    EXPECT_STREQ(gProcShellCommands[0].name, "pbrdebug");
-    EXPECT_EQ(gProcShellCommands[0].run(), 0);
-
-    EXPECT_EQ(gPbrDebug, 1u);
-}
-
 TEST(Shell, LogPrioritiesAreThePublishedOnes) {
     const uint8_t expected[7] = {7, 7, 6, 6, 3, 0, 0};
     EXPECT_EQ(memcmp(gPbrDebugPri, expected, sizeof(expected)), 0);
