@@ -47,8 +47,8 @@ extern "C" {
 int32_t aclIfSetApi(uint32_t ifUnit, uint32_t command, PbrHwAclDesc *pDesc) {
     const char *pRefusal = redirectRefusal(ifUnit, command, pDesc);
     if (pRefusal != nullptr) {
-        host::hostLog(host::LOG_LEVEL_ERROR, "acl", "redirect of interface %u refused: %s (command %u)", ifUnit,
-                      pRefusal, command);
+        host::hostLog(host::LOG_LEVEL_ERROR, "acl", "redirect of interface %u refused: %s (command %u)",
+                      ifUnit, pRefusal, command);
         return RESULT_BAD_ARGUMENT;
     }
     const auto *pRecord = static_cast<const uint8_t *>(pDesc->pContent);

@@ -27,9 +27,10 @@ std::string aclName(uint32_t aclNum) {
 
 uint32_t checkedAcl(uint32_t aclNum) {
     if (!aclVersion(aclNum)) {
-        throw std::runtime_error("ACL number " + std::to_string(aclNum) +
-                                 " cannot be used: IPv4 ACLs are 1001 to 2000, IPv6 ACLs 3001 to 4000, ACLs of "
-                                 "either version 5001 and up");
+        throw std::runtime_error(
+            "ACL number " + std::to_string(aclNum) +
+            " cannot be used: IPv4 ACLs are 1001 to 2000, IPv6 ACLs 3001 to 4000, ACLs of "
+            "either version 5001 and up");
     }
     return aclNum;
 }
@@ -80,7 +81,8 @@ void publish(const AclChange &change) {
         return;
     }
     const AclRuleMsg payload{change.aclNum, change.ruleNum};
-    const uint16_t type = change.kind == AclChange::RULE_NEW ? QRV_RTM_ACL_ADDACLRULE : QRV_RTM_ACL_DELACLRULE;
+    const uint16_t type =
+        change.kind == AclChange::RULE_NEW ? QRV_RTM_ACL_ADDACLRULE : QRV_RTM_ACL_DELACLRULE;
     const auto message = busMessage(type, &payload, sizeof payload);
     busPublish(QRV_RTNLGRP_ACL, message.data(), message.size());
 }

@@ -78,7 +78,8 @@ private:
     // The next word, which the rule cannot do without.
     std::string take(const std::string &expected) {
         if (at == words.size()) {
-            const std::string where = at == 0 ? "the rule is empty" : "the rule ends after " + quoted(words[at - 1]);
+            const std::string where =
+                at == 0 ? "the rule is empty" : "the rule ends after " + quoted(words[at - 1]);
             throw Refused{where + ": expected " + expected};
         }
         return words[at++];

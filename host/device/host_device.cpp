@@ -1,7 +1,5 @@
 // The process's forwarding plane: chosen by option host.device, told when the daemon's store changed.
-
 #include "host/device/device.h"
-#include "host/logging/host_log.h"
 #include "host/option/option.h"
 #include "platform/dev_sync.h"
 
@@ -28,9 +26,6 @@ Chosen choose() {
         chosen.error = "option host.device=" + kind + ": it must be kernel or memory";
     } else {
         chosen.error = chosen.pDevice->start();
-    }
-    if (!chosen.error.empty()) {
-        hostLog(LOG_LEVEL_ERROR, "device", "%s", chosen.error.c_str());
     }
     return chosen;
 }

@@ -56,8 +56,8 @@ Operation operationOf(const json &request) {
     for (const auto &[name, operation] : all.byName) {
         known += (known.empty() ? "" : ", ") + name;
     }
-    throw std::runtime_error("unknown operation \"" + op->get<std::string>().substr(0, 64) + "\"; known are " +
-                             known);
+    throw std::runtime_error("unknown operation \"" + op->get<std::string>().substr(0, 64) +
+                             "\"; known are " + known);
 }
 
 void dispatch(const json &request, PeerRight right, MgmtDone done) {

@@ -57,7 +57,8 @@ std::string lineOf(const json &answer) {
 struct MgmtServer::Core : std::enable_shared_from_this<Core> {
     Core(EventLoop &eventLoop, MgmtLimits theLimits, MgmtDispatch theDispatch,
          std::function<PeerRight(int)> theRightOf)
-        : loop(eventLoop), limits(theLimits), dispatch(std::move(theDispatch)), rightOf(std::move(theRightOf)) {}
+        : loop(eventLoop), limits(theLimits), dispatch(std::move(theDispatch)),
+          rightOf(std::move(theRightOf)) {}
 
     EventLoop &loop;
     const MgmtLimits limits;
@@ -240,7 +241,8 @@ void MgmtServer::Core::refuseAndEnd(const ConnectionPtr &c, const std::string &w
 
 void MgmtServer::Core::flush(const ConnectionPtr &c) {
     while (c->sent < c->out.size()) {
-        const ssize_t n = send(c->fd, c->out.data() + c->sent, c->out.size() - c->sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t n =
+            send(c->fd, c->out.data() + c->sent, c->out.size() - c->sent, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }

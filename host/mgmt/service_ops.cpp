@@ -121,7 +121,8 @@ void opDeviceSettle(const json &request, const MgmtDone &done) {
 struct Wait : std::enable_shared_from_this<Wait> {
     Wait(EventLoop &eventLoop, std::function<bool()> question, std::function<void(bool)> answer,
          std::chrono::milliseconds longest)
-        : loop(eventLoop), isDetermined(std::move(question)), done(std::move(answer)), end(Clock::now() + longest) {}
+        : loop(eventLoop), isDetermined(std::move(question)), done(std::move(answer)),
+          end(Clock::now() + longest) {}
 
     void look() {
         const bool determined = isDetermined();

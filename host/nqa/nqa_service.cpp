@@ -37,7 +37,8 @@ std::string nameOf(const uint8_t *pName, uint8_t len) {
 // Remembers the question. Result: the probe's status.
 uint8_t noteRequest(const NqaStatusMsg &request) {
     Service &all = service();
-    const Name name{nameOf(request.adminName, request.adminNameLen), nameOf(request.testName, request.testNameLen)};
+    const Name name{nameOf(request.adminName, request.adminNameLen),
+                    nameOf(request.testName, request.testNameLen)};
     const std::lock_guard guard(all.lock);
     if (all.probes.size() >= PROBES_MAX && all.probes.count(name) == 0) {
         return NQA_STATUS_FAILING;
@@ -115,7 +116,8 @@ std::optional<NqaStatusMsg> nqaAnswer(const std::vector<uint8_t> &request, uint8
     std::memcpy(&asked, request.data() + QRV_RTM_HEADER_BYTES, sizeof asked);
     const bool areNamesGood = asked.adminNameLen >= 1 && asked.adminNameLen <= NQA_NAME_BYTES &&
                               asked.testNameLen >= 1 && asked.testNameLen <= NQA_NAME_BYTES;
-    if (header.type != QRV_RTM_NQA_STATEREQ || header.length < sizeof header + sizeof asked || !areNamesGood) {
+    if (header.type != QRV_RTM_NQA_STATEREQ || header.length < sizeof header + sizeof asked ||
+        !areNamesGood) {
         return std::nullopt;
     }
     NqaStatusMsg answer{}; // bytes behind the names are 0, whatever was asked

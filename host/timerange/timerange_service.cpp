@@ -69,7 +69,8 @@ void TimerangeService::set(uint32_t id, bool isActive) {
     if (!changes) {
         return;
     }
-    for (auto held = bindings.lower_bound({id, ""}); held != bindings.end() && held->first.first == id; ++held) {
+    for (auto held = bindings.lower_bound({id, ""}); held != bindings.end() && held->first.first == id;
+         ++held) {
         queue(held->second);
     }
 }

@@ -20,7 +20,8 @@ using nlohmann::json;
 std::string failureText(int32_t code) {
     char text[64];
     std::snprintf(text, sizeof text, "the last add returned 0x%08" PRIX32, static_cast<uint32_t>(code));
-    return code == static_cast<int32_t>(QRV_ERR_NO_RECORD) ? std::string(text) + ": no room for a record" : text;
+    return code == static_cast<int32_t>(QRV_ERR_NO_RECORD) ? std::string(text) + ": no room for a record"
+                                                           : text;
 }
 
 } // namespace

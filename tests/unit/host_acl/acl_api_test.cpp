@@ -115,13 +115,15 @@ std::vector<uint8_t> part(const std::vector<uint8_t> &entry, uint32_t offset, ui
 
 TEST_F(AclApi, ARuleRecordCarriesItsKeyAndPriority) {
     const auto entry = translated(1501, 0x00012345, "permit ip");
-    EXPECT_EQ(part(entry, 476, 12), (std::vector<uint8_t>{0, 0, 5, 0xDD, 0, 1, 0x23, 0x45, 0x23, 0x45, 0, 0}));
+    EXPECT_EQ(part(entry, 476, 12),
+              (std::vector<uint8_t>{0, 0, 5, 0xDD, 0, 1, 0x23, 0x45, 0x23, 0x45, 0, 0}));
     EXPECT_EQ(entry[71], 2);
     EXPECT_EQ(entry[72], 1);
 }
 
 TEST_F(AclApi, ARuleRecordCarriesPrefixesMasksAndPorts) {
-    const auto entry = translated(1501, 10, "permit tcp from 10.1.128.0/17 port 5 to 192.0.2.0/24 port 80-90");
+    const auto entry =
+        translated(1501, 10, "permit tcp from 10.1.128.0/17 port 5 to 192.0.2.0/24 port 80-90");
     EXPECT_EQ(part(entry, 0, 4), (std::vector<uint8_t>{0, 6, 0, 0}));
     EXPECT_EQ(part(entry, 4, 8), (std::vector<uint8_t>{10, 1, 128, 0, 0, 0, 0, 0}));
     EXPECT_EQ(part(entry, 20, 8), (std::vector<uint8_t>{192, 0, 2, 0, 0, 0, 0, 0}));

@@ -93,7 +93,8 @@ TEST(AclRuleParse, LetsAddressesTellTheVersionWhereTheNumberDoesNot) {
 TEST(AclRuleParse, KeepsTheVersionOfAllAddressesOfOneVersion) {
     EXPECT_EQ(canonical(ACL_EITHER, "permit ip from any to ::/0"), "permit ip from ::/0 to any");
     EXPECT_EQ(canonical(ACL_EITHER, "permit icmp from 0.0.0.0/0"), "permit icmp from 0.0.0.0/0 to any");
-    EXPECT_EQ(canonical(ACL_EITHER, "permit ip from 0.0.0.0/0 to 10.0.0.0/8"), "permit ip from any to 10.0.0.0/8");
+    EXPECT_EQ(canonical(ACL_EITHER, "permit ip from 0.0.0.0/0 to 10.0.0.0/8"),
+              "permit ip from any to 10.0.0.0/8");
     EXPECT_NE(parsed(ACL_EITHER, "permit ip from 0.0.0.0/0"), parsed(ACL_EITHER, "permit ip"));
 }
 
@@ -116,7 +117,8 @@ TEST_P(AclRuleRefused, NamesTheWordAndWhatIsAllowed) {
     EXPECT_EQ(errorOf(GetParam().aclNum, GetParam().text), GetParam().error);
 }
 
-#define EXPECT_PREFIX "expected an IPv4 or IPv6 prefix such as 10.1.0.0/16 or 2001:db8::/32, an address, or any"
+#define EXPECT_PREFIX                                                                                        \
+    "expected an IPv4 or IPv6 prefix such as 10.1.0.0/16 or 2001:db8::/32, an address, or any"
 #define EXPECT_PROTOCOL "expected ip, tcp, udp, icmp or a protocol number 0 to 255"
 const Refusal REFUSALS[] = {
     {ACL_4, "", "the rule is empty: expected permit or deny"},
@@ -140,7 +142,8 @@ const Refusal REFUSALS[] = {
     {ACL_4, "permit ip from 10.0.0.0/33", "word 4 '10.0.0.0/33': the prefix length must be a number 0 to 32"},
     {ACL_4, "permit ip from 10.0.0.0/", "word 4 '10.0.0.0/': the prefix length must be a number 0 to 32"},
     {ACL_4, "permit ip from 10.0.0.0/-1", "word 4 '10.0.0.0/-1': the prefix length must be a number 0 to 32"},
-    {ACL_4, "permit ip from 10.0.0.0/8/8", "word 4 '10.0.0.0/8/8': the prefix length must be a number 0 to 32"},
+    {ACL_4, "permit ip from 10.0.0.0/8/8",
+     "word 4 '10.0.0.0/8/8': the prefix length must be a number 0 to 32"},
     {ACL_6, "permit ip to ::/129", "word 4 '::/129': the prefix length must be a number 0 to 128"},
     {ACL_4, "permit ip from 10.1.2.3/16",
      "word 4 '10.1.2.3/16': bits beyond the prefix length are set: write 10.1.0.0/16 for the network or "
@@ -152,7 +155,8 @@ const Refusal REFUSALS[] = {
      "word 4 '2001:db8::1/33': bits beyond the prefix length are set: write 2001:db8::/33 for the network or "
      "2001:db8::1/128 for the one address"},
     {ACL_4, "permit ip from 2001:db8::/32",
-     "word 4 '2001:db8::/32': this is IPv6 and ACL 1501 takes IPv4 only: IPv6 ACLs are numbered 3001 to 4000, "
+     "word 4 '2001:db8::/32': this is IPv6 and ACL 1501 takes IPv4 only: IPv6 ACLs are numbered 3001 to "
+     "4000, "
      "those of either version 5001 and up"},
     {ACL_6, "permit ip to 10.0.0.0/8",
      "word 4 '10.0.0.0/8': this is IPv4 and ACL 3501 takes IPv6 only: IPv4 ACLs are numbered 1001 to 2000, "
@@ -162,17 +166,23 @@ const Refusal REFUSALS[] = {
     {ACL_EITHER, "permit ip from ::/0 to 10.0.0.0/8",
      "word 6 '10.0.0.0/8': this is IPv4 and the source is IPv6: one rule is of one version"},
     {ACL_EITHER, "permit icmp",
-     "word 2 'icmp': ACL 5001 is of either IP version and no address tells which ICMP is meant: name an address "
+     "word 2 'icmp': ACL 5001 is of either IP version and no address tells which ICMP is meant: name an "
+     "address "
      "(0.0.0.0/0 or ::/0 for all), or write protocol 1 (IPv4) or 58 (IPv6)"},
     {ACL_4, "permit icmp from any port 8", "word 5 'port': ports need protocol tcp or udp, not 'icmp'"},
     {ACL_4, "permit ip to any port 80", "word 5 'port': ports need protocol tcp or udp, not 'ip'"},
     {ACL_4, "permit 132 to any port 80", "word 5 'port': ports need protocol tcp or udp, not '132'"},
     {ACL_4, "permit tcp to any port", "the rule ends after 'port': expected a port N or a range N-M"},
-    {ACL_4, "permit tcp to any port http", "word 6 'http': expected a port N or a range N-M, numbers 0 to 65535"},
-    {ACL_4, "permit tcp to any port 65536", "word 6 '65536': expected a port N or a range N-M, numbers 0 to 65535"},
-    {ACL_4, "permit tcp to any port 80-", "word 6 '80-': expected a port N or a range N-M, numbers 0 to 65535"},
-    {ACL_4, "permit tcp to any port -80", "word 6 '-80': expected a port N or a range N-M, numbers 0 to 65535"},
-    {ACL_4, "permit tcp to any port 80-90-99", "word 6 '80-90-99': expected a port N or a range N-M, numbers 0 to 65535"},
+    {ACL_4, "permit tcp to any port http",
+     "word 6 'http': expected a port N or a range N-M, numbers 0 to 65535"},
+    {ACL_4, "permit tcp to any port 65536",
+     "word 6 '65536': expected a port N or a range N-M, numbers 0 to 65535"},
+    {ACL_4, "permit tcp to any port 80-",
+     "word 6 '80-': expected a port N or a range N-M, numbers 0 to 65535"},
+    {ACL_4, "permit tcp to any port -80",
+     "word 6 '-80': expected a port N or a range N-M, numbers 0 to 65535"},
+    {ACL_4, "permit tcp to any port 80-90-99",
+     "word 6 '80-90-99': expected a port N or a range N-M, numbers 0 to 65535"},
     {ACL_4, "permit tcp to any port 90-80", "word 6 '90-80': the range ends before it begins: write 80-90"},
     {ACL_4, "permit ip to any from any", "word 5 'from': from comes before to"},
     {ACL_4, "permit ip from any from any", "word 5 'from': this part was given already"},
@@ -180,7 +190,8 @@ const Refusal REFUSALS[] = {
     {ACL_4, "permit ip from any any", "word 5 'any': expected to, or port N[-M] once behind an address"},
     {ACL_4, "permit tcp to any port 80 port 90",
      "word 7 'port': expected the end of the rule, or port N[-M] once behind an address"},
-    {ACL_4, "permit ip to any log", "word 5 'log': expected the end of the rule, or port N[-M] once behind an address"},
+    {ACL_4, "permit ip to any log",
+     "word 5 'log': expected the end of the rule, or port N[-M] once behind an address"},
 };
 INSTANTIATE_TEST_SUITE_P(Each, AclRuleRefused, testing::ValuesIn(REFUSALS));
 
@@ -205,7 +216,9 @@ public:
     AclRule rule(uint32_t aclNum) {
         const int ofNumber = aclVersion(aclNum).value_or(0);
         AclRule made;
-        made.version = static_cast<uint8_t>(ofNumber != 0 ? ofNumber : pick(3) * 2 == 0 ? 0 : 4 + 2 * pick(2));
+        made.version = static_cast<uint8_t>(ofNumber != 0      ? ofNumber
+                                            : pick(3) * 2 == 0 ? 0
+                                                               : 4 + 2 * pick(2));
         made.permit = pick(2) == 0;
         const int16_t protocols[] = {-1, 0, 1, 6, 17, 47, 58, 255};
         made.protocol = protocols[pick(8)];

@@ -26,7 +26,8 @@ class Environment : public testing::Environment {
     void SetUp() override {
         char folder[] = "/tmp/pbrhostXXXXXX";
         theRoot = mkdtemp(folder);
-        ASSERT_EQ(host::optionLoad({"host.root=" + theRoot, "host.device=memory", "host.log=stderr"}, ""), "");
+        ASSERT_EQ(host::optionLoad({"host.root=" + theRoot, "host.device=memory", "host.log=stderr"}, ""),
+                  "");
     }
     void TearDown() override { std::filesystem::remove_all(theRoot); }
 };

@@ -37,7 +37,8 @@ protected:
                 done({{"ok", true}, {"echo", request.value("echo", json())}});
             }
         };
-        pServer = std::make_unique<MgmtServer>(hostEventLoop(), limits, dispatch, [right](int) { return right; });
+        pServer =
+            std::make_unique<MgmtServer>(hostEventLoop(), limits, dispatch, [right](int) { return right; });
         ASSERT_EQ(pServer->start(path), "");
     }
     using MgmtDone = std::function<void(json)>;
@@ -156,7 +157,15 @@ const Malformed MALFORMED[] = {
     {"binary", std::string("\0\xff\xfe", 3), "not valid JSON"},
     {"utf8", "{\"op\": \"\xff\"}", "not valid JSON"},
     {"deep", std::string(100000, '['), "nested deeper"},
-    {"deepobjects", "{\"a\":" + [] { std::string s; for (int i = 0; i < 20; i++) s += "{\"a\":"; return s; }(), "nested deeper"},
+    {"deepobjects",
+     "{\"a\":" +
+         [] {
+             std::string s;
+             for (int i = 0; i < 20; i++)
+                 s += "{\"a\":";
+             return s;
+         }(),
+     "nested deeper"},
 };
 INSTANTIATE_TEST_SUITE_P(Each, MgmtServerMalformed, testing::ValuesIn(MALFORMED),
                          [](const auto &each) { return std::string(each.param.name); });
@@ -339,7 +348,10 @@ TEST_F(MgmtServerOf, ClosesItsClientsWhenItStops) {
 TEST_F(MgmtServerOf, WritesNamesThatAreNotUtf8) {
     path = hosttest::root() + "/utf8.socket";
     pServer = std::make_unique<MgmtServer>(
-        hostEventLoop(), MgmtLimits{}, [](const json &, PeerRight, const MgmtDone &done) { done({{"ok", true}, {"name", "a\xff"}}); },
+        hostEventLoop(), MgmtLimits{},
+        [](const json &, PeerRight, const MgmtDone &done) {
+            done({{"ok", true}, {"name", "a\xff"}});
+        },
         [](int) { return PeerRight::Write; });
     ASSERT_EQ(pServer->start(path), "");
     EXPECT_EQ(Client(path).call(json::object()).value("name", ""), "a\xef\xbf\xbd");

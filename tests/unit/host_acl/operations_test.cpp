@@ -38,7 +38,8 @@ protected:
         timerangeMgmtRegister();
         nqaStart();
         serviceOpsRegister();
-        mgmtRegister("broken", false, [](const json &) -> json { throw std::logic_error("broken on purpose"); });
+        mgmtRegister("broken", false,
+                     [](const json &) -> json { throw std::logic_error("broken on purpose"); });
         ASSERT_EQ(hostDeviceStart(), "");
         ASSERT_EQ(mgmtStart(), "");
     }
@@ -108,7 +109,8 @@ TEST_F(Operations, VersionTellsWhoServes) {
 TEST_F(Operations, AclSetMakesTheAclTheRuleAndTheMessages) {
     RouteSocket socket;
     const uint64_t before = aclChanges();
-    json answer = call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit tcp to any port 80-80"}});
+    json answer =
+        call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit tcp to any port 80-80"}});
     EXPECT_EQ(answer, (json{{"ok", true}, {"changes", 1}, {"text", "permit tcp from any to any port 80"}}));
     EXPECT_EQ(aclMessages(socket, 1), Texts{"250 1501 10"});
     EXPECT_EQ(aclChanges(), before + 1);
@@ -123,7 +125,9 @@ TEST_F(Operations, ARuleThatStaysTheSameTellsNobody) {
     call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit ip"}});
     RouteSocket socket;
     const uint64_t before = aclChanges();
-    EXPECT_EQ(call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit ip from any"}}).value("changes", 9), 0);
+    EXPECT_EQ(call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit ip from any"}})
+                  .value("changes", 9),
+              0);
     EXPECT_EQ(aclMessages(socket, 0), Texts{});
     EXPECT_EQ(aclChanges(), before);
 }
@@ -164,7 +168,8 @@ TEST_F(Operations, AclCreateMakesAnEmptyAclOnce) {
 TEST_F(Operations, AclReplaceTellsOnlyTheDifference) {
     call({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"10", "permit ip"}, {"20", "deny tcp"}}}});
     RouteSocket socket;
-    const json answer = call({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"20", "deny tcp"}, {"30", "permit udp"}}}});
+    const json answer =
+        call({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"20", "deny tcp"}, {"30", "permit udp"}}}});
     EXPECT_EQ(answer.value("changes", 0), 2);
     EXPECT_EQ(aclMessages(socket, 2), (Texts{"251 1501 10", "250 1501 30"}));
     EXPECT_EQ(call({{"op", "acl.show"}, {"acl", 1501}})["acls"][0]["rules"],
@@ -175,23 +180,26 @@ TEST_F(Operations, AclReplaceTellsOnlyTheDifference) {
 TEST_F(Operations, AclReplaceChangesNothingWhenOneRuleIsWrong) {
     call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit ip"}});
     RouteSocket socket;
-    EXPECT_EQ(errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"10", "deny ip"}, {"20", "deny foo"}}}}),
-              "ACL 1501 rule 20: word 2 'foo': expected ip, tcp, udp, icmp or a protocol number 0 to 255");
+    EXPECT_EQ(
+        errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"10", "deny ip"}, {"20", "deny foo"}}}}),
+        "ACL 1501 rule 20: word 2 'foo': expected ip, tcp, udp, icmp or a protocol number 0 to 255");
     EXPECT_EQ(aclMessages(socket, 0), Texts{});
     EXPECT_TRUE(aclStore().snapshot(1501)->at(10).permit);
 }
 
 TEST_F(Operations, AclReplaceAllChangesAllOrNothing) {
     call({{"op", "acl.set"}, {"acl", 1501}, {"rule", 10}, {"text", "permit ip"}});
-    EXPECT_NE(errorOf({{"op", "acl.replaceAll"},
-                       {"acls", {{"1502", {{"10", "permit ip"}}}, {"3501", {{"10", "permit ip to 10.0.0.0/8"}}}}}})
-                  .find("ACL 3501 rule 10: word 4 '10.0.0.0/8': "),
-              std::string::npos);
+    EXPECT_NE(
+        errorOf({{"op", "acl.replaceAll"},
+                 {"acls", {{"1502", {{"10", "permit ip"}}}, {"3501", {{"10", "permit ip to 10.0.0.0/8"}}}}}})
+            .find("ACL 3501 rule 10: word 4 '10.0.0.0/8': "),
+        std::string::npos);
     EXPECT_EQ(aclStore().snapshot(1502), nullptr);
     ASSERT_NE(aclStore().snapshot(1501), nullptr);
 
     RouteSocket socket;
-    const json all = {{"op", "acl.replaceAll"}, {"acls", {{"1502", {{"10", "permit ip"}}}, {"3501", json::object()}}}};
+    const json all = {{"op", "acl.replaceAll"},
+                      {"acls", {{"1502", {{"10", "permit ip"}}}, {"3501", json::object()}}}};
     EXPECT_EQ(call(all).value("changes", 0), 2);
     EXPECT_EQ(aclMessages(socket, 2), (Texts{"248 1501", "250 1502 10"}));
     EXPECT_EQ(aclStore().snapshot(1501), nullptr);
@@ -228,16 +236,19 @@ TEST_F(Operations, MembersThatAreMissingMisspeltOrOutOfRangeAreNamed) {
               "unknown member \"rul\"; this operation takes acl, rule, text");
     EXPECT_EQ(errorOf({{"op", "acl.set"}, {"acl", 1501}, {"text", "permit ip"}}),
               "member \"rule\" is missing: it must be a whole number 1 to 4294967295");
-    for (const json &bad : {json(0), json(-1), json(1.5), json("10"), json(true), json(), json(4294967296u)}) {
+    for (const json &bad :
+         {json(0), json(-1), json(1.5), json("10"), json(true), json(), json(4294967296u)}) {
         EXPECT_EQ(errorOf({{"op", "acl.set"}, {"acl", 1501}, {"rule", bad}, {"text", "permit ip"}}),
                   "member \"rule\" must be a whole number 1 to 4294967295");
     }
-    EXPECT_EQ(errorOf({{"op", "acl.set"}, {"acl", 1501}, {"rule", 1}, {"text", 5}}), "member \"text\" must be a text");
+    EXPECT_EQ(errorOf({{"op", "acl.set"}, {"acl", 1501}, {"rule", 1}, {"text", 5}}),
+              "member \"text\" must be a text");
     EXPECT_EQ(errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", json::array()}}),
               "member \"rules\" must be an object");
     EXPECT_EQ(errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"010", "permit ip"}}}}),
               "rule number \"010\" must be a whole number 1 to 4294967295");
-    EXPECT_EQ(errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"10", 7}}}}), "ACL 1501 rule 10 must be a text");
+    EXPECT_EQ(errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"10", 7}}}}),
+              "ACL 1501 rule 10 must be a text");
     EXPECT_EQ(errorOf({{"op", "acl.replaceAll"}, {"acls", {{"1501", 7}}}}),
               "ACL 1501 must be an object of rule numbers and texts");
     EXPECT_EQ(errorOf({{"op", "acl.replaceAll"}, {"acls", json::object()}, {"keepOthers", "no"}}),
@@ -257,7 +268,9 @@ TEST_F(Operations, DeviceShowTellsKindEntriesRecordsAndCounters) {
 
 TEST_F(Operations, DeviceFailMakesTheNextAddsFail) {
     const std::array<uint8_t, PBR_HW_ACL_CONTENT_BYTES> record{};
-    EXPECT_EQ(call({{"op", "device.fail"}, {"count", 1}, {"after", 1}, {"unit", 7}, {"code", 99}}).value("ok", false), true);
+    EXPECT_EQ(call({{"op", "device.fail"}, {"count", 1}, {"after", 1}, {"unit", 7}, {"code", 99}})
+                  .value("ok", false),
+              true);
     EXPECT_EQ(hostDevice().add(7, 1501, record.data()), 0);
     EXPECT_EQ(hostDevice().add(8, 1501, record.data()), 0);
     EXPECT_EQ(hostDevice().add(7, 1501, record.data()), 99);
@@ -295,7 +308,8 @@ TEST_F(Operations, DeviceSettleAnswersAndLetsOthersWorkMeanwhile) {
 bool settled(std::function<bool()> isDetermined, std::chrono::milliseconds longest) {
     std::promise<bool> answer;
     hostEventLoop().post([&] {
-        settleWait(hostEventLoop(), isDetermined, [&](bool determined) { answer.set_value(determined); }, longest);
+        settleWait(
+            hostEventLoop(), isDetermined, [&](bool determined) { answer.set_value(determined); }, longest);
     });
     return answer.get_future().get();
 }
@@ -311,7 +325,8 @@ TEST(SettleWait, GivesUpAfterTheLongestTime) {
 }
 
 TEST_F(Operations, TimerangeSetSwitchesARangeAndTimerangesLists) {
-    timerangeService().bind(7, "pbrwan-10", {[](void *) { return 0u; }, [](void *) { return 0u; }, nullptr}, {1});
+    timerangeService().bind(7, "pbrwan-10", {[](void *) { return 0u; }, [](void *) { return 0u; }, nullptr},
+                            {1});
     EXPECT_EQ(call({{"op", "timeranges"}})["timeRanges"],
               json::parse(R"([{"id": 7, "active": false, "bindings": ["pbrwan-10"]}])"));
     EXPECT_EQ(call({{"op", "timerange.set"}, {"id", 7}, {"active", true}}), (json{{"ok", true}}));
@@ -319,7 +334,8 @@ TEST_F(Operations, TimerangeSetSwitchesARangeAndTimerangesLists) {
     call({{"op", "timerange.set"}, {"id", 7}, {"active", false}});
     timerangeService().unbind(7, "pbrwan-10");
     EXPECT_EQ(call({{"op", "timeranges"}})["timeRanges"], json::array());
-    EXPECT_EQ(errorOf({{"op", "timerange.set"}, {"id", 7}}), "member \"active\" is missing: it must be true or false");
+    EXPECT_EQ(errorOf({{"op", "timerange.set"}, {"id", 7}}),
+              "member \"active\" is missing: it must be true or false");
     EXPECT_EQ(errorOf({{"op", "timerange.set"}, {"id", 4294967295u}, {"active", true}}),
               "member \"id\" must be a whole number 0 to 4294967294");
 }
@@ -353,9 +369,11 @@ std::vector<uint8_t> statusFrom(RouteSocket &socket) {
 TEST_F(Operations, EveryProbeQuestionIsAnsweredFailing) {
     RouteSocket socket;
     const std::string longest(NQA_NAME_BYTES, 'n');
-    for (const auto &[admin, test] : {std::pair<std::string, std::string>{"ops", "isp-a"}, {longest, longest}, {"ops", "isp-a"}}) {
+    for (const auto &[admin, test] :
+         {std::pair<std::string, std::string>{"ops", "isp-a"}, {longest, longest}, {"ops", "isp-a"}}) {
         const auto asked = question(admin, test);
-        ASSERT_GE(qrvNetlinkSGrpSend(QRV_RTNLGRP_NQA, 0, asked.data(), static_cast<uint32_t>(asked.size())), 0);
+        ASSERT_GE(qrvNetlinkSGrpSend(QRV_RTNLGRP_NQA, 0, asked.data(), static_cast<uint32_t>(asked.size())),
+                  0);
         const auto bytes = statusFrom(socket);
         ASSERT_EQ(bytes.size(), 92u);
         NqaStatusMsg expected;
@@ -365,7 +383,8 @@ TEST_F(Operations, EveryProbeQuestionIsAnsweredFailing) {
     }
     const json probes = call({{"op", "probes"}})["probes"];
     ASSERT_EQ(probes.size(), 2u);
-    EXPECT_EQ(probes[1], json::parse(R"({"admin": "ops", "test": "isp-a", "status": "failing", "requests": 2})"));
+    EXPECT_EQ(probes[1],
+              json::parse(R"({"admin": "ops", "test": "isp-a", "status": "failing", "requests": 2})"));
 }
 
 TEST(NqaAnswer, PassesOverWhatIsNoQuestion) {

@@ -27,11 +27,13 @@ constexpr int32_t NO_ROOM = 0x03E80001;
 
 TEST(MemoryDevice, KeepsExactlyTheRecordsByInterfaceAndAcl) {
     MemoryDevice device(0);
-    const Record a = record(7, 1501, 7, {10, 0, 0, 1}), b = record(8, 1501, 7, {10, 0, 0, 2}), c = record(7, 1502, 0);
+    const Record a = record(7, 1501, 7, {10, 0, 0, 1}), b = record(8, 1501, 7, {10, 0, 0, 2}),
+                 c = record(7, 1502, 0);
     EXPECT_EQ(device.add(7, 1501, a.data()), 0);
     EXPECT_EQ(device.add(8, 1501, b.data()), 0);
     EXPECT_EQ(device.add(7, 1502, c.data()), 0);
-    EXPECT_EQ(device.records(), (std::map<MemoryDevice::Key, Record>{{{7, 1501}, a}, {{8, 1501}, b}, {{7, 1502}, c}}));
+    EXPECT_EQ(device.records(),
+              (std::map<MemoryDevice::Key, Record>{{{7, 1501}, a}, {{8, 1501}, b}, {{7, 1502}, c}}));
     EXPECT_EQ(device.add(7, 1501, b.data()), 0);
     EXPECT_EQ(device.records().at({7, 1501}), b);
     EXPECT_EQ(device.del(7, 1501, c.data()), 0);
@@ -121,7 +123,9 @@ TEST(MemoryDevice, ACountOfZeroRemovesAllFailures) {
 TEST(MemoryDevice, ShowsDesiredEntriesBesideRecords) {
     fakeview::reset();
     MemoryDevice device(1);
-    fakeview::next = {{{"wan", {fakeview::nextHop(7, 1, 1), fakeview::nextHop(7, 2, 1), fakeview::nextHop(7, 3, 1)}}}, false};
+    fakeview::next = {
+        {{"wan", {fakeview::nextHop(7, 1, 1), fakeview::nextHop(7, 2, 1), fakeview::nextHop(7, 3, 1)}}},
+        false};
     device.storeChanged();
     const Record a = record(7, 1501, 7, {192, 0, 2, 1}), b = record(7, 1502, 7, {192, 0, 2, 1});
     EXPECT_EQ(device.add(7, 1501, a.data()), 0);
@@ -184,7 +188,8 @@ TEST(MemoryRecord, NamesActionsAndAddresses) {
     EXPECT_EQ(shown(8, full)["nextHops"].size(), 16u);
     EXPECT_EQ(shown(50, full)["nextHops"].size(), 4u);
     EXPECT_EQ(shown(50, full)["action"], "ecmp-ipv6");
-    EXPECT_EQ(shown(46, {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})["nextHops"], json({"2001:db8::1"}));
+    EXPECT_EQ(shown(46, {0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})["nextHops"],
+              json({"2001:db8::1"}));
     EXPECT_EQ(shown(46, full)["action"], "next-hop-ipv6");
     EXPECT_EQ(shown(99, {})["action"], "unknown");
 }
