@@ -61,7 +61,8 @@ bool socketTakes(const BusClient &client, const void *pPacket, size_t len) {
 }
 
 void topUp(BusClient &client) {
-    while (!client.queue.empty() && socketTakes(client, client.queue.front().data(), client.queue.front().size())) {
+    while (!client.queue.empty() &&
+           socketTakes(client, client.queue.front().data(), client.queue.front().size())) {
         client.queueBytes -= client.queue.front().size();
         client.queue.pop_front();
     }

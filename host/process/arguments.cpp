@@ -71,7 +71,8 @@ Arguments argumentsParse(int argc, char **argv) {
 std::string argumentsHelp() {
     std::string text = "usage: policyrouted [--option KEY=VALUE ...] [--config FILE] [--foreground]\n"
                        "  --option KEY=VALUE  sets an option, over the file; may be repeated\n"
-                       "  --config FILE       option file; default /etc/policyroute/policyroute.conf, if it exists\n"
+                       "  --config FILE       option file; default, if it exists:\n"
+                       "                      /etc/policyroute/policyroute.conf\n"
                        "  --foreground        stays in the foreground, as it always does\n"
                        "  --help, --version   print this or the version, and end\n"
                        "options of the host (default):\n";

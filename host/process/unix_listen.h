@@ -9,7 +9,7 @@ namespace host {
 // Makes a non-blocking listening socket of `type` (SOCK_STREAM, SOCK_SEQPACKET) at `path`, an absolute
 // path whose folder exists. A socket file that nobody serves any more is replaced; a file of another kind
 // and the socket of a live server are left alone and are an error. The file's mode is 0660, of the group
-// of the group of option host.group when one is named, or 0666 when others may read (credentials then decide who may
+// of option host.group when one is named, or 0666 when others may read (credentials then decide who may
 // write). The file is removed at an orderly end of the process (filesRemove).
 // Result: empty and *pFd, or why not. Lock: none
 std::string unixListen(const std::string &path, int type, int *pFd);

@@ -93,7 +93,9 @@ class Bus : public testing::Test {
 protected:
     Bus() { before = host::busCounters(); }
     // How much a counter has grown in this test.
-    uint64_t grown(uint64_t host::BusCounters::*pCounter) { return host::busCounters().*pCounter - before.*pCounter; }
+    uint64_t grown(uint64_t host::BusCounters::*pCounter) {
+        return host::busCounters().*pCounter - before.*pCounter;
+    }
 
     support::Options options;
     host::BusCounters before;

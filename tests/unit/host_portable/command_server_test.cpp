@@ -28,7 +28,7 @@ constexpr uint32_t KEY_BYTES = 18;
 constexpr uint32_t NUMBER_FIELD = 1, BYTES_FIELD = 2, REFUSED_FIELD = 3, GREEDY_FIELD = 4, UNTOUCHED_FIELD = 5;
 constexpr uint32_t BIG_FIELD = 6;
 
-enum Command : uint16_t { NOTHING = 0, FIRST = 1, NEXT = 2, GET = 3, SET = 4, NO_HANDLER = 5, SCALAR_GET = 6, UNSHAPED = 7 };
+enum Command : uint16_t { NOTHING, FIRST, NEXT, GET, SET, NO_HANDLER, SCALAR_GET, UNSHAPED };
 
 std::atomic<uint32_t> gCalls{0};
 std::vector<uint8_t> gSetBytes; // what the last set was given
@@ -115,7 +115,8 @@ template <typename Handler> IcmHandler handler(Handler function) {
 const IcmCommand COMMANDS[] = {{NOTHING, nullptr},         {FIRST, handler(first)}, {NEXT, handler(next)},
                                {GET, handler(get)},        {SET, handler(set)},     {NO_HANDLER, nullptr},
                                {SCALAR_GET, handler(get)}, {UNSHAPED, handler(set)}};
-constexpr uint32_t BYTE_FIELDS = 1u << BYTES_FIELD | 1u << GREEDY_FIELD | 1u << UNTOUCHED_FIELD | 1u << BIG_FIELD;
+constexpr uint32_t BYTE_FIELDS =
+    1u << BYTES_FIELD | 1u << GREEDY_FIELD | 1u << UNTOUCHED_FIELD | 1u << BIG_FIELD;
 
 } // namespace
 
@@ -154,7 +155,8 @@ struct Frame {
 
     Bytes encode() const {
         CommandFrameHeader header{};
-        header.length = length >= 0 ? static_cast<uint32_t>(length) : static_cast<uint32_t>(20 + key.size() + bytes.size());
+        const size_t right = 20 + key.size() + bytes.size();
+        header.length = static_cast<uint32_t>(length >= 0 ? length : static_cast<int64_t>(right));
         header.version = version;
         header.kind = kind;
         header.commandId = command;
@@ -312,7 +314,8 @@ TEST_F(Commands, ASetHandsOverNumbersAndBytes) {
     Connection one(path);
     EXPECT_EQ(OK, one.call({.command = SET, .number = 0xFFFFFFFF}).result());
     EXPECT_EQ(0xFFFFFFFFu, gSetNumber);
-    const Reply reply = one.call({.command = SET, .field = BYTES_FIELD, .kind = COMMAND_VALUE_BYTES, .number = 3, .bytes = {7, 8, 9}});
+    const Reply reply = one.call(
+        {.command = SET, .field = BYTES_FIELD, .kind = COMMAND_VALUE_BYTES, .number = 3, .bytes = {7, 8, 9}});
     EXPECT_EQ(OK, reply.result());
     EXPECT_EQ(COMMAND_VALUE_NONE, reply.header.kind);
     EXPECT_EQ((Bytes{7, 8, 9}), gSetBytes);
@@ -324,8 +327,9 @@ TEST_F(Commands, ASetOfNoBytesAndOfTheMostBytes) {
     EXPECT_EQ(OK, one.call({.command = SET, .field = BYTES_FIELD, .kind = COMMAND_VALUE_BYTES}).result());
     EXPECT_EQ(Bytes{}, gSetBytes);
     const Bytes most(65536 - 20 - KEY_BYTES, 'm');
-    Frame frame{.command = SET, .field = BYTES_FIELD, .kind = COMMAND_VALUE_BYTES, .number = static_cast<uint32_t>(most.size()), .bytes = most};
-    EXPECT_EQ(OK, one.call(frame).result());
+    const auto count = static_cast<uint32_t>(most.size());
+    EXPECT_EQ(OK, one.call({.command = SET, .field = BYTES_FIELD, .kind = 2, .number = count, .bytes = most})
+                      .result());
     EXPECT_EQ(most, gSetBytes);
 }
 
@@ -392,9 +396,9 @@ TEST_F(Commands, MalformedFramesGetAnErrorAndTheConnectionGoesOn) {
         {"bytes behind a walk's key", {.command = NEXT, .kind = 0, .bytes = {1}}},
         {"bytes behind a number", {.bytes = {1, 2, 3}}},
         {"bytes behind a get of bytes", {.field = BYTES_FIELD, .kind = 2, .number = 3, .bytes = {1, 2, 3}}},
-        {"fewer bytes than said", {.command = SET, .field = BYTES_FIELD, .kind = 2, .number = 4, .bytes = {1, 2, 3}}},
+        {"fewer bytes than said", {.command = SET, .field = BYTES_FIELD, .kind = 2, .number = 4, .bytes = {1, 2}}},
         {"more bytes than said", {.command = SET, .field = BYTES_FIELD, .kind = 2, .number = 2, .bytes = {1, 2, 3}}},
-        {"far more bytes said", {.command = SET, .field = BYTES_FIELD, .kind = 2, .number = 0xFFFFFFFF, .bytes = {1}}},
+        {"far more bytes said", {.command = SET, .field = BYTES_FIELD, .kind = 2, .number = ~0u, .bytes = {1}}},
         {"a set without value", {.command = SET, .kind = 0}},
         {"a number for bytes, set", {.command = SET, .field = BYTES_FIELD, .kind = 1, .number = 0xFFFFFFFF}},
         {"a number for bytes, get", {.field = BYTES_FIELD, .kind = 1, .number = 1}},
@@ -471,7 +475,8 @@ TEST_F(Commands, PipelinedRequestsAreAnsweredInOrder) {
     Connection one(path);
     Bytes all;
     for (uint32_t id = 0; id < 500; ++id) {
-        const Bytes frame = Frame{.field = id % 3 == 0 ? REFUSED_FIELD : NUMBER_FIELD, .requestId = id}.encode();
+        const uint32_t field = id % 3 == 0 ? REFUSED_FIELD : NUMBER_FIELD;
+        const Bytes frame = Frame{.field = field, .requestId = id}.encode();
         all.insert(all.end(), frame.begin(), frame.end());
     }
     one.sendBytes(all);
@@ -484,7 +489,8 @@ TEST_F(Commands, PipelinedRequestsAreAnsweredInOrder) {
 
 TEST_F(Commands, AFrameThatComesByteByByteIsServedWhenItIsWhole) {
     Connection slow(path);
-    const Bytes frame = Frame{.command = SET, .field = BYTES_FIELD, .kind = 2, .number = 3, .bytes = {1, 2, 3}}.encode();
+    const Bytes frame =
+        Frame{.command = SET, .field = BYTES_FIELD, .kind = 2, .number = 3, .bytes = {1, 2, 3}}.encode();
     for (size_t i = 0; i < frame.size(); ++i) {
         EXPECT_EQ(0u, gCalls);
         slow.sendBytes({frame[i]});

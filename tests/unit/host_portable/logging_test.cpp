@@ -94,7 +94,8 @@ TEST_F(Log, LinesOfManyThreadsStayWhole) {
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {
             for (int line = 0; line < 20; ++line) {
-                host::hostLog(host::LOG_LEVEL_INFO, "m", "%s end", std::string(100, static_cast<char>('a' + i)).c_str());
+                const std::string text(100, static_cast<char>('a' + i));
+                host::hostLog(host::LOG_LEVEL_INFO, "m", "%s end", text.c_str());
             }
         });
     }

@@ -43,7 +43,8 @@ TEST_F(Option, WhatIsNotGivenHasItsDefaultOrNone) {
 }
 
 TEST_F(Option, TheCommandLineWinsAndItsLastWordToo) {
-    ASSERT_EQ("", load("host.device = kernel\n", {"host.device=memory", "host.adopt-wait-ms=5", "host.adopt-wait-ms=6"}));
+    ASSERT_EQ("", load("host.device = kernel\n",
+                       {"host.device=memory", "host.adopt-wait-ms=5", "host.adopt-wait-ms=6"}));
     EXPECT_EQ("memory", host::optionGet("host.device"));
     EXPECT_EQ(6u, host::optionNumber("host.adopt-wait-ms"));
 }
@@ -61,7 +62,8 @@ TEST_F(Option, AnErrorNamesFileAndLine) {
         {"host.device = switch", "'switch' is no value for host.device: one of kernel, memory is expected"},
         {"host.read-others = maybe", "'maybe' is no value for host.read-others: one of yes, no is expected"},
         {"host.log = file", "'file' is no value for host.log: one of auto, stderr, syslog is expected"},
-        {"host.rule-preference = ten", "'ten' is no value for host.rule-preference: a number from 1 to 4294967294 is expected"},
+        {"host.rule-preference = ten",
+         "'ten' is no value for host.rule-preference: a number from 1 to 4294967294 is expected"},
         {"host.mark-mask = 0x", "'0x' is no value for host.mark-mask"},
         {"host.mark-mask = 0x100000000", "is no value for host.mark-mask"},
         {"host.mark-mask = 12ab", "is no value for host.mark-mask"},

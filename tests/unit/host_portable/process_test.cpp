@@ -80,7 +80,8 @@ TEST(RunLock, ASecondDaemonOnTheSameRootIsRefusedAndAnotherRootIsFree) {
     support::Options options;
     ASSERT_EQ("", host::runLockTake());
     const std::string path = options.root.path + "/run/policyroute/policyrouted.lock";
-    EXPECT_EQ(path + " is held by process " + std::to_string(getpid()) + ": stop it, or name another folder with host.root",
+    EXPECT_EQ(path + " is held by process " + std::to_string(getpid()) +
+                  ": stop it, or name another folder with host.root",
               host::runLockTake());
     support::Options other;
     EXPECT_EQ("", host::runLockTake());
@@ -193,7 +194,8 @@ TEST_F(SocketFile, AtTheEndOurFilesAreRemovedAndOnlyOurs) {
 }
 
 TEST_F(SocketFile, AFolderThatIsNotThereIsAnErrorThatNamesThePath) {
-    EXPECT_EQ(0u, host::unixListen("/proc/self/none/a.socket", SOCK_STREAM, &fd).find("cannot make /proc/self/none/a.socket: "));
+    const std::string error = host::unixListen("/proc/self/none/a.socket", SOCK_STREAM, &fd);
+    EXPECT_EQ(0u, error.find("cannot make /proc/self/none/a.socket: ")) << error;
     EXPECT_EQ(-1, fd);
 }
 
@@ -265,7 +267,8 @@ protected:
 };
 
 TEST_F(SignalsDeathTest, AStopIsLoggedAndEndsTheProcessWell) {
-    EXPECT_EXIT(endBySignal(SIGTERM), testing::ExitedWithCode(0), "notice process: Terminated from process [0-9]+: ending");
+    EXPECT_EXIT(endBySignal(SIGTERM), testing::ExitedWithCode(0),
+                "notice process: Terminated from process [0-9]+: ending");
     EXPECT_EXIT(endBySignal(SIGINT), testing::ExitedWithCode(0), "notice process: Interrupt from process");
 }
 
