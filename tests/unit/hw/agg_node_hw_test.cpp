@@ -1,6 +1,8 @@
 // Entries on member ports of an aggregation: the record, what stays untouched, the texts.
 #include "hw/pbr_agg_node_hw.h"
 
+#include <sstream>
+
 #include "store/pbr_if_node_entry.h"
 #include "tests/unit/hw/steps.h"
 
@@ -49,15 +51,16 @@ protected:
     }
     // Everything of the bookkeeping that must stay as it was.
     std::string bookkeeping() const {
-        std::string out = steps::marks(pNode_) + " hw" + std::to_string(pbrIfNodeHwStatusGet(pLink_));
+        std::ostringstream out;
+        out << steps::marks(pNode_) << " hw" << pbrIfNodeHwStatusGet(pLink_);
         for (const PbrNextHopEntry *pHop : hops_) {
-            out += " " + std::to_string(pHop->refCntByte);
+            out << " " << static_cast<unsigned>(pHop->refCntByte);
         }
         for (uint32_t count : {gPbrInfo.hwAclAddCnt, gPbrInfo.hwAclAddErr, gPbrInfo.hwAclDelCnt,
                                gPbrInfo.hwAclDelErr}) {
-            out += " " + std::to_string(count);
+            out << " " << count;
         }
-        return out;
+        return out.str();
     }
 
     PbrNodeEntry *pNode_ = nullptr;
@@ -77,8 +80,8 @@ TEST_F(AggNodeHw, JoiningTellsHeaderTargetNextHopContentAndResultAroundTheCall) 
     EXPECT_EQ(0, pbrAggNodeHwAdd(pLink_, PORT));
 
     EXPECT_EQ(fake::takeTrace(),
-              (Lines{hwText("physical interface port9 join agg interface agg1,add policy route node to hardware:" +
-                            SETTINGS),
+              (Lines{hwText(std::string("physical interface port9 join agg interface agg1,add policy route node to "
+                                        "hardware:") + SETTINGS),
                      hwText("ifUnit 9 acl list 1501 \n\r"),
                      hwText("pbr agg if node hardware add nextHop0=0xa000001.\r\n"),
                      hwText("policyroute add hardware acl content if[port9],lstIndex[1501],direction[0],"

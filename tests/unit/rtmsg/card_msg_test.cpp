@@ -49,8 +49,9 @@ protected:
         for (const std::string &line : callsOf(calls, "aclIfSetApi")) {
             unsigned unit, command, recordUnit, acl;
             EXPECT_EQ(4, sscanf(line.c_str(), "aclIfSetApi(%u, %u, if=%u acl=%u", &unit, &command, &recordUnit, &acl));
-            out += (out.empty() ? "" : " ") + std::string(command == 20 ? "A" : "D") + std::to_string(unit) + "/" +
-                   std::to_string(acl);
+            char step[40];
+            snprintf(step, sizeof(step), "%s%s%u/%u", out.empty() ? "" : " ", command == 20 ? "A" : "D", unit, acl);
+            out += step;
         }
         return out;
     }
