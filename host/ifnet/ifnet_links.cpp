@@ -179,6 +179,9 @@ void ifnetOnChange(std::function<void(const IfnetLink &)> changed) {
 }
 
 void ifnetRefresh(uint32_t unit) {
+    if (state().pSocket == nullptr) {
+        return; // not started, or it could not be
+    }
     NetlinkMessage request(RTM_GETLINK, 0);
     ifinfomsg header = {};
     header.ifi_index = static_cast<int>(unit);
