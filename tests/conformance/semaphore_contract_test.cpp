@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(Mutex, IsMadeFreeTakenGivenBackAndDestroyed) {
+TEST(MutexContract, IsMadeFreeTakenGivenBackAndDestroyed) {
     conformance::platformReset();
     const uint32_t handle = silCreateMSem(9);
     ASSERT_NE(0u, handle);
@@ -18,7 +18,7 @@ TEST(Mutex, IsMadeFreeTakenGivenBackAndDestroyed) {
     EXPECT_EQ(0, silDeleteSem(handle));
 }
 
-TEST(Mutex, TwoHaveDifferentHandles) {
+TEST(MutexContract, TwoHaveDifferentHandles) {
     conformance::platformReset();
     const uint32_t a = silCreateMSem(9);
     const uint32_t b = silCreateMSem(9);
