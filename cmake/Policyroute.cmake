@@ -27,7 +27,6 @@ endforeach()
 # The checks that every build makes: includes against docs/layers.txt, calls the daemon must not make,
 # and every header of the daemon, the seam and the client compiled alone.
 function(pbr_house_checks)
-  find_package(Python3 REQUIRED COMPONENTS Interpreter)
   file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/platform/*.h ${CMAKE_SOURCE_DIR}/core/*.h
        ${CMAKE_SOURCE_DIR}/store/*.h ${CMAKE_SOURCE_DIR}/rtmsg/*.h ${CMAKE_SOURCE_DIR}/nexthop/*.h
        ${CMAKE_SOURCE_DIR}/hw/*.h ${CMAKE_SOURCE_DIR}/api/*.h ${CMAKE_SOURCE_DIR}/client/*.h)
