@@ -58,7 +58,10 @@ std::string KernelDevice::start() {
         isHeld_ = plane_.isAdopted();
         isStarted_ = true;
     }
-    hooks_.pLoop->post([this] {
+    hooks_.pLoop->post([this, alive = std::weak_ptr(alive_)] {
+        if (alive.expired()) {
+            return;
+        }
         nftMonitor_->start(*hooks_.pLoop);
         rtMonitor_->start(*hooks_.pLoop);
         if (isHeld()) {
@@ -343,7 +346,10 @@ void KernelDevice::readBackSoon(std::chrono::milliseconds delay, unsigned parts)
     if (!isStarted_) {
         return;
     }
-    hooks_.pLoop->post([this, delay, parts] {
+    hooks_.pLoop->post([this, alive = std::weak_ptr(alive_), delay, parts] {
+        if (alive.expired()) {
+            return;
+        }
         const bool isUrgent = delay < READ_BACK_MS;
         readParts_ |= parts;
         if (readBackTimer_ != 0 && (isReadUrgent_ || !isUrgent)) {

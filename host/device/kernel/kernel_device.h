@@ -50,7 +50,7 @@ public:
     static constexpr unsigned READ_NFT = 1, READ_RT = 2, READ_ALL = 3;
 
     explicit KernelDevice(KernelDeviceHooks hooks);
-    ~KernelDevice() override; // stops its timers and notifications; leaves the kernel as it is
+    ~KernelDevice() override; // event thread; stops its timers and notifications; leaves the kernel as it is
 
     std::string start() override;
     int32_t add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) override;
@@ -99,6 +99,9 @@ private:
     bool isStarted_ = false;
     bool isHeld_ = false;
     bool isFlushed_ = false;
+
+    // Work that was posted looks whether the device still lives; it ends on the event thread.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 
     // Event thread only.
     std::unique_ptr<KernelSockets> readers_;
