@@ -193,9 +193,10 @@ bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
     const DecisionKey key{rule.family, id};
     decisions_[key].paths = paths;
     ids_[{rule.family, paths}] = id;
-    // A set that shrank when a link went down is still called by the group's id: it is not what we would make.
+    // A set that shrank with a link is still reached by the group's id: not what we would make.
     const DecisionObjects objects = objectsOf(key);
-    const bool isSameGroup = objects.groups.empty() || image.groups.at(route->second) == objects.groups.begin()->second;
+    const bool isSameGroup =
+        objects.groups.empty() || image.groups.at(route->second) == objects.groups.begin()->second;
     if (objects.rule == rule && objects.routes.at(route->first) == route->second && isSameGroup) {
         return true;
     }

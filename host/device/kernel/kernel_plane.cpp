@@ -112,7 +112,8 @@ const std::set<uint32_t> KernelPlane::ports() const {
 // Preferences, tables and marks that others use are left alone; so are leftovers of ours until they are removed.
 bool KernelPlane::isTaken(uint8_t family, uint32_t preference, uint32_t table) {
     const RtImage &image = installed_.rt;
-    if (image.foreignPreferences.count({family, preference}) != 0 || image.foreignTables.count({family, table}) != 0) {
+    if (image.foreignPreferences.count({family, preference}) != 0 ||
+        image.foreignTables.count({family, table}) != 0) {
         return true;
     }
     const bool isLeftover = std::any_of(image.rules.begin(), image.rules.end(), [&](const RtRule &rule) {
@@ -133,7 +134,9 @@ void KernelPlane::decisionsMark() {
 void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const {
     const DecisionObjects objects = model_.decisions().objectsOf(key);
     const RtImage &held = installed_.rt;
-    const auto verb = [](const auto &map, const auto &id) { return map.count(id) == 0 ? RtVerb::Add : RtVerb::Replace; };
+    const auto verb = [](const auto &map, const auto &id) {
+        return map.count(id) == 0 ? RtVerb::Add : RtVerb::Replace;
+    };
     for (const auto &item : objects.nextHops) {
         if (!holds(held.nextHops, item.first, item.second) && planned.insert(item.first).second) {
             steps.push_back({rtNextHopMessage(verb(held.nextHops, item.first), item.first, item.second), key,

@@ -78,7 +78,8 @@ std::string exprText(const NftExpr &expr) {
     case NftOp::MetaLoad: return "meta " + metaName(expr.a);
     case NftOp::MetaStore: return "set meta " + metaName(expr.a);
     case NftOp::PayloadLoad: return place(expr);
-    case NftOp::PayloadStore: return "set " + place(expr) + (expr.d == 0 ? "" : " checksum+" + std::to_string(expr.d));
+    case NftOp::PayloadStore:
+        return "set " + place(expr) + (expr.d == 0 ? "" : " checksum+" + std::to_string(expr.d));
     case NftOp::Bitwise: return "&" + hex(expr.data) + "^" + hex(expr.data2);
     case NftOp::Compare: return compareName(expr.a) + hex(expr.data);
     case NftOp::FibType: return expr.a & NFTA_FIB_F_IIF ? "fib daddr . iif type" : "fib daddr type";
