@@ -192,6 +192,26 @@ void warn(const List &list, std::ostream &err) {
     }
 }
 
+// What the device says of the entries on an interface: a binding stands whatever it says, but who binds must
+// not believe that something is installed when it is not.
+void installedCheck(Daemon &daemon, uint32_t unit, const std::string &interface) {
+    const auto device = daemon.mgmtIfThere("device.show");
+    if (!device || !device->contains("entries")) {
+        return;
+    }
+    std::string refused;
+    for (const auto &entry : device->at("entries")) {
+        const std::string error = entry.value("error", "");
+        if (entry.value("ifUnit", 0U) == unit && !error.empty()) {
+            refused += "\n  " + place(entry.value("list", ""), entry.value("node", 0U)) + ": " + error;
+        }
+    }
+    if (!refused.empty()) {
+        throw Refused("interface " + interface + " is bound, but its device does not take:" + refused +
+                      "\nWhat to do: change these nodes, or pbrctl unbind " + interface + ".");
+    }
+}
+
 } // namespace
 
 void changeAclCreate(Daemon &daemon, uint32_t acl) {
@@ -333,6 +353,7 @@ void changeBind(Daemon &daemon, const std::string &interface, const std::string 
     }
     bindMake(daemon, unit, interface, list);
     warn(wanted, err);
+    installedCheck(daemon, unit, interface);
 }
 
 void changeUnbind(Daemon &daemon, const std::string &interface) {

@@ -213,6 +213,19 @@ TEST_F(Command, AListWhoseNodesAreNotCompleteCannotBeBound) {
     ok({"bind", "lan0", "wan"});
 }
 
+TEST_F(Command, ABindingThatTheDeviceDoesNotTakeIsToldWithItsReason) {
+    makeWan();
+    ok({"unbind", "lan0"});
+    const uint32_t lan0 = 7;
+    daemon.entriesAre({{{"list", "wan"}, {"node", 10}, {"ifUnit", lan0}, {"error", "priority 12 cannot be set"}},
+                       {{"list", "wan"}, {"node", 10}, {"ifUnit", lan0 + 1}, {"error", "elsewhere"}}});
+
+    EXPECT_EQ(daemon.pbrctl({"bind", "lan0", "wan"}), cli::EXIT_REFUSED);
+
+    EXPECT_NE(daemon.err.find("node wan/10: priority 12 cannot be set"), std::string::npos) << daemon.err;
+    EXPECT_EQ(daemon.err.find("elsewhere"), std::string::npos);
+}
+
 TEST_F(Command, ASixteenthBindingOfAListIsRefused) {
     ok({"list", "add", "wan"});
     for (uint32_t unit = 101; unit <= 115; unit++) {
