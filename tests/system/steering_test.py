@@ -181,6 +181,21 @@ acls:
         return {packet[3] >> 5 for packet in arrivals.packets}
 
 
+class WhatTheKernelCannotExpress(system_case.LabCase):
+    def test_is_refused_with_its_reason_and_nothing_else_is_disturbed(self):
+        done = self.daemon.apply(policy({5: "acl: 1503, priority: 12",
+                                         10: f"acl: 1501, next-hops: {hops('upa')}"}), check=False)
+        self.assertEqual(1, done.returncode)
+        self.assertIn("priority 12", done.stdout + done.stderr)
+        self.all_by("upa")
+        arrivals = netlab.Arrivals(self.lab, 4, 600)
+        netlab.send(self.lab, 4, 600, 10)
+        arrivals.wait(10)
+        arrivals.close()
+        self.assertEqual({("upb", 0)}, {(packet[1], packet[3]) for packet in arrivals.packets})
+        self.assertEqual(1, self.daemon.ctl("bind", "lan1", "wan", check=False).returncode)
+
+
 class Ecmp(system_case.LabCase):
     def spread(self, family):
         return self.by_uplink(family=family, count=120, ports=60)
