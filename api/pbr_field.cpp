@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include "store/pbr_view_mark.h"
-
 namespace {
 constexpr uint32_t RECORD_HEAD_BYTES = 8; // field id and length
 constexpr uint32_t NUMBER_BYTES = 4;
@@ -20,12 +18,6 @@ uint32_t pbrApiBytesGet(const void *pBytes, uint32_t len, PbrApiValue *pValue) {
     }
     pValue->word1 = len;
     return PBR_OK;
-}
-
-void pbrApiViewMark(PbrListEntry *pList) {
-    if (!listEmpty(&pList->auxList)) {
-        pbrViewMarkList(pList);
-    }
 }
 
 uint32_t pbrApiSync(const PbrApiCall *pCall, PbrFieldKind kind) {

@@ -89,10 +89,6 @@ inline int pbrApiNameLen(uint16_t nameLen) {
     return nameLen < PBR_NAME_BYTES ? nameLen : static_cast<int>(PBR_NAME_BYTES);
 }
 
-// Marks a list's redirect view when interfaces are chained to it (a change of a list is refused while it
-// is bound, except after its use count has wrapped). Lock: held by caller
-void pbrApiViewMark(PbrListEntry *pList);
-
 // Tells the synchronisation service of a set: the call's key and value, the table's code for the field
 // and a PbrSyncCtx. kind: of the field. Result: the service's; the handler returns it when it is not 0.
 // Lock: held by caller

@@ -8,6 +8,7 @@
 #include "nexthop/pbr_address.h"
 #include "store/pbr_next_hop_entry.h"
 #include "store/pbr_nqa_entry.h"
+#include "store/pbr_view_mark.h"
 
 namespace {
 
@@ -221,7 +222,7 @@ bool hopSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pResu
 uint32_t fieldRun(const PbrApiCall *pCall, NextHopRow *pRow) {
     const uint32_t result = pbrFieldSet(NEXT_HOP_FIELDS, pCall, pRow);
     if (result == PBR_OK) {
-        pbrApiViewMark(pRow->pNode->pPbrList);
+        pbrViewMarkList(pRow->pNode->pPbrList);
     }
     return result;
 }

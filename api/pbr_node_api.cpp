@@ -13,6 +13,7 @@
 #include "nexthop/pbr_timerange.h"
 #include "platform/acl.h"
 #include "store/pbr_next_hop_entry.h"
+#include "store/pbr_view_mark.h"
 
 namespace {
 
@@ -270,7 +271,7 @@ bool stateSettles(const PbrApiCall *pCall, const NodeRow *pRow, uint32_t *pResul
 uint32_t fieldRun(const PbrApiCall *pCall, NodeRow *pRow) {
     const uint32_t result = pbrFieldSet(NODE_FIELDS, pCall, pRow);
     if (result == PBR_OK && pRow->pList != nullptr) {
-        pbrApiViewMark(pRow->pList);
+        pbrViewMarkList(pRow->pList);
     }
     return result;
 }
