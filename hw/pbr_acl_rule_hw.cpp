@@ -6,6 +6,7 @@
 #include "core/pbr_bytes.h"
 #include "core/pbr_trace.h"
 #include "hw/pbr_dev_printf.h"
+#include "hw/pbr_if_name.h"
 #include "nexthop/pbr_address.h"
 #include "platform/acl.h"
 #include "platform/acl_dev_entry.h"
@@ -31,7 +32,6 @@ constexpr char TEXT_NONE[] = "pbr acl rule hardware add none nexthop.\r\n";
 constexpr char TEXT_SETTINGS[] = "pbr acl rule hardware add ipPri=%d,outIfUnit=%d,vrfid=%d.\r\n";
 constexpr char TEXT_RESULT[] = "%s return:%d.\r\n";
 
-constexpr uint32_t NAME_SIZE = 128;
 constexpr uint32_t RESULT_LOG_FLAGS = 1;
 constexpr uint32_t HEADER_LOG_FLAGS = 2;
 constexpr uint32_t DETAIL_LOG_FLAGS = 3;
@@ -106,16 +106,6 @@ constexpr RuleChange ADD = {"pbr acl rule hardware add", "pbr acl rule hardware 
                             ACL_DEV_RULE_ADD, isChosen, ipv6SlotOfAdd};
 constexpr RuleChange DEL = {"pbr acl rule hardware del", "pbr acl rule hardware del", ACL_DEV_RULE_DEL,
                             isWritten, ipv6SlotOfDel};
-
-struct IfName {
-    char text[NAME_SIZE];
-};
-
-IfName ifNameGet(uint32_t ifUnit) {
-    IfName name = {};
-    (void)qrvIfUnit2Name(ifUnit, name.text, NAME_SIZE);
-    return name;
-}
 
 void actionSet(uint8_t *pEntry, uint32_t bit) {
     pbrPortBitSet(pEntry + ACL_DEV_ACTION, bit);
@@ -241,7 +231,7 @@ void noNextHopLog(const PbrNodeEntry *pNode) {
 }
 
 #define HEADER_ARGS(pLink, listNum, ruleNum)                                                        \
-    static_cast<int32_t>(listNum), static_cast<int32_t>(ruleNum), ifNameGet((pLink)->ifUnit).text,  \
+    static_cast<int32_t>(listNum), static_cast<int32_t>(ruleNum), pbrIfNameGet((pLink)->ifUnit).text,  \
         static_cast<int32_t>((pLink)->pPbrNode->aclNum),                                            \
         static_cast<int32_t>(pbrNodeIpPriGet((pLink)->pPbrNode)),                                   \
         static_cast<int32_t>(pbrNodeForwardFlagGet((pLink)->pPbrNode)),                             \

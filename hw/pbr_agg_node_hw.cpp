@@ -3,7 +3,7 @@
 
 #include "core/pbr_trace.h"
 #include "hw/pbr_hw_acl_content.h"
-#include "platform/qrv_if.h"
+#include "hw/pbr_if_name.h"
 
 namespace {
 
@@ -19,7 +19,6 @@ constexpr char TEXT_CONTENT[] = "policyroute %s hardware acl content if[%s],lstI
                                 "action[%d],newIpPri[%d],vrfId[%u].\r\n"; // no length, unlike the link's own
 constexpr char TEXT_RESULT[] = "%s %s return:%d.\r\n";
 
-constexpr uint32_t NAME_SIZE = 128;
 constexpr uint32_t QUIT_LOG_FLAGS = 2;
 constexpr uint32_t NO_NEXT_HOP_LOG_FLAGS = 3;
 constexpr uint32_t FORWARD_FLAG_NO_DEVICE = 2;
@@ -41,19 +40,9 @@ struct MemberChange {
 constexpr MemberChange JOIN = {{"pbr agg if node hardware add", isWritten}, "add", PBR_HW_ACL_ADD};
 constexpr MemberChange QUIT = {{"pbr agg if node hardware del", isInDevice}, "del", PBR_HW_ACL_DEL};
 
-struct IfName {
-    char text[NAME_SIZE];
-};
-
-IfName ifNameGet(uint32_t ifUnit) {
-    IfName name = {};
-    (void)qrvIfUnit2Name(ifUnit, name.text, NAME_SIZE);
-    return name;
-}
-
 // The names and settings that both header texts print.
 #define HEADER_ARGS(pLink, portUnit)                                                                \
-    ifNameGet(portUnit).text, ifNameGet((pLink)->ifUnit).text,                                      \
+    pbrIfNameGet(portUnit).text, pbrIfNameGet((pLink)->ifUnit).text,                                      \
         static_cast<int32_t>((pLink)->pPbrNode->aclNum),                                            \
         static_cast<int32_t>(pbrNodeIpPriGet((pLink)->pPbrNode)),                                   \
         static_cast<int32_t>(pbrNodeForwardFlagGet((pLink)->pPbrNode)),                             \
@@ -83,7 +72,7 @@ int32_t memberSend(const PbrIfNodeEntry *pLink, uint32_t portUnit, const MemberC
     PbrHwAclContent content;
     pbrHwAclContentBuild(pLink->pPbrNode, portUnit, &change.operation, &content);
     PbrHwAclDesc desc = {content.bytes, PBR_HW_ACL_CONTENT_BYTES};
-    PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_CONTENT, change.pVerb, ifNameGet(portUnit).text,
+    PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_CONTENT, change.pVerb, pbrIfNameGet(portUnit).text,
               static_cast<int32_t>(pLink->pPbrNode->aclNum), content.bytes[PBR_HW_ACL_DIRECTION],
               content.action, content.newIpPri, content.vrfId);
     const int32_t result = aclIfSetApi(portUnit, change.command, &desc);

@@ -3,7 +3,7 @@
 
 #include "core/pbr_trace.h"
 #include "hw/pbr_hw_acl_content.h"
-#include "platform/qrv_if.h"
+#include "hw/pbr_if_name.h"
 #include "store/pbr_view_mark.h"
 
 namespace {
@@ -20,7 +20,6 @@ constexpr char TEXT_CONTENT[] = "policyroute %s hardware acl content if[%s],lstI
                                 "action[%d],newIpPri[%d],vrfId[%u],len[%u].\r\n";
 constexpr char TEXT_RESULT[] = "%s %s return:%d.\r\n";
 
-constexpr uint32_t NAME_SIZE = 128;
 constexpr uint32_t DEL_LOG_FLAGS = 2;
 constexpr uint32_t FORWARD_FLAG_NO_DEVICE = 2;
 
@@ -35,16 +34,6 @@ bool isInDevice(const PbrNextHopEntry *pHop) {
 constexpr PbrHwOperation ADD = {"pbr if node hardware add", isReachable};
 constexpr PbrHwOperation DEL = {"pbr if node hardware del", isInDevice};
 
-struct IfName {
-    char text[NAME_SIZE];
-};
-
-IfName ifNameGet(uint32_t ifUnit) {
-    IfName name = {};
-    (void)qrvIfUnit2Name(ifUnit, name.text, NAME_SIZE);
-    return name;
-}
-
 // The settings of a node as the header texts print them.
 #define SETTINGS_ARGS(pNode)                                                                        \
     static_cast<int32_t>((pNode)->aclNum), static_cast<int32_t>(pbrNodeIpPriGet(pNode)),            \
@@ -53,14 +42,14 @@ IfName ifNameGet(uint32_t ifUnit) {
         (pNode)->policyRouteIpVer
 
 void headerTrace(const PbrIfNodeEntry *pLink, const char *pVerb) {
-    PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_HEADER, ifNameGet(pLink->ifUnit).text, pVerb,
+    PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_HEADER, pbrIfNameGet(pLink->ifUnit).text, pVerb,
               SETTINGS_ARGS(pLink->pPbrNode));
 }
 
 // Every removal leaves a log record, also one that sends nothing.
 void delLog(const PbrIfNodeEntry *pLink) {
     loggingLogOutput(PBR_LOG_HARDWARE, gPbrDebugPri[3], DEL_LOG_FLAGS, TEXT_DEL_LOG,
-                     ifNameGet(pLink->ifUnit).text, SETTINGS_ARGS(pLink->pPbrNode));
+                     pbrIfNameGet(pLink->ifUnit).text, SETTINGS_ARGS(pLink->pPbrNode));
 }
 #undef SETTINGS_ARGS
 
@@ -87,7 +76,7 @@ int32_t contentSend(const PbrIfNodeEntry *pLink, const PbrHwOperation *pOperatio
     PbrHwAclContent content;
     pbrHwAclContentBuild(pLink->pPbrNode, pLink->ifUnit, pOperation, &content);
     PbrHwAclDesc desc = {content.bytes, PBR_HW_ACL_CONTENT_BYTES};
-    PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_CONTENT, pVerb, ifNameGet(pLink->ifUnit).text,
+    PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_CONTENT, pVerb, pbrIfNameGet(pLink->ifUnit).text,
               static_cast<int32_t>(pLink->pPbrNode->aclNum), content.bytes[PBR_HW_ACL_DIRECTION],
               content.action, content.newIpPri, content.vrfId, desc.len);
     int32_t result = aclIfSetApi(pLink->ifUnit, command, &desc);

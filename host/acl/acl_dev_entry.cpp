@@ -50,9 +50,9 @@ void aclDevEntryFill(uint32_t aclNum, uint32_t ruleNum, const AclRule &rule, uin
     pEntry[ACL_DEV_IP_VER] = version == 4 ? 1 : version == 6 ? 2 : 0;
     pEntry[ACL_DEV_NEXT_HEADER] =
         version == 6 && rule.protocol > 0 ? static_cast<uint8_t>(rule.protocol) : 0;
-    fillPrefix(rule.source, version, pEntry + ACL_DEV_SRC_ADDR, pEntry + ACL_DEV_SRC_MASK,
+    fillPrefix(rule.source, version, pEntry + ACL_DEV_SRC_ADDR, pEntry + ACL_DEV_SRC_STR_PREFIX,
                pEntry + ACL_DEV_SRC_PREFIX);
-    fillPrefix(rule.destination, version, pEntry + ACL_DEV_DEST_ADDR, pEntry + ACL_DEV_DEST_MASK,
+    fillPrefix(rule.destination, version, pEntry + ACL_DEV_DEST_ADDR, pEntry + ACL_DEV_DEST_STR_PREFIX,
                pEntry + ACL_DEV_DEST_PREFIX);
     if (hasPorts) {
         fillPorts(rule.sourcePorts, pEntry + ACL_DEV_SRC_PORT, pEntry + ACL_DEV_SRC_END_PORT);
