@@ -1,6 +1,7 @@
 // The ACL module of the fake.
 #include "platform/acl.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "core/pbr_bytes.h"
@@ -75,7 +76,7 @@ extern "C" int32_t aclRuleDevTrans(const uint32_t *pRuleKey, void *pEntry) {
         }
     }
     const std::vector<uint8_t> &record = state().translation;
-    memcpy(p, record.data(), record.size() < ACL_DEV_ENTRY_BYTES ? record.size() : ACL_DEV_ENTRY_BYTES);
+    std::copy_n(record.begin(), std::min<size_t>(record.size(), ACL_DEV_ENTRY_BYTES), p);
     pbrStoreBe32(p + ACL_DEV_LST_IDX, pRuleKey[0]); // the ACL, the rule and its place in it
     pbrStoreBe32(p + ACL_DEV_RULE_IDX, pRuleKey[1]);
     pbrStoreBe16(p + ACL_DEV_PRIORITY, static_cast<uint16_t>(pRuleKey[1]));
