@@ -10,6 +10,12 @@
 namespace fake {
 namespace {
 
+// Bytes from slot to slot: no further apart than the machine's alignment asks for.
+uint64_t strideOf(uint64_t slotBytes) {
+    constexpr uint64_t ALIGNMENT = alignof(max_align_t);
+    return (slotBytes + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+}
+
 const Pool *poolNamed(const std::string &name) {
     for (const auto &[pObject, pool] : state().pools) {
         if (pool.name == name) {
@@ -67,7 +73,7 @@ extern "C" int32_t silMemPoolInit(SilMemPool *pPool, const char *name, uint32_t 
         misuse(line + ": flags, or made twice");
     }
     // A pool of more than this is refused, as a machine without the memory would.
-    const uint64_t total = static_cast<uint64_t>(slotCount) * ((slotBytes + 15) / 16 * 16);
+    const uint64_t total = static_cast<uint64_t>(slotCount) * strideOf(slotBytes);
     const int64_t rc = fallible("silMemPoolInit", line, total > (1u << 28) ? -1 : 0, -1);
     if (rc != 0) {
         return static_cast<int32_t>(rc);
@@ -75,7 +81,7 @@ extern "C" int32_t silMemPoolInit(SilMemPool *pPool, const char *name, uint32_t 
     Pool pool;
     pool.name = name;
     pool.slotBytes = slotBytes;
-    pool.stride = (slotBytes + 15) / 16 * 16;
+    pool.stride = strideOf(slotBytes);
     pool.taken.assign(slotCount, false);
     pool.pMemory = static_cast<uint8_t *>(malloc(total + 1));
     memset(pool.pMemory, 0xDD, total);
