@@ -35,7 +35,6 @@ constexpr char TEXT_RESULT[] = "%s return:%d.\r\n";
 constexpr uint32_t RESULT_LOG_FLAGS = 1;
 constexpr uint32_t HEADER_LOG_FLAGS = 2;
 constexpr uint32_t DETAIL_LOG_FLAGS = 3;
-constexpr uint32_t FORWARD_FLAG_NO_DEVICE = 2;
 constexpr uint32_t IPV4_BYTES = 4;
 constexpr uint32_t IPV6_BYTES = 16;
 // Match bits of the record that belong to the action and are cleared after the translation.
@@ -256,7 +255,7 @@ void delHeader(const PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) 
 #undef HEADER_ARGS
 
 bool isForwardOnly(const PbrIfNodeEntry *pLink) {
-    return pbrNodeForwardFlagGet(pLink->pPbrNode) == FORWARD_FLAG_NO_DEVICE;
+    return pbrNodeForwardFlagGet(pLink->pPbrNode) == PBR_FORWARD_FLAG_NO_DEVICE;
 }
 
 void resultCount(const RuleChange &change, int32_t result, uint32_t *pDone, uint32_t *pFailed) {

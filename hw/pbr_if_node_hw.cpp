@@ -21,7 +21,6 @@ constexpr char TEXT_CONTENT[] = "policyroute %s hardware acl content if[%s],lstI
 constexpr char TEXT_RESULT[] = "%s %s return:%d.\r\n";
 
 constexpr uint32_t DEL_LOG_FLAGS = 2;
-constexpr uint32_t FORWARD_FLAG_NO_DEVICE = 2;
 
 bool isReachable(const PbrNextHopEntry *pHop) {
     return pHop->nexthopArpState != 0;
@@ -63,7 +62,7 @@ bool isPassedOver(PbrIfNodeEntry *pLink) {
     if (pNode->aclNum == 0) {
         return true;
     }
-    if (pbrNodeForwardFlagGet(pNode) == FORWARD_FLAG_NO_DEVICE) {
+    if (pbrNodeForwardFlagGet(pNode) == PBR_FORWARD_FLAG_NO_DEVICE) {
         pbrIfNodeHwStatusSet(pLink, PBR_HW_PROGRAMMED);
         return true;
     }

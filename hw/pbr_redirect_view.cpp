@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr uint32_t FORWARD_FLAG_NO_DEVICE = 2;
-
 void hopAppend(PbrRedirect *pRedirect, const PbrNextHopEntry *pHop) {
     if (pRedirect->nextHopCount == PBR_REDIRECT_MAX_NEXT_HOPS) {
         return;
@@ -46,7 +44,7 @@ PbrRedirectKind nextHopsDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode
 
 // The order of these questions is the contract.
 PbrRedirectKind kindDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
-    if (pNode->aclNum == 0 || pbrNodeForwardFlagGet(pNode) == FORWARD_FLAG_NO_DEVICE) {
+    if (pNode->aclNum == 0 || pbrNodeForwardFlagGet(pNode) == PBR_FORWARD_FLAG_NO_DEVICE) {
         return PBR_REDIRECT_ABSENT;
     }
     if (pbrNodeTimeRangeClosed(pNode)) {

@@ -96,28 +96,14 @@ def show(lab, daemon):
     step("TCP connection to port 80", f"{received} bytes by {NAMES.get(uplink, uplink)}", uplink == "upa")
 
     say("uplink A's next hop falls silent (a packet each millisecond meanwhile)")
-    stream = netlab.Stream(lab, 4)
-    time.sleep(0.5)
-    cut = time.monotonic()
-    lab.silence("upa")
-    moved, _ = stream.wait_uplink("upb", 8)
-    took = time.monotonic() - cut
-    time.sleep(0.5)
-    result = stream.stop()
+    moved, took, result = watch(lab, lab.silence, "upb")
     step("failover to uplink B", f"after {took * 1000:.0f} ms, {result['lost']} of {result['sent']} packets lost",
          moved and took < 4)
     step("IPv6 fails over too", *settle(lab, 6, "upb"))
     print(daemon.ctl("show", "next-hops").stdout, end="")
 
     say("the next hop comes back")
-    stream = netlab.Stream(lab, 4)
-    time.sleep(0.3)
-    back = time.monotonic()
-    lab.unsilence("upa")
-    moved, _ = stream.wait_uplink("upa", 10)
-    took = time.monotonic() - back
-    time.sleep(0.3)
-    result = stream.stop()
+    moved, took, result = watch(lab, lab.unsilence, "upa")
     step("back on uplink A", f"after {took * 1000:.0f} ms, {result['lost']} of {result['sent']} packets lost",
          moved and result["lost"] == 0)
     step("IPv6 comes back too", *settle(lab, 6, "upa"))
@@ -139,6 +125,19 @@ def show(lab, daemon):
     for what, seen, ok in rows:
         print(f"  {what:<{width}}  {'seen' if ok else 'NOT SEEN':<8}  {seen}")
     return all(row[2] for row in rows)
+
+
+def watch(lab, change, uplink):
+    """A packet each millisecond across a change of uplink A; result: whether packets then come by `uplink`, after how
+    many seconds, and what the stream counted."""
+    stream = netlab.Stream(lab, 4)
+    time.sleep(0.5)
+    begin = time.monotonic()
+    change("upa")
+    moved, _ = stream.wait_uplink(uplink, 10)
+    took = time.monotonic() - begin
+    time.sleep(0.5)
+    return moved, took, stream.stop()
 
 
 def settle(lab, family, uplink):

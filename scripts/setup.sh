@@ -8,7 +8,7 @@ packages=(
   g++-mips-linux-gnu qemu-user-static
   libmnl-dev libnftnl-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  nftables iproute2 iputils-ping util-linux procps
+  nftables iproute2 iputils-ping util-linux mount
 )
 missing=()
 for package in "${packages[@]}"; do

@@ -153,6 +153,7 @@ inline void pbrListRefCntSet(PbrListEntry *p, uint32_t v) { // wraps modulo 16, 
     p->statusRefCnt = static_cast<uint8_t>((p->statusRefCnt & 0xF0u) | (v & 0x0Fu));
 }
 
+constexpr uint32_t PBR_FORWARD_FLAG_NO_DEVICE = 2; // forwardFlag: the node's entries stay out of the device
 inline uint32_t pbrNodeForwardFlagGet(const PbrNodeEntry *p) { return p->flagByte >> 6; }
 inline void pbrNodeForwardFlagSet(PbrNodeEntry *p, uint32_t v) {
     p->flagByte = static_cast<uint8_t>((p->flagByte & 0x3Fu) | ((v & 3u) << 6));

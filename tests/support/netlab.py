@@ -12,7 +12,6 @@ import contextlib
 import ctypes
 import json
 import os
-import re
 import select
 import shutil
 import signal
@@ -211,7 +210,7 @@ class Arrivals:
         self.socket.close()
 
 
-def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, destination=None, first=0, mark=None):
+def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, destination=None):
     """Sends `count` numbered UDP packets, over `ports` source ports in turn."""
     af = socket.AF_INET if family == 4 else socket.AF_INET6
     sockets = [lab.socket(source_ns, af) for _ in range(ports)]
@@ -223,7 +222,7 @@ def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, desti
                 if late > 0:
                     time.sleep(late)
             with contextlib.suppress(OSError):
-                sockets[number % ports].sendto(struct.pack("!I", first + number), (destination or SERVER[family], port))
+                sockets[number % ports].sendto(struct.pack("!I", number), (destination or SERVER[family], port))
     finally:
         for each in sockets:
             each.close()
@@ -405,7 +404,6 @@ def node_key(name, index, hop=0, mask=0, length=None):
     return list_key(name, length) + b"\0\0" + struct.pack("=IBB", index, mask, hop) + b"\0\0"
 
 
-def unit_of(ns, interface):
-    return int(run(["cat", f"/sys/class/net/{interface}/ifindex"]).stdout) if ns is None else \
-        next(int(re.match(r"(\d+):", line).group(1)) for line in
-             run(f"ip -o link show dev {interface}", ns).stdout.splitlines())
+def unit_of(interface):
+    """The unit of an interface of this process's own namespace."""
+    return socket.if_nametoindex(interface)

@@ -86,7 +86,7 @@ class EveryCommandAnswers(system_case.MemoryCase):
         self.make_node()
         self.code(19, key=node_key(b"wan", 10, 1), field=1, number=CREATE)
         self.code(19, key=node_key(b"wan", 10, 1), field=2, data=b"\xc6\x33\x64\x01", number=4)
-        unit = struct.pack("=I", unit_of(None, "lo"))
+        unit = struct.pack("=I", unit_of("lo"))
         self.assertEqual(NO_ROW, self.code(15, key=unit, field=1))
         self.assertEqual(OK, self.code(16, key=unit, field=1, number=1))
         self.assertEqual(0x044B0003, self.code(16, key=unit, field=2, data=b"none", number=4))
