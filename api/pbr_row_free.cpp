@@ -3,7 +3,7 @@
 
 #include "store/pbr_if_entry.h"
 #include "store/pbr_if_node_entry.h"
-#include "store/pbr_list_entry.h"
+#include "store/pbr_list_entry_del.h"
 #include "store/pbr_node_entry.h"
 #include "store/pbr_view_mark.h"
 

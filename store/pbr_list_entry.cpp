@@ -5,7 +5,6 @@
 
 #include "core/pbr_mem.h"
 #include "core/pbr_trace.h"
-#include "store/pbr_node_entry.h"
 #include "store/pbr_view_mark.h"
 
 namespace {
@@ -70,22 +69,6 @@ PbrListEntry *pbrListEntryAdd(const uint8_t *pName, uint32_t nameLen) {
     pbrListStatusSet(pList, PBR_ROW_CREATED);
     gPbrInfo.listCount += 1;
     return pList;
-}
-
-int32_t pbrListEntryDel(PbrListEntry *pList) {
-    PbrNodeEntry *pNext = nullptr;
-    for (PbrNodeEntry *pNode = pbrListNodeFirst(pList); pNode != nullptr; pNode = pNext) {
-        pNext = pbrListNodeNext(pList, pNode);
-        (void)pbrNodeEntryDel(pNode); // 0 always
-    }
-    gPbrInfo.listCount -= 1;
-    listUnlink(&pList->usedLink);
-    silMemPoolFree(&gPbrInfo.listPool, pList);
-    pbrViewMarkAll();
-    if (listEmpty(&gPbrInfo.usedTable) && avl_is_empty(&gPbrInfo.ifTree) != 0) {
-        (void)pbrMemFree(); // 0 always
-    }
-    return 0;
 }
 
 PbrListEntry *pbrListEntryGet(const uint8_t *pName, uint32_t nameLen) {

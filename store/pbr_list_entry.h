@@ -1,4 +1,5 @@
-// The table of policy lists (gPbrInfo.usedTable): add, delete, find, validate.
+// The table of policy lists (gPbrInfo.usedTable): add, find, validate. The way out is
+// store/pbr_list_entry_del.h.
 //
 // Called by the management handlers, binding and event handlers. Lists are kept in byte order of their
 // names, a name before every longer name that it begins. Names and limits are checked by the callers.
@@ -13,11 +14,6 @@
 // Result: the list (status created, refCnt 0), which lives until pbrListEntryDel; null when the pools
 // cannot be made or are used up. listCount + 1 on success. Lock: held by caller
 PbrListEntry *pbrListEntryAdd(const uint8_t *pName, uint32_t nameLen);
-
-// Deletes a list with its nodes and their next hops. Its readyLink is left as it is: the caller takes a
-// waiting list out of the ready table first. listCount - 1; the pools go with the last list when there
-// is no interface entry either. Result: 0. Lock: held by caller
-int32_t pbrListEntryDel(PbrListEntry *pList);
 
 // Finds the first list of that name. pName: may be null (no list). nameLen: its low 16 bits count.
 // Result: the list or null. Lock: held by caller

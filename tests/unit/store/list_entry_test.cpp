@@ -1,5 +1,6 @@
 // The table of policy lists.
 #include "store/pbr_list_entry.h"
+#include "store/pbr_list_entry_del.h"
 
 #include <gtest/gtest.h>
 

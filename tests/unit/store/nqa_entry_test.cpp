@@ -7,6 +7,7 @@
 
 #include "core/pbr_info.h"
 #include "store/pbr_list_entry.h"
+#include "store/pbr_list_entry_del.h"
 #include "store/pbr_next_hop_entry.h"
 #include "tests/fake/fake.h"
 #include "tests/support/builders.h"
