@@ -15,17 +15,11 @@
 #include <optional>
 #include <string>
 
+#include "host/fib/fib_egress.h"
+
 namespace host {
 
 constexpr uint8_t FIB_PROTO_POLICYROUTE = 206; // our number on rules, routes and next hops
-
-struct FibEgress {
-    uint32_t ifIndex = 0;                // kernel interface index
-    bool hasGateway = false;             // not on a connected network: reached through `gateway`
-    std::array<uint8_t, 16> gateway{};   // network order
-    int gatewayVersion = 0;              // 4 or 6 (an IPv4 route may lead to an IPv6 gateway); 0 without
-    bool operator==(const FibEgress &) const = default;
-};
 
 // Kernel table of a VRF id: 0 is the main table (254); else the value of option host.vrf.NAME that
 // equals the id, else the id itself as a table number.

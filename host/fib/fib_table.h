@@ -13,7 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/fib/fib.h"
+#include "host/fib/fib_egress.h"
 
 namespace host {
 
