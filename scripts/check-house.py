@@ -91,6 +91,42 @@ for folder, forbidden, exceptions in (
             if include.split("/")[0] in forbidden and include not in exceptions:
                 findings.append(f"{path.relative_to(root).as_posix()}: must not include {include}")
 
+# A subject is a header with its source; subjects never need each other in a circle, and none is overlong.
+def subject(name):
+    return re.sub(r"\.(h|cpp)$", "", name)
+
+
+needs, OVERLONG = {}, 600
+for folder in DAEMON + ("platform", "host", "client", "cli"):
+    for path in sorted((root / folder).rglob("*")):
+        if path.suffix not in (".h", ".cpp"):
+            continue
+        name, text = path.relative_to(root).as_posix(), path.read_text()
+        if text.count("\n") > OVERLONG:
+            findings.append(f"{name}: more than {OVERLONG} lines")
+        needed = needs.setdefault(subject(name), set())
+        needed.update(subject(include) for include in INCLUDE.findall(text))
+        needed.discard(subject(name))
+
+
+def circle(name, way, done):
+    """The first circle that is met on from that subject, as its subjects in order."""
+    if name in way:
+        return way[way.index(name):] + [name]
+    if name not in done:
+        done.add(name)
+        for needed in sorted(needs.get(name, ())):
+            found = circle(needed, way + [name], done)
+            if found:
+                return found
+    return None
+
+
+for name in sorted(needs):
+    found = circle(name, [], set())
+    if found and found[0] == name:
+        findings.append("includes in a circle: " + " -> ".join(found))
+
 for finding in findings:
     print(finding)
 sys.exit(1 if findings else 0)
