@@ -16,6 +16,7 @@
 #include "cli/errors.h"
 #include "cli/numbers.h"
 #include "cli/raw.h"
+#include "cli/shell.h"
 #include "cli/show.h"
 #include "cli/version.h"
 
@@ -249,6 +250,23 @@ void otherAdd(CLI::App &app, Context &context) {
     });
 }
 
+void shellAdd(CLI::App &app, Context &context) {
+    CLI::App *pSub = app.add_subcommand("shell", "The daemon's own diagnostic commands and switches");
+    auto pName = holder<std::string>();
+    auto pArgs = holder<std::vector<std::string>>();
+    pSub->add_option("name", *pName, "Command (pbrInfoShow ...) or switch (pbrselflog ...); without it: their names");
+    pSub->add_option("arg", *pArgs, "A switch's new value: 1, or = 1; without it the switch is shown");
+    pSub->callback([=, &context] {
+        context.action = [=, &context] {
+            const int32_t result = shellRun(context.daemon(), *pName, *pArgs, context.json, context.out);
+            if (result != 0) {
+                context.err << "pbrctl: " << *pName << " returned " << result << "\n";
+            }
+            return static_cast<int>(result == 0 ? EXIT_DONE : EXIT_REFUSED);
+        };
+    });
+}
+
 int actionRun(Context &context) {
     try {
         context.pDaemon = std::make_unique<Daemon>(context.root);
@@ -279,7 +297,7 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
     app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, rawAdd}) {
+    for (const auto add : {applyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, shellAdd, rawAdd}) {
         add(app, context);
     }
     try {

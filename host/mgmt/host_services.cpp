@@ -13,6 +13,7 @@
 #include "host/mgmt/service_ops.h"
 #include "host/nqa/nqa_service.h"
 #include "host/option/option.h"
+#include "host/shell/shell_mgmt.h"
 #include "host/timerange/timerange_service.h"
 
 namespace host {
@@ -31,6 +32,7 @@ void registerAll() {
     timerangeMgmtRegister();
     nqaStart();
     serviceOpsRegister();
+    shellMgmtRegister();
 }
 
 } // namespace

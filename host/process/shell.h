@@ -1,5 +1,4 @@
-// The process's diagnostic shell: its name. Its transport comes with the management socket; until then
-// its commands (gProcShellCommands) can only be called from a debugger.
+// The process's diagnostic shell: its name. Its commands are run by host/shell for the management socket.
 #ifndef HOST_PROCESS_SHELL_H
 #define HOST_PROCESS_SHELL_H
 

@@ -308,6 +308,26 @@ TEST_F(Command, TimeRangesAreSwitchedByHand) {
 
 // ---- raw ----
 
+TEST_F(Command, TheShellsOutputComesByteForByte) {
+    ok({"shell", "report"});
+    EXPECT_EQ(daemon.out, "\n\r one\r\n\ttwo[]");
+    ok({"shell", "report", "=", "1"});
+    EXPECT_EQ(daemon.out, "\n\r one\r\n\ttwo[\"=\",\"1\"]");
+    ok({"shell", "bytes"});
+    EXPECT_EQ(daemon.out, std::string("\0\xff\nA", 4));
+    ok({"--json", "shell", "report"});
+    EXPECT_EQ(json::parse(daemon.out), (json{{"result", 0}, {"output", "\n\r one\r\n\ttwo[]"}}));
+}
+
+TEST_F(Command, TheShellTellsWhatItHasAndWhatItRefuses) {
+    ok({"shell"});
+    EXPECT_EQ(daemon.out, "command  report\nswitch   level\n");
+    refused({"shell", "nothing"}, "the shell has no \"nothing\"");
+    EXPECT_EQ(daemon.pbrctl({"shell", "fails"}), cli::EXIT_REFUSED);
+    EXPECT_EQ(daemon.out, "half");
+    EXPECT_EQ(daemon.err, "pbrctl: fails returned -7\n");
+}
+
 TEST_F(Command, RawPrintsResultKeyAndValue) {
     makeWan();
     ok({"raw", "list-get-first", "--key", "list:"});

@@ -564,6 +564,19 @@ uint32_t FakeDaemon::handle(const CommandFrameHeader &header, const Bytes &key, 
     }
 }
 
+json FakeDaemon::shell(const std::string &name, const json &args) const {
+    if (name == "report") {
+        return {{"ok", true}, {"result", 0}, {"output", "\n\r one\r\n\ttwo" + args.dump()}};
+    }
+    if (name == "bytes") {
+        return {{"ok", true}, {"result", 0}, {"outputHex", "00ff0a41"}};
+    }
+    if (name == "fails") {
+        return {{"ok", true}, {"result", -7}, {"output", "half"}};
+    }
+    return {{"ok", false}, {"error", "the shell has no \"" + name + "\""}};
+}
+
 json FakeDaemon::mgmt(const json &request) {
     const std::lock_guard guard(lock);
     const std::string op = request["op"];
@@ -588,6 +601,12 @@ json FakeDaemon::mgmt(const json &request) {
     if (op == "device.settle") {
         return settleError.empty() ? json{{"ok", true}, {"determined", determined}}
                                    : json{{"ok", false}, {"error", settleError}};
+    }
+    if (op == "shell.list") {
+        return {{"ok", true}, {"shell", "pbr"}, {"commands", {"report"}}, {"switches", {"level"}}};
+    }
+    if (op == "shell") {
+        return shell(request["name"], request["args"]);
     }
     if (op == "acl.show") {
         answer["acls"] = json::array();

@@ -72,6 +72,7 @@ private:
     uint32_t set(uint16_t command, uint32_t field, const client::Bytes &key, uint32_t number,
                  const client::Bytes &bytes);
     nlohmann::json mgmt(const nlohmann::json &request);
+    nlohmann::json shell(const std::string &name, const nlohmann::json &args) const;
 
     const std::map<uint32_t, std::string> links = {{7, "lan0"}, {8, "lan1"}, {9, "tun0"}};
     std::string folder;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "host/mgmt/mgmt.h"
 #include "host/option/option.h"
 #include "platform/qrv_rtm.h"
 #include "platform/qrv_socket.h"
@@ -38,6 +39,11 @@ const auto *const pEnvironment = testing::AddGlobalTestEnvironment(new Environme
 
 const std::string &root() {
     return theRoot;
+}
+
+std::string mgmtOpen() {
+    static const std::string error = host::mgmtStart();
+    return error;
 }
 
 Client::Client(const std::string &path) {

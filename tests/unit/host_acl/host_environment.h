@@ -15,6 +15,9 @@ namespace hosttest {
 // The folder of this test process; every socket of it is below. Options: host.root, host.device=memory.
 const std::string &root();
 
+// Opens the process's management socket, once. Result: empty, or why not.
+std::string mgmtOpen();
+
 // A connection to a management socket; reads wait at most 20 s.
 class Client {
 public:

@@ -41,7 +41,7 @@ protected:
         mgmtRegister("broken", false,
                      [](const json &) -> json { throw std::logic_error("broken on purpose"); });
         ASSERT_EQ(hostDeviceStart(), "");
-        ASSERT_EQ(mgmtStart(), "");
+        ASSERT_EQ(hosttest::mgmtOpen(), "");
     }
     void SetUp() override {
         client.emplace(socketPath());
