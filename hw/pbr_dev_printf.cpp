@@ -9,7 +9,7 @@
 
 namespace {
 
-#define DUMP(...) PBR_TRACE(PBR_DEBUG_DUMP, PBR_LOG_HARDWARE, __VA_ARGS__)
+#define DUMP(...) loggingDebugOutput(PBR_LOG_HARDWARE, PBR_TRACE_LEVEL, 0, __VA_ARGS__) // the bit is tested once
 
 constexpr char TEXT_TITLE[] = "policyroute hardware dev content\n\r";
 constexpr char TEXT_RULE[] = "---------------------------------------\n\r";

@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config ccache git python3
   g++-mips-linux-gnu qemu-user-static
   libmnl-dev libnftnl-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev
-  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
   nftables iproute2 iputils-ping util-linux mount
 )
 missing=()
