@@ -32,7 +32,7 @@ PbrApiValue bytesValue(std::string &text) {
 
 void World::SetUp() {
     fake::reset();
-    ASSERT_EQ(PBR_OK, pbrInit(0, 0, 0));
+    ASSERT_EQ(PBR_OK, pbrInit(maxLists_, maxNodes_, maxIfs_));
     fake::answerWith("aclIfSetApi", [this](const std::string &line) { return deviceCall(line); });
     fake::answerWith("hrdScalarSetApi", [this](const std::string &line) { return detectionCall(line); });
     (void)fake::takeTrace();
@@ -77,14 +77,29 @@ uint32_t World::hopAddress(const std::string &list, uint32_t index, uint8_t hop,
     return field(PBR_CMD_NEXT_HOP_SET, &key, PBR_NEXT_HOP_ADDRESS, bytesValue(text));
 }
 
-uint32_t World::bind(uint32_t unit, const std::string &list) {
-    EXPECT_EQ(PBR_OK, field(PBR_CMD_IF_SET, &unit, PBR_IF_STATUS, {PBR_IF_CREATE, 0}));
+uint32_t World::hopText(const std::string &list, uint32_t index, uint8_t hop, uint32_t fieldId,
+                        const std::string &text) {
+    const PbrNodeKey key = nodeKey(list, index, hop);
+    std::string bytes = text;
+    return field(PBR_CMD_NEXT_HOP_SET, &key, fieldId, bytesValue(bytes));
+}
+
+uint32_t World::ifSet(uint32_t unit, uint32_t command) {
+    return field(PBR_CMD_IF_SET, &unit, PBR_IF_STATUS, {command, 0});
+}
+
+uint32_t World::ifList(uint32_t unit, const std::string &list) {
     std::string name = list;
     return field(PBR_CMD_IF_SET, &unit, PBR_IF_PBR_NAME, bytesValue(name));
 }
 
+uint32_t World::bind(uint32_t unit, const std::string &list) {
+    EXPECT_EQ(PBR_OK, ifSet(unit, PBR_IF_CREATE));
+    return ifList(unit, list);
+}
+
 uint32_t World::unbind(uint32_t unit) {
-    return field(PBR_CMD_IF_SET, &unit, PBR_IF_STATUS, {PBR_IF_DESTROY, 0});
+    return ifSet(unit, PBR_IF_DESTROY);
 }
 
 void World::haveNode(const std::string &list, uint32_t index, uint32_t acl, uint32_t ipVer, uint32_t vrf) {
@@ -113,6 +128,9 @@ int64_t World::deviceCall(const std::string &line) {
     uint32_t unit = 0, command = 0, recordUnit = 0, acl = 0;
     EXPECT_EQ(4, sscanf(line.c_str(), "aclIfSetApi(%u, %u, if=%u acl=%u", &unit, &command, &recordUnit, &acl));
     if (command == 21) {
+        if (failingDeletes_.count(unit) != 0) {
+            return -1;
+        }
         calls_.erase({unit, acl});
         return 0;
     }
@@ -153,7 +171,9 @@ void World::post(const Peer &peer) {
 
 void World::pass() {
     pbrMainPass(&maxFd_);
-    checkStore(allowed_);
+    if (++passes_ % checkedPasses_ == 0) {
+        checkStore(allowed_);
+    }
 }
 
 void World::settle() {
@@ -195,6 +215,24 @@ void World::range(uint32_t id, bool isActive) {
         }
     }
     settle();
+}
+
+void World::rangeGone(uint32_t id) {
+    for (fake::TimerangeBinding binding : fake::timerangeBindings()) {
+        if (binding.id == id) {
+            (void)binding.unbind(binding.context.data());
+        }
+    }
+    settle();
+}
+
+void World::receive(const std::vector<uint8_t> &read) {
+    fake::deliver(read);
+    settle();
+}
+
+void World::peerIs(const std::string &address, bool isPeerUp, uint32_t vrf) {
+    peers_[{address, vrf}] = isPeerUp;
 }
 
 void World::second() {

@@ -29,8 +29,11 @@ protected:
     uint32_t nodeSet(const std::string &list, uint32_t index, uint32_t field, uint32_t number);
     uint32_t hopSet(const std::string &list, uint32_t index, uint8_t hop, uint32_t command);
     uint32_t hopAddress(const std::string &list, uint32_t index, uint8_t hop, const std::string &address);
+    uint32_t hopText(const std::string &list, uint32_t index, uint8_t hop, uint32_t fieldId, const std::string &text);
     uint32_t bind(uint32_t unit, const std::string &list); // makes the interface entry when absent
     uint32_t unbind(uint32_t unit);                        // destroys the interface entry
+    uint32_t ifSet(uint32_t unit, uint32_t command);       // the interface entry alone
+    uint32_t ifList(uint32_t unit, const std::string &list); // names the list of an entry that exists
 
     // ---- configuration that is expected to be accepted ----
     void haveNode(const std::string &list, uint32_t index, uint32_t acl, uint32_t ipVer = 0, uint32_t vrf = 0);
@@ -40,7 +43,14 @@ protected:
     void peer(const std::string &address, bool isUp, uint32_t vrf = 0); // changes, and reports if registered
     void peerChanges(const std::string &address, uint32_t vrf = 0);
     void range(uint32_t id, bool isActive);                             // reported to every binding of it
+    void rangeGone(uint32_t id);                                        // the service drops every binding of it
+    void receive(const std::vector<uint8_t> &read);                     // one read of the route socket
     void second();                                                      // the update timer fires
+
+    // ---- single steps, for tests that must not come to rest ----
+    void peerIs(const std::string &address, bool isUp, uint32_t vrf = 0); // changes, and nobody is told
+    void pass();                                                          // one pass of the loop, checked
+    void settle();                                                        // until nothing waits, checked
 
     // ---- the forwarding planes: (unit, acl or node) -> what happens ----
     using Plane = std::map<std::pair<uint32_t, uint32_t>, std::string>;
@@ -50,8 +60,11 @@ protected:
     bool isPeerRegistered(const std::string &address, uint32_t vrf = 0) const;
     bool isUp(const std::string &address, uint32_t vrf = 0) const;
 
-    std::set<uint32_t> failingUnits_; // interfaces whose device adds fail
-    uint32_t allowed_ = 0;            // oddities that the test is about, for the store checker
+    std::set<uint32_t> failingUnits_;   // interfaces whose device adds fail
+    std::set<uint32_t> failingDeletes_; // interfaces whose device deletes fail
+    uint32_t allowed_ = 0;              // oddities that the test is about, for the store checker
+    uint32_t checkedPasses_ = 1;        // the store is checked after each so many passes, and at rest
+    uint32_t maxLists_ = 0, maxNodes_ = 0, maxIfs_ = 0; // limits, 0: the defaults; set before SetUp
 
 private:
     using Peer = std::pair<std::string, uint32_t>; // address, VRF
@@ -59,10 +72,9 @@ private:
     int64_t deviceCall(const std::string &line);
     int64_t detectionCall(const std::string &line);
     void post(const Peer &peer);
-    void settle(); // posted messages are read, one a pass; checks
-    void pass();
 
     int32_t maxFd_ = 0;
+    uint32_t passes_ = 0;
     std::map<Peer, bool> peers_;
     std::set<Peer> registered_;
     std::vector<Peer> posted_;
