@@ -185,14 +185,19 @@ void showAdd(CLI::App &app, Context &context) {
         {"lists", "Lists and their nodes", showLists},
         {"bindings", "Interfaces, their lists and how much of them is in the device", showBindings},
         {"next-hops", "Each next hop: reachable, chosen, in the device, or why not", showNextHops},
-        {"device", "What the forwarding plane holds", showDevice},
         {"counters", "Counters and limits", showCounters}};
     for (const auto &[pName, pHelp, pFunction] : reports) {
         const Show function = pFunction;
         CLI::App *pSub = pShow->add_subcommand(pName, pHelp);
         runs(context, pSub, [&context, function] { function(context.daemon(), context.json, context.out); });
     }
-    CLI::App *pSub = pShow->add_subcommand("acls", "ACLs and their rules");
+    CLI::App *pSub = pShow->add_subcommand("device", "What the forwarding plane holds");
+    auto pRecords = holder<bool>();
+    pSub->add_flag("--records", *pRecords, "The records as the daemon wrote them, decoded and in hex");
+    runs(context, pSub, [=, &context] {
+        (*pRecords ? showRecords : showDevice)(context.daemon(), context.json, context.out);
+    });
+    pSub = pShow->add_subcommand("acls", "ACLs and their rules");
     auto pAcl = holder<uint32_t>();
     pSub->add_option("acl", *pAcl, "Number of the ACL; default all");
     runs(context, pSub, [=, &context] { showAcls(context.daemon(), *pAcl, context.json, context.out); });

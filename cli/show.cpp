@@ -64,6 +64,36 @@ void flatten(const std::string &prefix, const json &value, json &rows) {
     }
 }
 
+// Whether a field tells nothing: 0, no bits, only zero digits, the zero address.
+bool isZero(const json &value) {
+    if (value.is_number()) {
+        return value == 0;
+    }
+    return value.empty() || (value.is_string() && value.get<std::string>().find_first_not_of("0.:") == std::string::npos);
+}
+
+// A title, the fields that are not zero, and all bytes, 32 a line with their offset.
+void recordPrint(const std::string &what, const json &record, std::ostream &out) {
+    const auto number = [&](const char *pKey) { return cellText(record.value(pKey, json())); };
+    out << what << ": interface " << cellText(record.value("interface", json())) << " (unit " << number("ifUnit")
+        << "), acl " << number("acl") << (record.contains("rule") ? ", rule " + number("rule") : "")
+        << (record.value("member", false) ? ", of a member port" : "") << ", action "
+        << cellText(record.value(record.contains("actions") ? "actions" : "action", json())) << "\n";
+    for (const auto &field : record.value("fields", json::array())) {
+        if (!isZero(field["value"])) {
+            const std::string name = field["name"].get<std::string>();
+            out << "  " << name << std::string(name.size() < 16 ? 16 - name.size() : 1, ' ')
+                << cellText(field["value"]) << "\n";
+        }
+    }
+    const std::string hex = record.value("hex", "");
+    for (size_t at = 0; at < hex.size(); at += 64) {
+        char offset[32];
+        snprintf(offset, sizeof(offset), "  %03zx  ", at / 2);
+        out << offset << hex.substr(at, 64) << "\n";
+    }
+}
+
 std::string debugText(uint32_t flags) {
     std::string text;
     for (const auto &[bit, pName] : {std::pair{PBR_DEBUG_HARDWARE, "hw"}, std::pair{PBR_DEBUG_DUMP, "dump"},
@@ -182,6 +212,26 @@ void showDevice(Daemon &daemon, bool asJson, std::ostream &out) {
                 {"ACTION", "action"}, {"TARGET", "target"}, {"VRF", "vrf", true}, {"PRIORITY", "priority", true},
                 {"INSTALLED", "installed"}, {"ERROR", "error"}},
                rows, 2, "no entries", out);
+}
+
+void showRecords(Daemon &daemon, bool asJson, std::ostream &out) {
+    json answer = daemon.mgmt("device.records");
+    answer.erase("ok");
+    if (asJson) {
+        return printJson(answer, out);
+    }
+    if (answer.contains("note")) {
+        out << answer["note"].get<std::string>() << "\n";
+        return;
+    }
+    for (const auto &[pKey, pWhat] : {std::pair{"records", "record"}, std::pair{"ruleRecords", "rule record"}}) {
+        for (const auto &record : answer.value(pKey, json::array())) {
+            recordPrint(pWhat, record, out);
+        }
+    }
+    if (answer["records"].empty() && answer["ruleRecords"].empty()) {
+        out << "no records\n";
+    }
 }
 
 void showCounters(Daemon &daemon, bool asJson, std::ostream &out) {

@@ -15,6 +15,7 @@ void showBindings(Daemon &daemon, bool json, std::ostream &out);
 void showNextHops(Daemon &daemon, bool json, std::ostream &out);
 void showAcls(Daemon &daemon, uint32_t acl, bool json, std::ostream &out); // acl 0: all
 void showDevice(Daemon &daemon, bool json, std::ostream &out);
+void showRecords(Daemon &daemon, bool json, std::ostream &out); // of the device, decoded and as bytes
 void showCounters(Daemon &daemon, bool json, std::ostream &out);
 
 } // namespace cli

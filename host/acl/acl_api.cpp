@@ -87,6 +87,8 @@ int32_t aclRuleDevTrans(const uint32_t *pRuleKey, void *pEntry) {
     std::memcpy(key, pRuleKey, sizeof key);
     const auto rules = host::aclStore().snapshot(key[0]);
     if (rules == nullptr || rules->count(key[1]) == 0) {
+        // Gone since it was announced: it matches nothing, but its removal must find it.
+        host::aclDevEntryName(key[0], key[1], static_cast<uint8_t *>(pEntry));
         return RESULT_NO_ROW;
     }
     host::aclDevEntryFill(key[0], key[1], rules->at(key[1]), static_cast<uint8_t *>(pEntry));

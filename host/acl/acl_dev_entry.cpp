@@ -58,6 +58,10 @@ void aclDevEntryFill(uint32_t aclNum, uint32_t ruleNum, const AclRule &rule, uin
         fillPorts(rule.sourcePorts, pEntry + ACL_DEV_SRC_PORT, pEntry + ACL_DEV_SRC_END_PORT);
         fillPorts(rule.destinationPorts, pEntry + ACL_DEV_DEST_PORT, pEntry + ACL_DEV_DEST_END_PORT);
     }
+    aclDevEntryName(aclNum, ruleNum, pEntry);
+}
+
+void aclDevEntryName(uint32_t aclNum, uint32_t ruleNum, uint8_t *pEntry) {
     storeBe32(pEntry + ACL_DEV_LST_IDX, aclNum);
     storeBe32(pEntry + ACL_DEV_RULE_IDX, ruleNum);
     storeBe16(pEntry + ACL_DEV_PRIORITY, ruleNum);

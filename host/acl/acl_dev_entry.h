@@ -16,6 +16,9 @@ namespace host {
 // Fills a zeroed record of ACL_DEV_ENTRY_BYTES bytes at any address. Lock: none
 void aclDevEntryFill(uint32_t aclNum, uint32_t ruleNum, const AclRule &rule, uint8_t *pEntry);
 
+// Writes the ACL number, the rule number and the priority only. Lock: none
+void aclDevEntryName(uint32_t aclNum, uint32_t ruleNum, uint8_t *pEntry);
+
 } // namespace host
 
 #endif

@@ -63,6 +63,15 @@ public:
     virtual int32_t add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) = 0;
     virtual int32_t del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) = 0;
 
+    // QRV_IF_RULE_DEVICE: the record of one rule of an ACL (platform/acl_dev_entry.h, 508 bytes); command:
+    // ACL_DEV_RULE_ADD or ACL_DEV_RULE_DEL. A device that follows the rules of bound ACLs by itself has
+    // nothing to do. Result: 0, or a code that the daemon counts. Lock: held by caller (the daemon's mutex)
+    virtual int32_t rule(uint32_t ifUnit, uint32_t command, const uint8_t *pEntry);
+
+    // Whether a member port of an aggregation needs entries of its own; false unless a device says so.
+    // Any thread. Lock: none
+    virtual bool needsMemberEntries() const;
+
     // devSyncStore found marks. Lock: held by caller (the daemon's mutex)
     virtual void storeChanged() = 0;
 
@@ -81,6 +90,10 @@ public:
     // "ecmp","nextHops":[text...],"outInterface","vrf","priority","installed": bool,"error": text}],
     // "counters": {...}, ...device's own}. Event thread.
     virtual nlohmann::json show() = 0;
+
+    // For `pbrctl show device --records`: {"records": [...], "ruleRecords": [...]}, each as the daemon wrote
+    // it; {"records": null, "note": why} of a device that keeps none. Event thread.
+    virtual nlohmann::json recordsShow();
 };
 
 // Makers, one a kind; the device is not started. Lock: none

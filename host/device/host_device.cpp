@@ -1,4 +1,6 @@
 // The process's forwarding plane: chosen by option host.device, told when the daemon's store changed.
+#include <nlohmann/json.hpp>
+
 #include "host/device/device.h"
 #include "host/option/option.h"
 #include "platform/dev_sync.h"
@@ -37,6 +39,19 @@ const Chosen &chosenDevice() {
 }
 
 } // namespace
+
+int32_t Device::rule(uint32_t, uint32_t, const uint8_t *) {
+    return 0;
+}
+
+bool Device::needsMemberEntries() const {
+    return false;
+}
+
+nlohmann::json Device::recordsShow() {
+    return {{"records", nullptr},
+            {"note", "this device keeps no records: it follows the policy itself; show device has its entries"}};
+}
 
 std::string hostDeviceStart() {
     return chosenDevice().error;

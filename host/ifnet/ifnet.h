@@ -46,7 +46,7 @@ void ifnetRefresh(uint32_t unit);
 struct IfnetCounters {
     uint64_t protocolEnables = 0;  // accepted
     uint64_t protocolDisables = 0; // accepted
-    uint64_t ruleRecords = 0;      // device rule records accepted (and not kept)
+    uint64_t ruleRecords = 0;      // device rule records accepted
     uint64_t refused = 0;          // calls answered with failure
     uint64_t resyncs = 0;          // links read anew because notifications were lost
 };

@@ -7,16 +7,16 @@
 #include <mutex>
 #include <set>
 
+#include "host/device/device.h"
 #include "host/ifnet/ifnet.h"
 #include "host/ifnet/ifnet_state.h"
 #include "host/logging/host_log.h"
+#include "platform/acl_dev_entry.h"
 #include "platform/qrv_if.h"
+#include "platform/qrv_if_agg.h"
 
 namespace {
 
-constexpr uint32_t AGG_PORT_ADDED = 0x03E80135u;   // function word of a dispatch question
-constexpr uint32_t AGG_PORT_REMOVED = 0x03E80136u;
-constexpr size_t AGG_ANSWER_OFFSET = 8;            // u8; bit 0: the port needs entries of its own
 constexpr int32_t DONE = 0;
 constexpr int32_t REFUSED = -1;
 
@@ -71,6 +71,18 @@ int32_t protocolDisable(uint32_t ifUnit, uint32_t protocol) {
     return DONE;
 }
 
+int32_t ruleRecord(uint32_t ifUnit, const PbrDevRuleDesc *pDesc) {
+    const bool isKnown = pDesc->type == ACL_DEV_RULE_ADD || pDesc->type == ACL_DEV_RULE_DEL;
+    if (!isKnown || pDesc->pEntry == nullptr || pDesc->len != ACL_DEV_ENTRY_BYTES) {
+        return refuse(ifUnit, QRV_IF_RULE_DEVICE, "the descriptor does not hold a 508-byte rule record");
+    }
+    const int32_t result =
+        host::hostDevice().rule(ifUnit, pDesc->type, static_cast<const uint8_t *>(pDesc->pEntry));
+    const std::lock_guard guard(layer().lock);
+    ++(result == DONE ? layer().counters.ruleRecords : layer().counters.refused);
+    return result;
+}
+
 // Name and terminator into `room` bytes, room > 0.
 char *nameInto(uint32_t ifUnit, char *buffer, size_t room) {
     std::snprintf(buffer, room, "%s", host::ifnetName(ifUnit).c_str());
@@ -111,8 +123,10 @@ int32_t qrvIfGetApi(uint32_t ifUnit, uint32_t command, void *pValue) {
     if (!host::ifnetByUnit(ifUnit)) {
         return refuse(ifUnit, command, "no such interface");
     }
-    // Entries live on the aggregation device: no member port needs entries of its own.
-    static_cast<uint8_t *>(pValue)[AGG_ANSWER_OFFSET] &= 0xFEu;
+    // The kernel's entries live on the aggregation; a device that copies a switch's may want more.
+    uint8_t &answer = static_cast<uint8_t *>(pValue)[offsetof(AggDispatchReq, answer)];
+    answer = static_cast<uint8_t>(host::hostDevice().needsMemberEntries() ? answer | AGG_MEMBER_ENTRIES
+                                                                          : answer & ~AGG_MEMBER_ENTRIES);
     return DONE;
 }
 
@@ -121,10 +135,7 @@ int32_t qrvIfSetApi(uint32_t ifUnit, uint32_t command, void *pValue) {
         return refuse(ifUnit, command, "no value");
     }
     if (command == QRV_IF_RULE_DEVICE) {
-        // The ACL module expands the rules of bound ACLs by itself: the record has nothing to add.
-        const std::lock_guard guard(layer().lock);
-        ++layer().counters.ruleRecords;
-        return DONE;
+        return ruleRecord(ifUnit, static_cast<const PbrDevRuleDesc *>(pValue));
     }
     if (command != QRV_IF_PROTO_ENABLE && command != QRV_IF_PROTO_DISABLE) {
         return refuse(ifUnit, command, "unknown command");

@@ -89,6 +89,11 @@ json opDeviceShow(const json &request) {
     return hostDevice().show();
 }
 
+json opDeviceRecords(const json &request) {
+    mgmtArgsOnly(request, {});
+    return hostDevice().recordsShow();
+}
+
 json opDeviceFlush(const json &request) {
     mgmtArgsOnly(request, {});
     const std::string error = hostDevice().flush();
@@ -152,6 +157,7 @@ void serviceOpsRegister() {
     mgmtRegister("peers", false, opPeers);
     mgmtRegister("counters", false, opCounters);
     mgmtRegister("device.show", false, opDeviceShow);
+    mgmtRegister("device.records", false, opDeviceRecords);
     mgmtRegister("device.flush", true, opDeviceFlush);
     mgmtRegisterAsync("device.settle", true, opDeviceSettle);
 }

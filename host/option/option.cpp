@@ -61,6 +61,7 @@ const Choice CHOICES[] = {
     {"host.device", {"kernel", "memory"}},
     {"host.read-others", {"yes", "no"}},
     {"host.log", {"auto", "stderr", "syslog"}},
+    {"host.memory-member-entries", {"on", "off"}},
 };
 
 std::map<std::string, std::string> gValues; // what was given; not changed after start-up

@@ -25,7 +25,8 @@ namespace host {
     X("host.group", "", "group whose members may write to the sockets; none: root only")            \
     X("host.read-others", "no", "yes: everybody may read through the sockets")                      \
     X("host.log", "auto", "where log records go: auto, stderr, syslog")                             \
-    X("host.memory-capacity", "0", "memory device: most entries held, 0 without limit")
+    X("host.memory-capacity", "0", "memory device: most entries held, 0 without limit")             \
+    X("host.memory-member-entries", "off", "memory device: on: members of an aggregation get entries of their own")
 
 // Value of a key: command line, else file, else the default of HOST_OPTIONS; none for a key without
 // value and default. Any thread after start-up. Lock: none

@@ -1,5 +1,7 @@
 """What the system tests share: the lab, a daemon for each test, and the words to configure it."""
+import json
 import os
+import socket
 import sys
 import unittest
 
@@ -18,6 +20,16 @@ class MemoryCase(unittest.TestCase):
         self.addCleanup(self.check_alive)
         self.client = netlab.Command(self.daemon.root)
         self.addCleanup(self.client.close)
+
+    def manage(self, request):
+        """One request to the management socket; result: the answer, which must be ok."""
+        with socket.socket(socket.AF_UNIX) as mgmt:
+            mgmt.settimeout(10)
+            mgmt.connect(self.daemon.root + "/tmp/policyroutemgmt.socket")
+            mgmt.sendall(json.dumps(request).encode() + b"\n")
+            answer = json.loads(mgmt.makefile().readline())
+        self.assertTrue(answer["ok"], answer)
+        return answer
 
     def check_alive(self):
         self.assertIsNone(self.daemon.process.poll(), "the daemon died: " + "".join(self.daemon.errors[-20:]))

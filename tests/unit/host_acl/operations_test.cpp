@@ -278,7 +278,7 @@ TEST_F(Operations, DeviceFailMakesTheNextAddsFail) {
     EXPECT_EQ(errorOf({{"op", "device.fail"}, {"count", 1}, {"code", 0}}),
               "member \"code\" must be a whole number 1 to 4294967295");
     EXPECT_EQ(errorOf({{"op", "device.fail"}, {"count", 1}, {"call", "set"}, {"code", 5}}),
-              "member \"call\" must be \"add\" or \"del\"");
+              "member \"call\" must be \"add\", \"del\", \"rule-add\" or \"rule-del\"");
     EXPECT_EQ(call({{"op", "device.flush"}}).value("ok", false), true);
     EXPECT_EQ(call({{"op", "device.show"}})["records"].size(), 0u);
 }

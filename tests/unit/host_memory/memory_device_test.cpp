@@ -3,6 +3,7 @@
 
 #include "host/device/memory/memory_device.h"
 #include "host/device/memory/memory_record.h"
+#include "host/device/memory/rule_record.h"
 #include "host/option/option.h"
 #include "platform/dev_sync.h"
 #include "tests/unit/host_memory/fake_view.h"
@@ -118,6 +119,162 @@ TEST(MemoryDevice, ACountOfZeroRemovesAllFailures) {
     device.faultAdd(fault);
     EXPECT_EQ(device.add(7, 1501, a.data()), 0);
     EXPECT_EQ(device.show()["faults"], 0);
+}
+
+using RuleRecord = MemoryDevice::RuleRecord;
+
+RuleRecord ruleRecord(uint16_t aclNum, uint8_t ruleNum, uint8_t mark = 0) {
+    RuleRecord made{};
+    made[ACL_DEV_LST_IDX + 2] = static_cast<uint8_t>(aclNum >> 8);
+    made[ACL_DEV_LST_IDX + 3] = static_cast<uint8_t>(aclNum);
+    made[ACL_DEV_RULE_IDX + 3] = ruleNum;
+    made[ACL_DEV_DIR] = mark;
+    return made;
+}
+
+TEST(MemoryDevice, ARulesDeleteFindsItsAddByInterfaceAclAndRule) {
+    MemoryDevice device(1);
+    const RuleRecord a = ruleRecord(1501, 10, 1), b = ruleRecord(1501, 20, 2), c = ruleRecord(1502, 10, 3);
+    const RuleRecord del = ruleRecord(1501, 10);
+    for (const RuleRecord *pEntry : {&a, &b, &c}) {
+        EXPECT_EQ(device.rule(7, ACL_DEV_RULE_ADD, pEntry->data()), 0) << "capacity is not about rules";
+    }
+    EXPECT_EQ(device.rule(8, ACL_DEV_RULE_ADD, a.data()), 0);
+    EXPECT_EQ(device.rule(7, ACL_DEV_RULE_DEL, del.data()), 0);
+    EXPECT_EQ(device.ruleRecords(), (std::map<MemoryDevice::RuleKey, RuleRecord>{
+                                        {{7, 1501, 20}, b}, {{7, 1502, 10}, c}, {{8, 1501, 10}, a}}));
+    EXPECT_EQ(device.rule(7, ACL_DEV_RULE_DEL, del.data()), 0);
+    EXPECT_EQ(device.show()["counters"]["ruleAdds"], 4);
+    EXPECT_EQ(device.show()["counters"]["ruleDels"], 2);
+    EXPECT_EQ(device.show()["counters"]["ruleDelsAbsent"], 1);
+    EXPECT_EQ(device.show()["counters"]["ruleRecords"], 3);
+}
+
+TEST(MemoryDevice, TheRecordOfAWholeAclCoversThoseOfItsRules) {
+    const Record whole = record(7, 1501, 7);
+    const RuleRecord a = ruleRecord(1501, 10), b = ruleRecord(1501, 255), other = ruleRecord(1502, 1);
+    for (const bool isAdd : {true, false}) {
+        MemoryDevice device(0);
+        device.rule(7, ACL_DEV_RULE_ADD, a.data());
+        device.rule(7, ACL_DEV_RULE_ADD, b.data());
+        device.rule(7, ACL_DEV_RULE_ADD, other.data());
+        device.rule(8, ACL_DEV_RULE_ADD, a.data());
+        EXPECT_EQ(isAdd ? device.add(7, 1501, whole.data()) : device.del(7, 1501, whole.data()), 0);
+        EXPECT_EQ(device.ruleRecords().size(), 2u);
+        EXPECT_EQ(device.ruleRecords().count({7, 1502, 1}) + device.ruleRecords().count({8, 1501, 10}), 2u);
+    }
+}
+
+TEST(MemoryDevice, AScriptedFailureOfARuleLeavesTheRecordsAsTheyWere) {
+    MemoryDevice device(0);
+    const RuleRecord a = ruleRecord(1501, 10, 1), b = ruleRecord(1501, 10, 2);
+    ASSERT_EQ(device.rule(7, ACL_DEV_RULE_ADD, a.data()), 0);
+    MemoryFault fault;
+    fault.code = 6;
+    for (const uint32_t command : {ACL_DEV_RULE_ADD, ACL_DEV_RULE_DEL}) {
+        fault.command = command;
+        device.faultAdd(fault);
+        EXPECT_EQ(device.rule(7, command, b.data()), 6);
+        EXPECT_EQ(device.ruleRecords().at({7, 1501, 10}), a);
+    }
+    EXPECT_EQ(device.show()["counters"]["ruleAddErrors"], 1);
+    EXPECT_EQ(device.show()["counters"]["ruleDelErrors"], 1);
+    EXPECT_EQ(device.flush(), "");
+    EXPECT_TRUE(device.ruleRecords().empty());
+}
+
+TEST(MemoryDevice, TellsARecordOfAMemberFromThatOfABoundInterface) {
+    fakeview::reset();
+    MemoryDevice device(0, true);
+    EXPECT_TRUE(device.needsMemberEntries());
+    EXPECT_FALSE(MemoryDevice(0).needsMemberEntries());
+    fakeview::next = {{{"wan", {fakeview::nextHop(7, 1, 1)}}}, false};
+    device.storeChanged();
+    const Record bound = record(7, 1501, 7), member = record(8, 1501, 7), remains = record(8, 1777, 7);
+    ASSERT_EQ(device.add(7, 1501, bound.data()) + device.add(8, 1501, member.data()) +
+                  device.add(8, 1777, remains.data()),
+              0);
+    const json records = device.recordsShow()["records"];
+    EXPECT_EQ(records[0]["member"], false);
+    EXPECT_EQ(records[1]["member"], true);
+    EXPECT_EQ(records[2]["member"], false);
+    EXPECT_EQ(device.del(8, 1501, member.data()), 0);
+    EXPECT_EQ(device.recordsShow()["records"].size(), 2u);
+}
+
+TEST(RuleRecord, NamesEveryFieldInOrderWithItsValue) {
+    RuleRecord entry = ruleRecord(1501, 10);
+    const auto put = [&](uint32_t offset, std::vector<uint8_t> bytes) {
+        std::copy(bytes.begin(), bytes.end(), entry.begin() + offset);
+    };
+    put(ACL_DEV_PROTO_TYPE, {0, 6});
+    put(ACL_DEV_SRC_ADDR, {10, 1, 0, 0});
+    put(ACL_DEV_SRC_STR_PREFIX, {255, 255});
+    put(ACL_DEV_SRC_PREFIX, {16});
+    put(ACL_DEV_IP_VER, {1});
+    put(ACL_DEV_DEST_PORT, {1, 187, 1, 188});
+    put(ACL_DEV_BITS, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
+    put(ACL_DEV_ACTION, {0x01, 0x01}); // bits 7 and 15
+    put(ACL_DEV_NEW_PRIORITY, {0, 0, 0, 3});
+    put(ACL_DEV_IPV4_NEXT_HOPS, {192, 0, 2, 1, 192, 0, 2, 2});
+    const json shown = ruleRecordShow(999999, entry.data());
+    EXPECT_EQ(shown["interface"], "if999999");
+    EXPECT_EQ(shown["acl"], 1501);
+    EXPECT_EQ(shown["rule"], 10);
+    EXPECT_EQ(shown["actions"], json({"next-hops-ipv4", "priority"}));
+    EXPECT_EQ(shown["hex"].get<std::string>().size(), 1016u);
+    EXPECT_EQ(shown["hex"].get<std::string>().substr(0, 12), "000600000a01");
+    std::map<std::string, json> values;
+    uint32_t before = 0;
+    for (const json &field : shown["fields"]) {
+        EXPECT_GE(field["offset"], before);
+        before = field["offset"];
+        EXPECT_TRUE(values.emplace(field["name"], field["value"]).second) << field;
+    }
+    EXPECT_EQ(values.size(), 70u);
+    EXPECT_EQ(values["protoType"], 6);
+    EXPECT_EQ(values["srcAddr"], "10.1.0.0");
+    EXPECT_EQ(values["srcStrPrefix"], "ffff0000000000000000000000000000");
+    EXPECT_EQ(values["srcPrefix"], 16);
+    EXPECT_EQ(values["destPort"], 443);
+    EXPECT_EQ(values["destEndPort"], 444);
+    EXPECT_EQ(values["bits"], json({95}));
+    EXPECT_EQ(values["action"], json({7, 15}));
+    EXPECT_EQ(values["newPriority"], 3);
+    EXPECT_EQ(values["ipv4NextHop1"], "192.0.2.1");
+    EXPECT_EQ(values["ipv4NextHop2"], "192.0.2.2");
+    EXPECT_EQ(values["lstIdx"], 1501);
+    EXPECT_EQ(values["ruleIdx"], 10);
+}
+
+TEST(RuleRecord, NamesFollowTheProtocolTheVersionAndTheAction) {
+    RuleRecord entry = ruleRecord(3501, 1);
+    entry[ACL_DEV_IP_VER] = 2;
+    entry[ACL_DEV_PROTO_SUB_TYPE + 1] = 1;
+    entry[ACL_DEV_SRC_ADDR] = 0x20;
+    entry[ACL_DEV_ACTION] = 0x08; // bit 4
+    entry[ACL_DEV_IPV4_NEXT_HOPS + 3] = 9;
+    std::map<std::string, json> values;
+    const json shown = ruleRecordShow(7, entry.data());
+    for (const json &field : shown["fields"]) {
+        values[field["name"]] = field["value"];
+    }
+    EXPECT_EQ(values["srcAddr"], "2000::");
+    EXPECT_EQ(values["outIfUnit"], 9);
+    for (const char *pName : {"icmpType", "icmpCode", "hopLimit", "trafficClass"}) {
+        EXPECT_EQ(values.count(pName), 1u) << pName;
+    }
+    entry[ACL_DEV_IP_VER] = 0;
+    EXPECT_EQ(ruleRecordShow(7, entry.data())["fields"][2]["value"], "20000000000000000000000000000000");
+}
+
+TEST(MemoryRecord, NamesEveryFieldAsPublished) {
+    std::string names;
+    const json shown = memoryRecordShow(record(7, 1501, 7, {10, 0, 0, 1}).data());
+    for (const json &field : shown["fields"]) {
+        names += field["name"].get<std::string>() + " ";
+    }
+    EXPECT_EQ(names, "ifUnit lstIndex direction action newIpPri vrfId nextHops ");
 }
 
 TEST(MemoryDevice, ShowsDesiredEntriesBesideRecords) {

@@ -5,9 +5,15 @@
 #include <mutex>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
+#include "host/device/device.h"
 #include "host/ifnet/ifnet.h"
+#include "host/option/option.h"
 #include "lab.h"
+#include "platform/acl_dev_entry.h"
 #include "platform/qrv_if.h"
+#include "platform/qrv_if_agg.h"
 
 namespace {
 
@@ -85,6 +91,7 @@ TEST(Ifnet, AProtocolIsRememberedPerInterface) {
 
 TEST(Ifnet, EntriesLiveOnTheAggregationDevice) {
     lab::inNamespace([] {
+        ASSERT_EQ(host::optionLoad({"host.device=memory"}, ""), "");
         ASSERT_EQ(host::ifnetStart(), "");
         for (uint32_t function : {0x03E80135u, 0x03E80136u}) {
             uint8_t request[20];
@@ -101,13 +108,47 @@ TEST(Ifnet, EntriesLiveOnTheAggregationDevice) {
     });
 }
 
-TEST(Ifnet, RuleRecordsAreAcceptedAndCounted) {
+TEST(Ifnet, MembersNeedEntriesOfTheirOwnWhenTheMemoryDeviceIsToldSo) {
     lab::inNamespace([] {
+        ASSERT_EQ(host::optionLoad({"host.device=memory", "host.memory-member-entries=on"}, ""), "");
         ASSERT_EQ(host::ifnetStart(), "");
-        uint8_t desc[32] = {};
-        EXPECT_EQ(qrvIfSetApi(1, QRV_IF_RULE_DEVICE, desc), 0);
-        EXPECT_EQ(qrvIfSetApi(1, QRV_IF_RULE_DEVICE, desc), 0);
+        AggDispatchReq request{};
+        request.function = AGG_PORT_REMOVED;
+        EXPECT_EQ(qrvIfGetApi(1, QRV_IF_HWAPIFUNCDISPATCH, &request), 0);
+        EXPECT_EQ(request.answer, AGG_MEMBER_ENTRIES);
+    });
+}
+
+TEST(Ifnet, RuleRecordsGoToTheDeviceAndAreCounted) {
+    lab::inNamespace([] {
+        ASSERT_EQ(host::optionLoad({"host.device=memory"}, ""), "");
+        ASSERT_EQ(host::ifnetStart(), "");
+        const std::vector<uint8_t> entry(ACL_DEV_ENTRY_BYTES);
+        PbrDevRuleDesc desc{ACL_DEV_RULE_ADD, entry.data(), 0, ACL_DEV_ENTRY_BYTES, {}};
+        EXPECT_EQ(qrvIfSetApi(1, QRV_IF_RULE_DEVICE, &desc), 0);
+        EXPECT_EQ(host::hostDevice().recordsShow()["ruleRecords"].size(), 1u);
+        desc.type = ACL_DEV_RULE_DEL;
+        EXPECT_EQ(qrvIfSetApi(1, QRV_IF_RULE_DEVICE, &desc), 0);
+        EXPECT_EQ(host::hostDevice().recordsShow()["ruleRecords"].size(), 0u);
         EXPECT_EQ(host::ifnetCounters().ruleRecords, 2u);
+    });
+}
+
+TEST(Ifnet, ADescriptorWithoutARuleRecordIsRefused) {
+    lab::inNamespace([] {
+        ASSERT_EQ(host::optionLoad({"host.device=memory"}, ""), "");
+        ASSERT_EQ(host::ifnetStart(), "");
+        const std::vector<uint8_t> entry(ACL_DEV_ENTRY_BYTES);
+        const PbrDevRuleDesc good{ACL_DEV_RULE_ADD, entry.data(), 0, ACL_DEV_ENTRY_BYTES, {}};
+        PbrDevRuleDesc noRecord = good, tooShort = good, otherType = good;
+        noRecord.pEntry = nullptr;
+        tooShort.len = ACL_DEV_ENTRY_BYTES - 1;
+        otherType.type = 1;
+        for (PbrDevRuleDesc *pDesc : {&noRecord, &tooShort, &otherType}) {
+            EXPECT_NE(qrvIfSetApi(1, QRV_IF_RULE_DEVICE, pDesc), 0);
+        }
+        EXPECT_EQ(host::ifnetCounters().refused, 3u);
+        EXPECT_EQ(host::ifnetCounters().ruleRecords, 0u);
     });
 }
 
