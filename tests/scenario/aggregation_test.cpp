@@ -53,7 +53,8 @@ TEST_F(Aggregation, AJoiningPortGetsTheEntriesThatAreInTheDeviceAndALeavingOneLo
     program();
     receive(memberAdded(AGG, OTHER));
     EXPECT_EQ(then({"ASK 5 added"}, member("ADD", OTHER)), work());
-    const char *const pOut = "act=4 pri=0 vrf=0 hops=00000063", *const pHops = "act=0 pri=0 vrf=0 hops=0a000001,0a000002";
+    const char *const pOut = "act=4 pri=0 vrf=0 hops=00000063";
+    const char *const pHops = "act=0 pri=0 vrf=0 hops=0a000001,0a000002";
     EXPECT_EQ((Plane{{{AGG, 1501}, pHops}, {{AGG, 1502}, pOut}, {{PORT, 1502}, pOut}, {{OTHER, 1501}, pHops},
                      {{OTHER, 1502}, pOut}}),
               calls());
@@ -218,7 +219,8 @@ TEST_F(Aggregation, AVanishingAggregationLosesItsBindingAndItsMembersKeepTheirEn
     receive(memberAdded(AGG, PORT));
     clear();
     receive(interfaceGone(AGG));
-    EXPECT_EQ(then(released(), {"DEL 5/1502 act=4 if=99", "UNWATCH A", "UNWATCH B", "DEL 5/1501 act=0 hops=A,B", "OFF 5"}),
+    EXPECT_EQ(then(released(), {"DEL 5/1502 act=4 if=99", "UNWATCH A", "UNWATCH B", "DEL 5/1501 act=0 hops=A,B",
+                                "OFF 5"}),
               work());
     EXPECT_TRUE(mirror().lists().empty());
     receive(memberRemoved(AGG, PORT)); // too late: there is no policy to ask with

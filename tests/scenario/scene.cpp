@@ -182,7 +182,8 @@ std::string Scene::statuses(const std::string &list, uint32_t index) {
     const PbrNodeEntry *pNode = nodeOf(list, index);
     std::string out;
     for (const PbrIfEntry *pIf = pbrIfEntryFirst(); pIf != nullptr; pIf = pbrIfEntryNext(pIf)) {
-        for (const PbrIfNodeEntry *pLink = pbrIfIfNodeFirst(pIf); pLink != nullptr; pLink = pbrIfIfNodeNext(pIf, pLink)) {
+        for (const PbrIfNodeEntry *pLink = pbrIfIfNodeFirst(pIf); pLink != nullptr;
+             pLink = pbrIfIfNodeNext(pIf, pLink)) {
             if (pLink->pPbrNode == pNode) {
                 out += textOf("%s%u:%u", out.empty() ? "" : " ", pIf->ifUnit, pbrIfNodeHwStatusGet(pLink));
             }
