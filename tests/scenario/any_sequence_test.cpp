@@ -2,6 +2,7 @@
 // world imply: the answer is recomputed here from what the test itself did, never from the store.
 #include <random>
 
+#include "tests/scenario/events.h"
 #include "tests/scenario/world.h"
 
 namespace {
@@ -13,15 +14,18 @@ struct NodeModel {
     Kind kind;
     uint32_t rangeId; // 0: none
     std::vector<std::string> hops;
+    uint32_t probed = 0; // its first next hop's probe, 0: none
 };
 
 class AnySequence : public World, public ::testing::WithParamInterface<uint32_t> {
 protected:
-    static constexpr uint32_t UNITS = 4, PEERS = 4, RANGES = 2;
+    static constexpr uint32_t UNITS = 4, PEERS = 4, RANGES = 2, PROBES = 2, AGGREGATION = 3;
 
     void SetUp() override {
         World::SetUp();
         random_.seed(GetParam());
+        fake::answer("aggAnswer", 1);
+        fake::answer("qrvSelfSysIndex", events::OWN_SYSTEM);
         uint32_t acl = 1001;
         for (const char *pList : {"a", "b", "c"}) {
             for (uint32_t index : {5u, 10u, 15u, 20u}) {
@@ -30,6 +34,7 @@ protected:
         }
     }
     uint32_t pick(uint32_t count) { return std::uniform_int_distribution<uint32_t>(0, count - 1)(random_); }
+    static std::string probeName(uint32_t n) { return "probe" + std::to_string(n); }
     static std::string address(uint32_t n) { return "10.0.0." + std::to_string(n + 1); }
 
     void addNode(const std::string &list, uint32_t index, uint32_t acl) {
@@ -45,6 +50,12 @@ protected:
                 node.hops.push_back(address((start + i) % PEERS));
             }
             haveHops(list, index, node.hops);
+            node.probed = pick(3) == 0 ? 1 + pick(PROBES) : 0;
+            if (node.probed != 0) {
+                ASSERT_EQ(PBR_OK, hopText(list, index, 1, PBR_NEXT_HOP_NQA_ADMIN_NAME, "ops"));
+                ASSERT_EQ(PBR_OK, hopText(list, index, 1, PBR_NEXT_HOP_NQA_TEST_NAME, probeName(node.probed)));
+                ASSERT_EQ(PBR_OK, hopSet(list, index, 1, PBR_ROW_ACTIVE));
+            }
             ASSERT_EQ(PBR_OK, nodeSet(list, index, PBR_NODE_IS_ECMP, node.kind == ECMP ? 1 : 0));
         }
         if (node.rangeId != 0) {
@@ -65,7 +76,9 @@ protected:
         }
         std::string up;
         for (const std::string &hop : node.hops) {
-            if (isUp(hop)) {
+            const bool isHeld = &hop == &node.hops[0] && node.kind == SINGLE && node.probed != 0 &&
+                                passing_.count(node.probed) == 0;
+            if (isUp(hop) && !isHeld) {
                 up += static_cast<char>('A' + hop.back() - '1');
             }
         }
@@ -84,33 +97,91 @@ protected:
 
     // One random command or event; its name.
     std::string step() {
-        const uint32_t unit = 1 + pick(UNITS), what = pick(100);
-        if (what < 35) {
-            const std::string hop = address(pick(PEERS));
-            const bool up = pick(2) == 1;
-            peer(hop, up);
-            return hop + (up ? " up" : " down");
+        const uint32_t what = pick(100);
+        if (what < 30) {
+            return peerStep();
         }
-        if (what < 40) {
-            peerChanges(address(pick(PEERS)));
-            return "change";
-        }
-        if (what < 60) {
+        if (what < 50) {
             second();
             return "second";
         }
-        if (what < 70) {
-            const uint32_t id = 1 + pick(RANGES);
-            const bool isActive = pick(2) == 1;
-            isActive ? (void)active_.insert(id) : (void)active_.erase(id);
-            range(id, isActive);
-            return "range";
+        if (what < 65) {
+            return serviceStep();
+        }
+        if (what < 75) {
+            return deviceStep();
         }
         if (what < 80) {
-            failingUnits_.count(unit) != 0 ? (void)failingUnits_.erase(unit) : (void)failingUnits_.insert(unit);
-            return "device";
+            return aclStep();
         }
-        if (what < 92) {
+        return what < 85 ? linkStep() : bindingStep();
+    }
+
+    std::string peerStep() {
+        const std::string hop = address(pick(PEERS));
+        if (pick(8) == 0) {
+            peerChanges(hop);
+            return hop + " change";
+        }
+        const bool up = pick(2) == 1;
+        peer(hop, up);
+        return hop + (up ? " up" : " down");
+    }
+
+    std::string serviceStep() {
+        const uint32_t id = 1 + pick(RANGES);
+        const bool isGood = pick(2) == 1;
+        if (pick(2) == 0) {
+            isGood ? (void)active_.insert(id) : (void)active_.erase(id);
+            range(id, isGood);
+            return "range " + std::to_string(id) + (isGood ? " start" : " stop");
+        }
+        const uint32_t test = 1 + pick(PROBES);
+        isGood ? (void)passing_.insert(test) : (void)passing_.erase(test);
+        receive(events::probe("ops", probeName(test), isGood ? 1 : static_cast<uint8_t>(2 + pick(2))));
+        return probeName(test) + (isGood ? " passes" : " fails");
+    }
+
+    // The device takes or refuses adds or deletes of an interface from now on, or a card starts.
+    std::string deviceStep() {
+        const uint32_t unit = 1 + pick(UNITS), what = pick(4);
+        if (what == 0) {
+            receive(pick(2) == 0 ? events::slotStarted() : events::cardStarted());
+            return "start";
+        }
+        std::set<uint32_t> &failing = what == 1 ? failingDeletes_ : failingUnits_;
+        failing.count(unit) != 0 ? (void)failing.erase(unit) : (void)failing.insert(unit);
+        return (what == 1 ? "deletes " : "adds ") + std::to_string(unit);
+    }
+
+    // One rule or two in a read; the last number belongs to no node.
+    std::string aclStep() {
+        const uint32_t acl = 1001 + pick(13);
+        events::Bytes read = pick(2) == 0 ? events::ruleAdded(acl, 1) : events::ruleRemoved(acl, 1);
+        if (pick(2) == 0) { // two in one read
+            const events::Bytes more = events::ruleAdded(1001 + pick(13), 2);
+            read.insert(read.end(), more.begin(), more.end());
+        }
+        receive(read);
+        return "rules " + std::to_string(acl);
+    }
+
+    std::string linkStep() {
+        const uint32_t unit = 1 + pick(UNITS);
+        switch (pick(5)) {
+        case 0: receive(events::memberAdded(AGGREGATION, 50)); return "member added";
+        case 1: receive(events::memberRemoved(AGGREGATION, 50)); return "member removed";
+        case 2: receive(events::portJoins(unit, AGGREGATION)); break;
+        case 3: receive(events::portReset(unit)); break;
+        default: receive(events::interfaceGone(unit)); break;
+        }
+        bound_.erase(unit);
+        return std::to_string(unit) + " gone";
+    }
+
+    std::string bindingStep() {
+        const uint32_t unit = 1 + pick(UNITS);
+        if (pick(5) < 3) {
             const std::string list(1, static_cast<char>('a' + pick(3)));
             EXPECT_EQ(PBR_OK, bind(unit, list));
             bound_[unit] = list;
@@ -124,7 +195,8 @@ protected:
     std::mt19937 random_;
     std::map<std::string, std::vector<NodeModel>> lists_;
     std::map<uint32_t, std::string> bound_;
-    std::set<uint32_t> active_;
+    std::set<uint32_t> active_;  // time ranges
+    std::set<uint32_t> passing_; // probes
 };
 
 TEST_P(AnySequence, LeavesTheViewRight) {
