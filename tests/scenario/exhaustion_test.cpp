@@ -178,7 +178,9 @@ protected:
         fake::answerNth("silMemPoolAlloc", node, 0);
         EXPECT_EQ(PBR_ERR_BIND, ifList(unit, "a"));
     }
-    static Lines firstOf(const Lines &all, size_t count) { return Lines(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count)); }
+    static Lines firstOf(const Lines &all, size_t count) {
+        return Lines(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count));
+    }
 };
 
 TEST_P(HalfBinding, KeepsWhatWasDoneUpToTheMissingLinkAndNoMore) {
