@@ -40,9 +40,16 @@ struct LinkInfo {
 };
 static_assert(sizeof(LinkInfo) == 24);
 
+// Attributes of QRV_RTM_NEWLINK; the data of each is a u32 interface unit.
+enum QrvRtmLinkAttr : uint16_t {
+    QRV_RTM_LINK_JOINED = 52,       // LinkInfo names a port, the data the aggregation that it joined
+    QRV_RTM_LINK_PORT_ADDED = 66,   // LinkInfo names an aggregation, the data the port added to it
+    QRV_RTM_LINK_PORT_REMOVED = 67, // LinkInfo names an aggregation, the data the port removed from it
+};
+
 struct RtAttr {
     uint16_t length; // attribute header included
-    uint16_t type;   // 52, 66, 67: u32 interface unit follows
+    uint16_t type;   // QrvRtmLinkAttr; others are skipped
 };
 static_assert(sizeof(RtAttr) == 4);
 

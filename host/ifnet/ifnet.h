@@ -2,8 +2,11 @@
 //
 // Kept by a dump and the kernel's link notifications on the event thread; answers the daemon's interface
 // layer (platform/qrv_if.h) and the host's services. When notifications were lost the links are read
-// anew and the differences reported. Link messages for the daemon (types 32 and 34) will be published
-// from the same place that calls ifnetOnChange (ifnet_links.cpp, report).
+// anew and the differences reported. Every change is told to the host's services (ifnetOnChange) and, when
+// it is one that the daemon knows, published as link messages (link_messages.h).
+//
+// Aggregations are bridges, bonds and teams: their ports receive for them, so a policy belongs on the
+// aggregation. A VRF's interfaces are no ports: they receive for themselves.
 #ifndef HOST_IFNET_IFNET_H
 #define HOST_IFNET_IFNET_H
 
@@ -20,6 +23,7 @@ struct IfnetLink {
     std::string name;
     bool up = false;     // administratively up and with carrier
     bool hasNeighbours = true; // false: no address resolution on it (point-to-point, loopback, NOARP)
+    uint32_t aggregation = 0;  // unit of the aggregation of which it is a port; 0: none
     bool operator==(const IfnetLink &) const = default;
 };
 
@@ -27,7 +31,8 @@ std::optional<IfnetLink> ifnetByUnit(uint32_t unit);           // any thread
 std::optional<IfnetLink> ifnetByName(const std::string &name); // any thread
 std::vector<IfnetLink> ifnetAll();                             // any thread; ascending units
 
-// The name of a unit; "if" and the number for one that does not exist.
+// The name of a unit; of one that is gone, its last name while the daemon still has a policy on it; else
+// "if" and the number.
 std::string ifnetName(uint32_t unit);
 
 // Calls `changed(link)` on the event thread when a link comes, changes (name, up) or goes (up = false, name kept).

@@ -51,19 +51,21 @@ int32_t protocolEnable(uint32_t ifUnit, uint32_t protocol) {
     return DONE;
 }
 
-// A unit that is gone is forgotten all the same: its number may come back as another interface.
+// Of a unit that is gone too: what was on is off then, and its number may come back as another interface.
 int32_t protocolDisable(uint32_t ifUnit, uint32_t protocol) {
+    bool wasOn = false;
     {
         const std::lock_guard guard(layer().lock);
         const auto found = layer().protocols.find(ifUnit);
         if (found != layer().protocols.end()) {
-            found->second.erase(protocol);
+            wasOn = found->second.erase(protocol) != 0;
             if (found->second.empty()) {
                 layer().protocols.erase(found);
             }
         }
     }
-    if (!host::ifnetByUnit(ifUnit)) {
+    host::ifnetPolicyForget(ifUnit);
+    if (!wasOn && !host::ifnetByUnit(ifUnit)) {
         return refuse(ifUnit, QRV_IF_PROTO_DISABLE, "no such interface");
     }
     const std::lock_guard guard(layer().lock);
@@ -105,6 +107,23 @@ std::vector<uint32_t> ifnetProtocols(uint32_t unit) {
     const auto found = layer().protocols.find(unit);
     return found == layer().protocols.end() ? std::vector<uint32_t>()
                                             : std::vector<uint32_t>(found->second.begin(), found->second.end());
+}
+
+bool ifnetHasPolicy(uint32_t unit) {
+    const std::lock_guard guard(layer().lock);
+    const auto found = layer().protocols.find(unit);
+    return found != layer().protocols.end() && found->second.count(QRV_PROTO_POLICY_ROUTE) != 0;
+}
+
+std::vector<uint32_t> ifnetPolicyUnits() {
+    const std::lock_guard guard(layer().lock);
+    std::vector<uint32_t> units;
+    for (const auto &[unit, protocols] : layer().protocols) {
+        if (protocols.count(QRV_PROTO_POLICY_ROUTE) != 0) {
+            units.push_back(unit);
+        }
+    }
+    return units;
 }
 
 } // namespace host

@@ -1,4 +1,8 @@
-// The links: dump, notifications, look-ups. See ifnet.h.
+// The links: dump, notifications, look-ups, and the messages about them. See ifnet.h.
+//
+// The links that are there at the start are no news: nothing is published about them. When the bus lost
+// messages for the daemon, it is told again what would keep a policy where it cannot act: units that are
+// gone, and ports that joined an aggregation after they were bound.
 //
 // The map is written on the event thread (and by ifnetStart before it is watched) and read anywhere,
 // under one mutex that is never held while callbacks run.
@@ -15,8 +19,10 @@
 #include <mutex>
 #include <utility>
 
+#include "host/bus/bus.h"
 #include "host/event/event_loop.h"
 #include "host/ifnet/ifnet_state.h"
+#include "host/ifnet/link_messages.h"
 #include "host/logging/host_log.h"
 #include "host/netlink/netlink_monitor.h"
 #include "host/netlink/netlink_socket.h"
@@ -30,6 +36,8 @@ using Links = std::map<uint32_t, IfnetLink>;
 struct State {
     std::mutex lock;
     Links links;                                                 // under lock
+    std::map<uint32_t, std::string> goneNames;                   // under lock; of units with a policy
+    std::map<uint32_t, uint32_t> joinedBound;                    // under lock; port with a policy -> what it joined
     std::vector<std::function<void(const IfnetLink &)>> changed; // under lock
     std::atomic<uint64_t> resyncs{0};
     std::unique_ptr<NetlinkSocket> pSocket;   // event thread after start
@@ -44,6 +52,13 @@ State &state() {
 // With operational state UNKNOWN (tun, loopback) the kernel says RUNNING too.
 constexpr uint32_t FLAGS_UP = IFF_UP | IFF_RUNNING | IFF_LOWER_UP;
 
+// Whether the link's master is an aggregation, by what the kernel calls its ports.
+bool isPort(const NetlinkAttrs &attrs) {
+    const nlattr *pInfo = attrs.get(IFLA_LINKINFO);
+    const std::string kind = pInfo == nullptr ? "" : NetlinkAttrs(pInfo).string(IFLA_INFO_SLAVE_KIND);
+    return kind == "bridge" || kind == "bond" || kind == "team";
+}
+
 std::optional<IfnetLink> linkOf(const nlmsghdr *pMessage) {
     const ifinfomsg *pInfo = netlinkHeader<ifinfomsg>(pMessage);
     // Bridges announce their ports' forwarding settings as links of family AF_BRIDGE: not our subject.
@@ -56,11 +71,33 @@ std::optional<IfnetLink> linkOf(const nlmsghdr *pMessage) {
     link.name = attrs.string(IFLA_IFNAME);
     link.up = (pInfo->ifi_flags & FLAGS_UP) == FLAGS_UP;
     link.hasNeighbours = (pInfo->ifi_flags & (IFF_NOARP | IFF_LOOPBACK | IFF_POINTOPOINT)) == 0;
+    link.aggregation = isPort(attrs) ? attrs.u32(IFLA_MASTER).value_or(0) : 0;
     return link;
 }
 
-// Tells a link that came, changed or went. Link messages for the daemon belong here too.
-void report(const IfnetLink &link) {
+// What the operator should know about policies, in the log.
+void policyTell(const std::optional<IfnetLink> &before, const std::optional<IfnetLink> &after) {
+    const IfnetLink &link = after ? *after : *before;
+    if (!ifnetHasPolicy(link.unit)) {
+        return;
+    }
+    const bool hasJoined = after && after->aggregation != 0 && (!before || before->aggregation != after->aggregation);
+    if (!after) {
+        hostLog(LOG_LEVEL_NOTICE, "ifnet", "interface %s (unit %u) is gone and its policy is unbound: bind it again "
+                "when the interface is back", link.name.c_str(), link.unit);
+    } else if (hasJoined) {
+        hostLog(LOG_LEVEL_NOTICE, "ifnet", "interface %s is a port of %s now and its own policy is unbound: bind the "
+                "policy to %s", link.name.c_str(), ifnetName(after->aggregation).c_str(),
+                ifnetName(after->aggregation).c_str());
+        const std::lock_guard guard(state().lock);
+        state().joinedBound[link.unit] = after->aggregation;
+    }
+}
+
+// Tells the services and the daemon a link that came (no `before`), changed, or went (no `after`).
+void report(const std::optional<IfnetLink> &before, const std::optional<IfnetLink> &after) {
+    IfnetLink link = after ? *after : *before;
+    link.up = after && after->up;
     std::vector<std::function<void(const IfnetLink &)>> changed;
     {
         const std::lock_guard guard(state().lock);
@@ -69,22 +106,49 @@ void report(const IfnetLink &link) {
     for (const auto &call : changed) {
         call(link);
     }
+    policyTell(before, after);
+    linkMessagesPublish(linkMessagesOf(before, after));
+}
+
+// The aggregation that a port joined while it had a policy that it still has; 0: none.
+uint32_t joinedWhileBound(uint32_t unit) {
+    const std::lock_guard guard(state().lock);
+    const auto joined = state().joinedBound.find(unit);
+    return joined == state().joinedBound.end() ? 0 : joined->second;
+}
+
+// Messages to the daemon were lost.
+void messagesLost() {
+    for (const uint32_t unit : ifnetPolicyUnits()) {
+        const std::optional<IfnetLink> link = ifnetByUnit(unit);
+        if (!link) {
+            linkMessagesPublish({linkMessage(QRV_RTM_DELLINK_FINAL, unit)});
+        } else if (link->aggregation != 0 && joinedWhileBound(unit) == link->aggregation) {
+            linkMessagesPublish({linkMessage(QRV_RTM_NEWLINK, unit, QRV_RTM_LINK_JOINED, link->aggregation)});
+        }
+    }
 }
 
 void linkSet(const IfnetLink &link) {
+    std::optional<IfnetLink> before;
     {
         const std::lock_guard guard(state().lock);
-        IfnetLink &held = state().links[link.unit];
-        if (held == link) {
+        const auto found = state().links.find(link.unit);
+        if (found != state().links.end()) {
+            before = found->second;
+        }
+        if (before == link) {
             return;
         }
-        held = link;
+        state().links[link.unit] = link;
+        state().goneNames.erase(link.unit);
     }
-    report(link);
+    report(before, link);
 }
 
 void linkGone(uint32_t unit) {
     IfnetLink gone;
+    const bool hasPolicy = ifnetHasPolicy(unit);
     {
         const std::lock_guard guard(state().lock);
         const auto found = state().links.find(unit);
@@ -93,9 +157,11 @@ void linkGone(uint32_t unit) {
         }
         gone = found->second;
         state().links.erase(found);
+        if (hasPolicy) {
+            state().goneNames[unit] = gone.name; // for the daemon's texts while it unbinds
+        }
     }
-    gone.up = false;
-    report(gone);
+    report(gone, std::nullopt);
 }
 
 void receive(const nlmsghdr *pMessage) {
@@ -169,8 +235,19 @@ std::vector<IfnetLink> ifnetAll() {
 }
 
 std::string ifnetName(uint32_t unit) {
-    const std::optional<IfnetLink> link = ifnetByUnit(unit);
-    return link ? link->name : "if" + std::to_string(unit);
+    const std::lock_guard guard(state().lock);
+    const auto found = state().links.find(unit);
+    if (found != state().links.end()) {
+        return found->second.name;
+    }
+    const auto gone = state().goneNames.find(unit);
+    return gone != state().goneNames.end() ? gone->second : "if" + std::to_string(unit);
+}
+
+void ifnetPolicyForget(uint32_t unit) {
+    const std::lock_guard guard(state().lock);
+    state().goneNames.erase(unit);
+    state().joinedBound.erase(unit);
 }
 
 void ifnetOnChange(std::function<void(const IfnetLink &)> changed) {
@@ -218,6 +295,7 @@ std::string ifnetStart() {
         const std::lock_guard guard(state().lock);
         state().links = std::move(links);
     }
+    busOnLoss(messagesLost);
     state().pMonitor->start(hostEventLoop());
     return {};
 }
