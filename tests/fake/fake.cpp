@@ -108,8 +108,24 @@ std::string faultCall() {
     return state().faultCall;
 }
 
+namespace {
+
+std::function<void(const std::string &)> &watcherOf() {
+    static std::function<void(const std::string &)> one;
+    return one;
+}
+
+} // namespace
+
+void watch(std::function<void(const std::string &line)> watcher) {
+    watcherOf() = std::move(watcher);
+}
+
 void record(const std::string &line) {
     state().trace.push_back(line);
+    if (watcherOf()) {
+        watcherOf()(line);
+    }
 }
 
 int64_t quiet(const char *name, const std::string &line, int64_t normal) {

@@ -43,6 +43,8 @@ std::vector<std::string> takeTrace();
 std::vector<std::string> takeCalls();
 std::vector<std::string> takeTexts();
 // takeCalls and takeTexts discard the lines of the other kind too.
+// Shows every line to the watcher as it is written, also after a reset; null ends it.
+void watch(std::function<void(const std::string &line)> watcher);
 
 // ---- answers ----
 void answer(const std::string &call, int64_t value);                     // from now on
