@@ -26,6 +26,19 @@ PUBLISHED(NextHopCommand, ANextHopIsMadeAddressedSwitchedAndDestroyed) {
     }
 }
 
+PUBLISHED(NextHopCommand, SynchronisedByteStringsAreToldWithTheirOwnOrigin) {
+    s.start();
+    haveVersion(s, 1);
+    s.hop("a", 10, 1, "10.0.0.1");
+    EXPECT_EQ(0u, s.setBytes(20, A10H1, 2, api_test::address("10.0.0.2")));
+    EXPECT_EQ(0u, s.setBytes(20, A10H1, 4, "admin"));
+    EXPECT_EQ(0u, s.setBytes(20, A10H1, 5, "icmp"));
+    s.said({hopBytesSync(2, api_test::address("10.0.0.2"), 1), general("_pbrNextHopSetApi ipAddr=10.0.0.2!"),
+            hopBytesSync(4, "admin", 1), hopBytesSync(5, "icmp", 1)});
+    EXPECT_EQ("admin", s.getBytes(18, A10H1, 4, 32).bytes);
+    EXPECT_EQ("icmp", s.getBytes(18, A10H1, 5, 32).bytes);
+}
+
 PUBLISHED(NextHopCommand, AnIpv6AddressIsTold) {
     s.start();
     haveVersion(s, 2);
@@ -234,6 +247,8 @@ PUBLISHED(InterfaceCommand, AShortBufferForTheNameIsRefusedWith22) {
     EXPECT_EQ("list", s.getBytes(15, IF7, 2, 4).bytes);
     EXPECT_EQ(0u, s.getBytes(15, IF7, 3, 4).len);
     s.said({});
+    EXPECT_EQ(0u, s.setBytes(17, IF7, 2, "list"));
+    s.said({ifNameSync("list", 1)});
 }
 
 PUBLISHED(InterfaceCommand, AListThatIsGoneUnderSixteenBindingsIsNotLetGo) {

@@ -17,14 +17,14 @@ inline std::string hopKey(uint32_t hop) { return "node(\"a\",10,mask=0,hop=" + s
 inline std::string hopSync(uint32_t hop, uint32_t value, uint32_t origin = 3) {
     return api_test::syncLine(hopKey(hop), 0x0CC60001, origin, value);
 }
-inline std::string hopBytesSync(uint32_t field, const std::string &bytes) {
-    return api_test::syncBytesLine(hopKey(1), 0x0CC60000 + field, 0x80000003, bytes);
+inline std::string hopBytesSync(uint32_t field, const std::string &bytes, uint32_t origin = 3) {
+    return api_test::syncBytesLine(hopKey(1), 0x0CC60000 + field, 0x80000000 + origin, bytes);
 }
 inline std::string ifSync(uint32_t value, uint32_t origin = 3) {
     return api_test::syncLine("if(7)", 0x04128001, 0x10000000 + origin, value);
 }
-inline std::string ifNameSync(const std::string &list) {
-    return api_test::syncBytesLine("if(7)", 0x04128002, 0x90000003, list);
+inline std::string ifNameSync(const std::string &list, uint32_t origin = 3) {
+    return api_test::syncBytesLine("if(7)", 0x04128002, 0x90000000 + origin, list);
 }
 
 inline const Lines POOLS_MADE = {"silMemPoolInit(\"pbr_if\", 48)",     "silMemPoolInit(\"pbr_list\", 64)",

@@ -98,30 +98,37 @@ void haveNode(Stage &s) {
     s.node("a", 10, {});
 }
 
-PUBLISHED(NodeCommand, EveryFieldIsToldToTheServiceWithItsCodeAndStored) {
+// Every field of a node is set by the command, which comes from the given origin.
+void everyField(Stage &s, uint32_t command, uint32_t origin) {
     s.start();
     s.list("a");
-    EXPECT_EQ(0u, s.set(13, A10, 1, 2));
-    s.said({nodeSync(1, 2)});
-    const uint32_t values[][2] = {{2, 8}, {3, 9}, {5, 3}, {6, 77}, {7, 11}, {8, 1}, {9, 1}, {12, 6}, {1, 1}, {1, 3}};
+    auto sets = [&](uint32_t field, uint32_t value, const Lines &before) {
+        EXPECT_EQ(0u, s.set(command, A10, field, value)) << field;
+        s.said(before + Lines{nodeSync(field, value, origin)});
+    };
+    sets(1, 2, {});
+    const uint32_t values[][2] = {{2, 8}, {3, 9}, {5, 3}, {6, 77}, {7, 11}, {8, 1}, {9, 1}, {1, 1}, {1, 3}};
     for (const auto &value : values) {
-        EXPECT_EQ(0u, s.set(13, A10, value[0], value[1]));
-        s.said({nodeSync(value[0], value[1])});
-        EXPECT_EQ(value[0] == 12 ? 0xFFFFFFFFu : 0u, s.getNumber(12, A10, value[0]).code);
+        sets(value[0], value[1], {});
+        EXPECT_EQ(value[1], s.getNumber(12, A10, value[0]).number) << value[0];
     }
-    EXPECT_EQ(0u, s.set(14, A10, 11, 4));
-    s.said({general("pbrNodeSetApi: pbr list a index 10 vrfid 0."), nodeSync(11, 4, 1)});
-    EXPECT_EQ(0u, s.set(13, A10, 11, 5));
-    s.said({general("pbrNodeSetApi: pbr list a index 10 vrfid 4."), nodeSync(11, 5)});
-    EXPECT_EQ(0u, s.set(13, A10, 4, 1501));
-    s.said({"aclLstGetApi(1501, 4)", nodeSync(4, 1501)});
-    EXPECT_EQ(0u, s.set(13, A10, 10, 1));
-    s.said({nodeSync(10, 1)});
-    EXPECT_EQ(0u, s.set(13, A10, 13, 0));
-    s.said({nodeSync(13, 0)});
-    EXPECT_EQ(0u, s.set(13, A10, 1, 4));
-    s.said({nodeSync(1, 4)});
+    sets(12, 6, {});
+    EXPECT_EQ(0xFFFFFFFFu, s.getNumber(12, A10, 12).code); // stored, not readable
+    sets(11, 4, {general("pbrNodeSetApi: pbr list a index 10 vrfid 0.")});
+    sets(11, 5, {general("pbrNodeSetApi: pbr list a index 10 vrfid 4.")});
+    sets(4, 1501, {"aclLstGetApi(1501, 4)"});
+    sets(10, 1, {});
+    sets(13, 0, {});
+    EXPECT_EQ(0u, s.getNumber(12, A10, 10).number);
+    EXPECT_EQ(0u, s.set(command, A10, 19, 5));
+    s.said({nodeSync(19, 5, origin), general("pbr\ttimerange name pbra-10."), general("pbr bind timerange 5."),
+            "timerangeBind(5, \"pbra-10\", node(\"a\",10,mask=0,hop=0))"});
+    EXPECT_EQ(5u, s.getNumber(12, A10, 19).number);
+    sets(1, 4, {});
 }
+
+PUBLISHED(NodeCommand, EveryFieldThatIsSetIsToldToTheServiceAndStored) { everyField(s, 13, 3); }
+PUBLISHED(NodeCommand, EveryFieldThatIsSynchronisedIsToldWithItsOwnOrigin) { everyField(s, 14, 1); }
 
 PUBLISHED(NodeCommand, MissingPresentAndUsedNodesAreTold) {
     s.start();

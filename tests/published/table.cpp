@@ -132,7 +132,7 @@ Row parse(uint32_t number, const std::string &line) {
         words >> row.pattern;
     } else if (row.kind == "command" || row.kind == "message" || row.kind == "code") {
         std::string value;
-        words >> value;
+        words >> value >> row.pattern;
         row.number = static_cast<uint32_t>(strtoul(value.c_str(), nullptr, 0));
     } else {
         ADD_FAILURE() << "published.txt:" << number << ": unknown kind";

@@ -14,7 +14,8 @@ struct Row {
     std::string kind;        // its first word
     std::string name;        // the row as written, without reason
     uint32_t number;         // command id, message type, result code; debug bit of a text
-    std::string pattern;     // of the whole trace line; of a printed or console text, in C escapes
+    std::string pattern;     // of the whole trace line; of a printed or console text, in C escapes; the name of
+                             // a command, message or shell word
     std::string stream;      // of a printed text
     std::string unreachable; // why no input produces it, "" when one does
 };
