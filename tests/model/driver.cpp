@@ -204,7 +204,7 @@ Answer Driver::command(const Command &c) {
     std::vector<uint8_t> buffer;
     if (isGet && hasBytesField(table, c.field)) {
         buffer.resize(c.capacity + 64u);
-        value = {reinterpret_cast<uintptr_t>(buffer.data()), c.capacity};
+        value = {c.hasBuffer ? reinterpret_cast<uintptr_t>(buffer.data()) : 0, c.capacity};
     } else if (c.isBytes) {
         buffer.reserve(c.bytes.size() + 1);
         buffer.assign(c.bytes.begin(), c.bytes.end());

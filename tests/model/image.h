@@ -31,8 +31,12 @@ struct Sink {
     }
     void put(const char *field, const uint8_t *pBytes, size_t count) {
         put(field, static_cast<uint32_t>(count));
-        for (size_t i = 0; i < count; ++i) {
-            put(field, pBytes[i]);
+        for (size_t i = 0; i < count; i += 4) {
+            uint32_t four = 0;
+            for (size_t j = i; j < i + 4; ++j) {
+                four = four << 8 | (j < count ? pBytes[j] : 0u);
+            }
+            put(field, four);
         }
     }
     void put(const char *field, const std::string &bytes) {

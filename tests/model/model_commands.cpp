@@ -165,7 +165,7 @@ Answer Model::listGetField(const Command &c) {
     if (c.field == 2) {
         return number(pList->refCnt);
     }
-    if (c.field != 3) {
+    if (c.field != 3 || !c.hasBuffer) {
         return just(FAILED);
     }
     Row row = {c.capacity, "", false};
@@ -374,7 +374,7 @@ Answer Model::nodeGetField(const Command &c) {
     if (c.field == 19) {
         return number(pNode->range);
     }
-    if (c.field != 15) {
+    if (c.field != 15 || !c.hasBuffer) {
         return just(FAILED);
     }
     Row row = {c.capacity, "", false};
@@ -471,6 +471,7 @@ Answer Model::hopAddress(const Command &c, const Node *pNode, Hop *pHop) {
         debug(BIT_GENERAL, GENERAL, "_pbrNextHopSetApi:nextHop is zero!\r\n");
         return just(0x044B0006);
     }
+    pHop->address.fill(0); // nothing of a longer address stays behind a shorter one
     memcpy(pHop->address.data(), c.bytes.data(), c.bytes.size());
     if (pNode->ipVer == 1) {
         debug(BIT_GENERAL, GENERAL, "_pbrNextHopSetApi ipAddr=%s!\r\n", text4(pHop->address.data()).c_str());
@@ -592,6 +593,9 @@ Answer Model::ifGetField(const Command &c) {
     case 2: return c.capacity < pIf->listName.size() ? just(22) : bytes(pIf->listName);
     case 3: return bytes("");
     case 4: {
+        if (!c.hasBuffer) {
+            return just(FAILED);
+        }
         Row row = {c.capacity, "", false};
         row.put(1, pIf->status);
         row.put(2, pIf->listName);
@@ -622,15 +626,18 @@ Answer Model::scalarGet(const Command &c) {
     case 2: return number(limits_.nodes);
     case 3: return number(listCount);
     case 4: return number(debugFlags_);
-    case 5: return bytes(version.substr(0, c.capacity));
+    case 5: return c.hasBuffer ? bytes(version.substr(0, c.capacity)) : just(BAD_ARGUMENT);
     case 6: {
-        if (c.capacity < 12) {
+        if (c.capacity < 12 || !c.hasBuffer) {
             return just(FAILED);
         }
         const uint32_t words[3] = {ready_.empty() ? 1u : 2u, ready_.empty() ? 0u : 2u, 2};
         return bytes(std::string(reinterpret_cast<const char *>(words), 12));
     }
     case 7: {
+        if (!c.hasBuffer) {
+            return just(FAILED);
+        }
         Row row = {c.capacity, "", false};
         row.put(1, limits_.lists);
         row.put(2, limits_.nodes);
@@ -660,8 +667,15 @@ Answer row(const Key &in, const std::string &list, uint32_t node, uint8_t hop) {
 
 constexpr uint8_t LIST_FIXED = 0x80, NODE_FIXED = 0x40;
 
+// Where a list stands to a key: before it (negative), the key's own (0), behind it. A key may state more
+// bytes than a name has: it then stands behind the list of those bytes.
+int order(const List &list, const Key &key) {
+    const size_t shorter = std::min<size_t>(list.name.size(), key.nameLen);
+    const int bytes = list.name.compare(0, shorter, key.list, 0, shorter);
+    return bytes != 0 ? bytes : static_cast<int>(list.name.size()) - static_cast<int>(key.nameLen);
+}
 bool leftOut(const List &list, const Key &key) {
-    return (key.mask & LIST_FIXED) != 0 && list.name != key.list;
+    return (key.mask & LIST_FIXED) != 0 && order(list, key) != 0;
 }
 bool leftOut(const Node &node, const Key &key) {
     return (key.mask & NODE_FIXED) != 0 && node.index != key.node;
@@ -674,7 +688,7 @@ Answer Model::listWalk(const Command &c, bool next) {
         return just(FAILED);
     }
     for (const auto &list : lists_) {
-        if (!next || list->name > c.key.list) {
+        if (!next || order(*list, c.key) > 0) {
             return row(c.key, list->name, c.key.node, c.key.hop);
         }
     }
@@ -694,11 +708,11 @@ Answer Model::nodeFirst(const Command &c) {
 
 Answer Model::nodeNext(const Command &c) {
     for (const auto &list : lists_) {
-        if (leftOut(*list, c.key) || list->name < c.key.list) {
+        if (leftOut(*list, c.key) || order(*list, c.key) < 0) {
             continue;
         }
         for (const auto &node : list->nodes) {
-            if (!leftOut(*node, c.key) && (list->name != c.key.list || node->index > c.key.node)) {
+            if (!leftOut(*node, c.key) && (order(*list, c.key) > 0 || node->index > c.key.node)) {
                 return row(c.key, list->name, node->index, c.key.hop);
             }
         }
@@ -724,14 +738,14 @@ Answer Model::hopNext(const Command &c) {
     }
     uint8_t lookedAt = 0;
     for (const auto &list : lists_) {
-        if (leftOut(*list, c.key) || list->name < c.key.list) {
+        if (leftOut(*list, c.key) || order(*list, c.key) < 0) {
             continue;
         }
         for (const auto &node : list->nodes) {
             if (leftOut(*node, c.key)) {
                 continue;
             }
-            if (list->name != c.key.list) {
+            if (order(*list, c.key) > 0) {
                 reached("walk: a later list's node");
                 return row(c.key, list->name, node->index, lookedAt);
             }

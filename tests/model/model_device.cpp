@@ -391,10 +391,9 @@ bool Model::ruleActions(std::vector<uint8_t> &entry, const Node *pNode, bool add
                     ++slot;
                 }
             }
-            if (slot == 4) {
-                continue;
+            if (slot < 4) { // a fifth one finds no room and is still told
+                memcpy(&entry[276 + 4 * slot], hop->address.data(), 4);
             }
-            memcpy(&entry[276 + 4 * slot], hop->address.data(), 4);
             ruleHop(what, add && slot != 0, taken, bigEndian(hop->address.data()));
         }
         reached(pNode->ecmp != 0 ? "rule: IPv4 set" : "rule: IPv4");
@@ -413,10 +412,9 @@ bool Model::ruleActions(std::vector<uint8_t> &entry, const Node *pNode, bool add
                     ++slot;
                 }
             }
-            if (slot == 4) {
-                continue;
+            if (slot < 4) {
+                memcpy(&entry[324 + 16 * slot], hop->address.data(), 16);
             }
-            memcpy(&entry[324 + 16 * slot], hop->address.data(), 16);
             ruleHop6(what, taken, hop->address);
         }
         reached(pNode->ecmp != 0 ? "rule: IPv6 set" : "rule: IPv6");

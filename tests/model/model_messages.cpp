@@ -36,7 +36,9 @@ void Model::receive(const std::vector<uint8_t> &read) {
 // False: the rest of the read is dropped.
 bool Model::message(Reading &reading, const uint8_t *p, uint32_t length, uint16_t type, int32_t payloadLen) {
     const uint8_t *pPayload = p + 24;
-    reached(format("message %u", type).c_str());
+    static const uint16_t handled[] = {32, 34, 97, 108, 248, 250, 251, 305, 306, 307, 324, 349, 350};
+    const bool isKnown = std::find(std::begin(handled), std::end(handled), type) != std::end(handled);
+    reached(isKnown ? format("message %u", type).c_str() : "message of another type");
     switch (type) {
     case 32: linkMessage(p, length, payloadLen); return true;
     case 34: linkGone(p, payloadLen); return true;

@@ -15,7 +15,7 @@ constexpr size_t STEPS_SHOWN = 20;
 
 struct Pair {
     Model model;
-    Driver driver;
+    Driver driver; // starts the daemon
     std::vector<std::string> driverTrace;
     Sink modelSink, driverSink;
     Answer modelAnswer, driverAnswer;
@@ -23,56 +23,36 @@ struct Pair {
     explicit Pair(const Limits &limits)
         : model(limits, ruleTranslation()), driver(limits, ruleTranslation()) {}
 
-    void step(const Step &step) {
+    void step(const Step &step, bool toDaemonToo) {
         modelAnswer = driverAnswer = Answer();
         model.trace.clear();
-        switch (step.kind) {
-        case StepKind::Command:
-            modelAnswer = model.command(step.command);
-            driverAnswer = driver.command(step.command);
-            break;
-        case StepKind::Read: {
-            const std::vector<uint8_t> bytes = encode(step.messages);
-            model.deliver(bytes);
-            driver.deliver(bytes);
-            break;
-        }
-        case StepKind::Pass:
-            model.pass(step.number);
-            driver.pass(step.number);
-            break;
-        case StepKind::Range:
-            if (model.ranges() != 0 && driver.ranges() != 0) {
-                model.range(step.index % model.ranges(), step.number);
-                driver.range(step.index % driver.ranges(), step.number);
-            }
-            break;
-        case StepKind::Arm:
-            model.arm(step.call, step.number, step.value);
-            driver.arm(step.call, step.number, step.value);
-            break;
-        case StepKind::Answer:
-            model.answer(step.call, step.value);
-            driver.answer(step.call, step.value);
-            break;
-        case StepKind::Acl:
-            model.aclExists(step.index, step.number != 0);
-            driver.aclExists(step.index, step.number != 0);
-            break;
-        case StepKind::SelfLog:
-            model.selfLog(step.number);
-            driver.selfLog(step.number);
-            break;
-        case StepKind::Waiting:
-            model.waiting(step.index, step.number);
-            driver.waiting(step.index, step.number);
-            break;
+        give(step, model, modelAnswer);
+        if (toDaemonToo) {
+            give(step, driver, driverAnswer);
         }
         driver.takeTrace(driverTrace);
     }
 
+    template <class Side> static void give(const Step &step, Side &side, Answer &answer) {
+        switch (step.kind) {
+        case StepKind::Command: answer = side.command(step.command); break;
+        case StepKind::Read: side.deliver(encode(step.messages)); break;
+        case StepKind::Pass: side.pass(step.number); break;
+        case StepKind::Range:
+            if (side.ranges() != 0) {
+                side.range(step.index % side.ranges(), step.number);
+            }
+            break;
+        case StepKind::Arm: side.arm(step.call, step.number, step.value); break;
+        case StepKind::Answer: side.answer(step.call, step.value); break;
+        case StepKind::Acl: side.aclExists(step.index, step.number != 0); break;
+        case StepKind::SelfLog: side.selfLog(step.number); break;
+        case StepKind::Waiting: side.waiting(step.index, step.number); break;
+        }
+    }
+
     bool isSame() {
-        if (model.trace != driverTrace || text(modelAnswer) != text(driverAnswer)) {
+        if (model.trace != driverTrace || modelAnswer != driverAnswer) {
             return false;
         }
         write(false);
@@ -114,7 +94,7 @@ std::string differingLines(const std::vector<std::string> &model, const std::vec
 
 std::string Pair::difference() {
     std::string out;
-    if (text(modelAnswer) != text(driverAnswer)) {
+    if (modelAnswer != driverAnswer) {
         out += "  answers\n    model:  " + text(modelAnswer) + "\n    daemon: " + text(driverAnswer) + "\n";
     }
     if (model.trace != driverTrace) {
@@ -138,9 +118,10 @@ std::string lastSteps(const Sequence &sequence, size_t at) {
     return out;
 }
 
-} // namespace
+constexpr size_t NO_STEP = SIZE_MAX;
 
-std::string run(const Sequence &sequence, Reached *pReached) {
+// missing: the step that only the model is given.
+std::string runPair(const Sequence &sequence, Reached *pReached, size_t missing) {
     static const bool isVerbose = getenv("POLICYROUTE_MODEL_VERBOSE") != nullptr;
     Pair pair(sequence.limits);
     pair.model.pReached = pReached;
@@ -148,7 +129,12 @@ std::string run(const Sequence &sequence, Reached *pReached) {
         if (isVerbose) { // before the step, for one that crashes
             fprintf(stderr, "seed %llu step %zu: %s\n", static_cast<unsigned long long>(sequence.seed), i, text(sequence.steps[i]).c_str());
         }
-        pair.step(sequence.steps[i]);
+        pair.step(sequence.steps[i], i != missing);
+        if (pReached != nullptr) {
+            static const char *const kinds[] = {"step: command", "step: read", "step: pass", "step: time range", "step: fault",
+                                                "step: answer", "step: ACL", "step: self-log", "step: a link waits"};
+            ++(*pReached)[kinds[static_cast<size_t>(sequence.steps[i].kind)]];
+        }
         const bool misused = testing::Test::HasFailure();
         if (!pair.isSame() || misused) {
             return "seed " + std::to_string(sequence.seed) + ", limits " + std::to_string(sequence.limits.lists) + " lists, " +
@@ -158,6 +144,16 @@ std::string run(const Sequence &sequence, Reached *pReached) {
         }
     }
     return "";
+}
+
+} // namespace
+
+std::string run(const Sequence &sequence, Reached *pReached) {
+    return runPair(sequence, pReached, NO_STEP);
+}
+
+std::string runWithout(const Sequence &sequence, size_t step) {
+    return runPair(sequence, nullptr, step);
 }
 
 Sequence shorten(const Sequence &sequence) {

@@ -15,6 +15,9 @@ using Reached = std::map<std::string, uint64_t>;
 // pReached: counts what the model reached; may be null.
 std::string run(const Sequence &sequence, Reached *pReached);
 
+// The same, but the daemon is not given one of the steps: proves that the comparison sees.
+std::string runWithout(const Sequence &sequence, size_t step);
+
 // The sequence without the steps that the difference does not need.
 Sequence shorten(const Sequence &sequence);
 

@@ -156,7 +156,7 @@ std::string text(const Step &step) {
         } else {
             out += " number " + std::to_string(c.number);
         }
-        return out + " capacity " + std::to_string(c.capacity);
+        return out + " capacity " + std::to_string(c.capacity) + (c.hasBuffer ? "" : " no buffer");
     }
     case StepKind::Read: {
         std::string out = "a read arrives:";

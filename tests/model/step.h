@@ -15,6 +15,7 @@ struct Key {
     uint32_t node = 0;
     uint8_t mask = 0, hop = 0;
     uint32_t unit = 0;
+    bool operator==(const Key &) const = default;
 };
 
 // A command of the command map.
@@ -26,6 +27,7 @@ struct Command {
     uint32_t number = 0;       // value of a set
     std::string bytes;         // value of a set
     uint32_t capacity = 0;     // of a get of bytes
+    bool hasBuffer = true;     // of a get of bytes
 };
 
 // What a command answered.
@@ -37,6 +39,7 @@ struct Answer {
     std::string bytes;
     bool hasKey = false;       // a walk wrote a key
     Key key;
+    bool operator==(const Answer &) const = default;
 };
 std::string text(const Answer &answer);
 
