@@ -14,6 +14,7 @@
 #include "cli/apply.h"
 #include "cli/change.h"
 #include "cli/errors.h"
+#include "cli/event.h"
 #include "cli/numbers.h"
 #include "cli/raw.h"
 #include "cli/shell.h"
@@ -255,6 +256,46 @@ void otherAdd(CLI::App &app, Context &context) {
     });
 }
 
+void eventAdd(CLI::App &app, Context &context) {
+    CLI::App *pEvent = app.add_subcommand("event", "Tell the daemon what its hardware would tell");
+    pEvent->require_subcommand(1);
+    auto pOptions = holder<EventOptions>();
+    using Event = void (*)(Daemon &, const EventOptions &, bool, std::ostream &);
+    const auto declare = [&](const char *pName, const char *pHelp, Event event) {
+        CLI::App *pSub = pEvent->add_subcommand(pName, pHelp);
+        runs(context, pSub, [=, &context] { event(context.daemon(), *pOptions, context.json, context.out); });
+        return pSub;
+    };
+    const auto interface = [&](CLI::App *pSub) {
+        pSub->add_option("interface", pOptions->interface, "Name, or unit:N")->required();
+    };
+    CLI::App *pSub = declare("link", "A link is new, or changed its place in an aggregation", eventLink);
+    interface(pSub);
+    CLI::Option *pJoined = pSub->add_option("--joined", pOptions->joined, "It joined this aggregation: loses its policy");
+    CLI::Option *pAdded = pSub->add_option("--added", pOptions->added, "It is an aggregation, this port was added");
+    pSub->add_option("--removed", pOptions->removed, "It is an aggregation, this port was removed")
+        ->excludes(pJoined)
+        ->excludes(pAdded);
+    pJoined->excludes(pAdded);
+    interface(declare("gone", "A link is gone for good: its policy is unbound", eventGone));
+    interface(declare("port-reset", "A port's configuration was reset: its policy is unbound", eventPortReset));
+    const auto number = [&](CLI::App *pHardware, const char *pName, uint32_t &value, const char *pHelp) {
+        pHardware->add_option(pName, value, pHelp);
+    };
+    pSub = declare("card-up", "A line card came up: entries of waiting lists are written again", eventCardUp);
+    number(pSub, "--slot", pOptions->slot, "0..65535; default 0");
+    number(pSub, "--card", pOptions->card, "Its number; default 0");
+    number(pSub, "--type", pOptions->type, "Its type; default 0");
+    pSub = declare("slot-up", "A slot came up: entries of waiting lists are written again", eventSlotUp);
+    number(pSub, "--slot", pOptions->slot, "0..65535; default 0");
+    number(pSub, "--type", pOptions->type, "Its type; default 0");
+    pSub = declare("probe", "A probe's state changed", eventProbe);
+    pSub->add_option("probe", pOptions->probe, "ADMINISTRATOR/TEST")->required();
+    pSub->add_option("status", pOptions->status, "passing, failing or none (no result, counts as failing)")
+        ->required()
+        ->check(CLI::IsMember({"passing", "failing", "none"}));
+}
+
 void shellAdd(CLI::App &app, Context &context) {
     CLI::App *pSub = app.add_subcommand("shell", "The daemon's own diagnostic commands and switches");
     auto pName = holder<std::string>();
@@ -302,7 +343,8 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
     app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, shellAdd, rawAdd}) {
+    for (const auto add : {applyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, eventAdd,
+                           shellAdd, rawAdd}) {
         add(app, context);
     }
     try {

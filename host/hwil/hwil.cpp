@@ -7,9 +7,13 @@
 
 #include <atomic>
 
+#include "platform/qrv_rtm.h"
+
 namespace {
 
-constexpr uint32_t SELF_SYS_INDEX = 1; // a host is always its own first system
+// Card and slot messages carry their length where the system's index is read: those that are a header
+// alone, which holds all that is read of them, are about this host.
+constexpr uint32_t SELF_SYS_INDEX = QRV_RTM_HEADER_BYTES;
 constexpr uint32_t READY = 1;
 
 std::atomic<uint32_t> gProtocol{0};

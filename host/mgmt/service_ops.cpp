@@ -12,6 +12,7 @@
 #include "host/device/device.h"
 #include "host/hrd/hrd_service.h"
 #include "host/ifnet/ifnet.h"
+#include "host/mgmt/event_ops.h"
 #include "host/mgmt/mgmt_args.h"
 #include "host/option/option.h"
 
@@ -160,6 +161,7 @@ void serviceOpsRegister() {
     mgmtRegister("device.records", false, opDeviceRecords);
     mgmtRegister("device.flush", true, opDeviceFlush);
     mgmtRegisterAsync("device.settle", true, opDeviceSettle);
+    eventOpsRegister();
 }
 
 } // namespace host

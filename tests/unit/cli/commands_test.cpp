@@ -308,6 +308,41 @@ TEST_F(Command, TimeRangesAreSwitchedByHand) {
 
 // ---- raw ----
 
+TEST_F(Command, EventsCarryUnitsAndNumbers) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> expected = {
+        {{"link", "lan0"}, R"({"event":"link-new","unit":7})"},
+        {{"link", "lan0", "--joined", "lan1"}, R"({"aggregation":8,"event":"link-joined","unit":7})"},
+        {{"link", "lan0", "--added", "lan1"}, R"({"event":"port-added","port":8,"unit":7})"},
+        {{"link", "lan0", "--removed", "unit:99"}, R"({"event":"port-removed","port":99,"unit":7})"},
+        {{"gone", "unit:99"}, R"({"event":"link-gone","unit":99})"},
+        {{"port-reset", "lan1"}, R"({"event":"port-reset","unit":8})"},
+        {{"card-up"}, R"({"card":0,"event":"card-up","slot":0,"type":0})"},
+        {{"card-up", "--slot", "1", "--card", "2", "--type", "3"}, R"({"card":2,"event":"card-up","slot":1,"type":3})"},
+        {{"slot-up", "--slot", "5", "--type", "6"}, R"({"event":"slot-up","slot":5,"type":6})"},
+        {{"probe", "ops/http", "none"}, R"({"admin":"ops","event":"probe","status":"none","test":"http"})"}};
+    for (const auto &[words, request] : expected) {
+        std::vector<std::string> line = {"event"};
+        line.insert(line.end(), words.begin(), words.end());
+        ok(line);
+        EXPECT_EQ(daemon.out, "published: type 7 to group 8, 2 bytes\n");
+        EXPECT_EQ(daemon.log().back(), "event " + request);
+    }
+    ok({"--json", "event", "card-up"});
+    EXPECT_EQ(json::parse(daemon.out), (json{{"type", 7}, {"group", 8}, {"message", "0102"}}));
+}
+
+TEST_F(Command, WrongEventsAreRefused) {
+    refused({"event", "gone", "lan9"}, "interface lan9 does not exist");
+    refused({"event", "link", "lan0", "--added", "lan9"}, "interface lan9 does not exist");
+    for (const std::vector<std::string> &words : std::vector<std::vector<std::string>>{
+             {"event"}, {"event", "card-down"}, {"event", "link"}, {"event", "card-up", "--slot", "x"},
+             {"event", "link", "lan0", "--added", "lan1", "--joined", "lan1"},
+             {"event", "link", "lan0", "--added", "lan1", "--removed", "lan1"},
+             {"event", "probe", "ops", "passing"}, {"event", "probe", "a/b", "perhaps"}}) {
+        usage(words);
+    }
+}
+
 TEST_F(Command, TheShellsOutputComesByteForByte) {
     ok({"shell", "report"});
     EXPECT_EQ(daemon.out, "\n\r one\r\n\ttwo[]");
