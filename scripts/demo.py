@@ -95,6 +95,13 @@ def show(lab, daemon):
     uplink, received = web(lab)
     step("TCP connection to port 80", f"{received} bytes by {NAMES.get(uplink, uplink)}", uplink == "upa")
 
+    say("pbrctl shell pbrInfoShow: the daemon's own report")
+    report = daemon.ctl("shell", "pbrInfoShow").stdout
+    lines = [line for line in report.replace("\r", "\n").split("\n") if line.strip()]
+    print("\n".join(lines))
+    hops = sum("--lan0 " in line and " wan--" in line for line in lines)
+    step("the report has each next hop", f"{hops} of list wan on lan0", hops == 4)
+
     say("uplink A's next hop falls silent (a packet each millisecond meanwhile)")
     moved, took, result = watch(lab, lab.silence, "upb")
     step("failover to uplink B", f"after {took * 1000:.0f} ms, {result['lost']} of {result['sent']} packets lost",
