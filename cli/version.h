@@ -1,10 +1,12 @@
-// The version of pbrctl; the same as the project's in CMakeLists.txt.
+// The version of pbrctl: the project's, from CMakeLists.txt.
 #ifndef CLI_VERSION_H
 #define CLI_VERSION_H
 
+#include "policyroute_version.h"
+
 namespace cli {
 
-constexpr const char *PBRCTL_VERSION = "0.1.0";
+constexpr const char *PBRCTL_VERSION = POLICYROUTE_VERSION;
 
 } // namespace cli
 

@@ -15,10 +15,7 @@
 #include "host/mgmt/event_ops.h"
 #include "host/mgmt/mgmt_args.h"
 #include "host/option/option.h"
-
-#ifndef POLICYROUTE_VERSION
-#define POLICYROUTE_VERSION "0.1.0"
-#endif
+#include "policyroute_version.h"
 
 namespace host {
 

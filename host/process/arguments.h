@@ -7,8 +7,6 @@
 
 namespace host {
 
-constexpr const char *HOST_VERSION = "0.1.0";
-
 struct Arguments {
     std::vector<std::string> options; // of --option, in order
     std::string configFile;           // of --config; empty: the default file

@@ -11,6 +11,7 @@
 #include "host/process/stop_signals.h"
 #include "host/process/unix_listen.h"
 #include "platform/sil_process.h"
+#include "policyroute_version.h"
 
 namespace {
 
@@ -57,7 +58,7 @@ int32_t silProcessArguments(int argc, char **argv) {
         return EXIT_DONE;
     }
     if (arguments.isVersionWanted) {
-        printf("policyrouted %s\n", host::HOST_VERSION);
+        printf("policyrouted %s\n", POLICYROUTE_VERSION);
         return EXIT_DONE;
     }
     std::string error = host::optionLoad(arguments.options, arguments.configFile);
