@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -81,6 +82,20 @@ public:
     // The configuration is complete for now (end of an apply): a plane that keeps adopted state may let
     // go of what is no longer wanted. Event thread. Result: empty, or what could not be made right.
     virtual std::string settle() = 0;
+
+    // Keeps what the plane does for these lists, whatever the store says, until release; more lists may be
+    // added. Event thread. A plane that follows the daemon's calls as they come does nothing.
+    virtual void hold(const std::set<std::string> &) {}
+
+    // Goes from what was held to what the store says now, in one step. Event thread. Result: the entries
+    // of those lists that the plane cannot do; one without list for a failure that concerns none.
+    struct EntryError {
+        std::string list;
+        uint32_t nodeIndex = 0;
+        uint32_t ifUnit = 0;
+        std::string error;
+    };
+    virtual std::vector<EntryError> release() { return {}; }
 
     // Removes everything of ours from the plane. Event thread. Result: empty, or why not.
     virtual std::string flush() = 0;

@@ -39,6 +39,7 @@ using std::chrono::milliseconds;
 
 constexpr uint64_t PERIOD_LEAST_MS = 20;
 constexpr uint64_t PERIOD_MOST_MS = 3600000;
+constexpr milliseconds LINGER{3000};     // a list that is changed leaves its interfaces for a moment
 constexpr milliseconds ASK_SOON{50};     // after an entry vanished; who flushes a table is let finish
 constexpr milliseconds LINK_PERIOD_LEAST{10};
 constexpr milliseconds LINK_PERIOD_MOST{50};
@@ -48,6 +49,8 @@ struct Target;
 
 struct Peer {
     HrdPeerKey key;
+    bool isRegistered = true;
+    EventLoop::TimerId lingerTimer = 0; // runs while it is not registered
     HrdState state = HrdState::Unknown;
     const char *reason = "no answer yet";
     std::optional<FibEgress> egress;
@@ -95,6 +98,9 @@ std::string peerText(const HrdPeerKey &key) {
 // ---- reports ----
 
 void post(const Peer &peer, QrvRtmType type) {
+    if (!peer.isRegistered) {
+        return;
+    }
     HrdPeerMsg message = {};
     std::copy(peer.key.address.begin(), peer.key.address.end(), message.address);
     message.family = peer.key.version == 4 ? 1 : 2;
@@ -143,6 +149,9 @@ Decision decide(const Peer &peer) {
 }
 
 void logTransition(const Peer &peer) {
+    if (!peer.isRegistered) {
+        return;
+    }
     const std::string who = peerText(peer.key);
     const std::string where = peer.egress ? ifnetName(peer.egress->ifIndex) : "no interface";
     if (peer.state == HrdState::Up) {
@@ -169,8 +178,10 @@ bool evaluate(Peer &peer) {
         logTransition(peer);
         postState(peer);
     } else if (moved) {
-        hostLog(LOG_LEVEL_NOTICE, "hrd", "next hop %s changed: %s %s", peerText(peer.key).c_str(),
-                ifnetName(peer.upIfIndex).c_str(), hrdLladdrText(peer.upLladdr).c_str());
+        if (peer.isRegistered) {
+            hostLog(LOG_LEVEL_NOTICE, "hrd", "next hop %s changed: %s %s", peerText(peer.key).c_str(),
+                    ifnetName(peer.upIfIndex).c_str(), hrdLladdrText(peer.upLladdr).c_str());
+        }
         post(peer, QRV_RTM_HRD_CHANGE);
     }
     return turned || moved;
@@ -421,6 +432,15 @@ HrdPeer shown(const Peer &peer) {
     return row;
 }
 
+void lingerEnd(const HrdPeerKey &key) {
+    const std::lock_guard guard(state().lock);
+    const auto found = state().peers.find(key);
+    if (found != state().peers.end() && !found->second->isRegistered) {
+        targetLeave(*found->second);
+        state().peers.erase(found);
+    }
+}
+
 } // namespace
 
 bool hrdRunning() {
@@ -437,26 +457,33 @@ void hrdPeerAdd(const HrdPeerKey &key) {
         pPeer = std::make_unique<Peer>();
         pPeer->key = key;
     }
+    pPeer->isRegistered = true;
+    hostEventLoop().timerStop(std::exchange(pPeer->lingerTimer, 0));
     attach(*pPeer);
     if (!evaluate(*pPeer)) {
         postState(*pPeer); // every registration is answered
     }
 }
 
+// A peer whose registration comes back soon, as when its list is changed, is known at once then.
 void hrdPeerDel(const HrdPeerKey &key) {
     const std::lock_guard guard(state().lock);
     const auto found = state().peers.find(key);
-    if (found != state().peers.end()) {
-        targetLeave(*found->second);
-        state().peers.erase(found);
+    if (found == state().peers.end() || !found->second->isRegistered) {
+        return;
     }
+    found->second->isRegistered = false;
+    found->second->ups = found->second->downs = 0;
+    found->second->lingerTimer = hostEventLoop().timerStart(LINGER, [key] { lingerEnd(key); });
 }
 
 std::vector<HrdPeer> hrdPeers() {
     const std::lock_guard guard(state().lock);
     std::vector<HrdPeer> rows;
     for (const auto &[key, pPeer] : state().peers) {
-        rows.push_back(shown(*pPeer));
+        if (pPeer->isRegistered) {
+            rows.push_back(shown(*pPeer));
+        }
     }
     return rows;
 }
@@ -464,7 +491,9 @@ std::vector<HrdPeer> hrdPeers() {
 bool hrdUndetermined() {
     const std::lock_guard guard(state().lock);
     return std::any_of(state().peers.begin(), state().peers.end(),
-                       [](const auto &entry) { return entry.second->state == HrdState::Unknown; });
+                       [](const auto &entry) {
+                           return entry.second->isRegistered && entry.second->state == HrdState::Unknown;
+                       });
 }
 
 HrdCounters hrdCounters() {

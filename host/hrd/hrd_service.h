@@ -13,7 +13,8 @@
 //   Up        Up           another link-layer address or another egress interface      HRD_CHANGE
 //
 // An entry that merely vanished (flushed by hand, collected) is asked for again and keeps the state until
-// there is an answer or 1.2 x the time of asking is over. The present state is posted after every
+// there is an answer or 1.2 x the time of asking is over. A peer that is registered again within 3 s of
+// its removal is known at once. The present state is posted after every
 // registration too, and again for all peers after messages to the daemon were lost. The links that lead
 // to peers are asked for twenty times a period, because the kernel holds carrier notifications back.
 #ifndef HOST_HRD_HRD_SERVICE_H

@@ -19,7 +19,7 @@ using nlohmann::json;
 
 constexpr const char *SOCKET_PATH = "/tmp/policyroutemgmt.socket";
 
-using Handler = std::function<void(const json &request, MgmtDone done)>;
+using Handler = std::function<void(const json &request, const MgmtClientPtr &client, MgmtDone done)>;
 
 struct Operation {
     bool writes = false;
@@ -60,13 +60,13 @@ Operation operationOf(const json &request) {
                              "\"; known are " + known);
 }
 
-void dispatch(const json &request, PeerRight right, MgmtDone done) {
+void dispatch(const json &request, const MgmtCaller &caller, MgmtDone done) {
     try {
         const Operation operation = operationOf(request);
-        if (right == PeerRight::None || (operation.writes && right != PeerRight::Write)) {
+        if (caller.right == PeerRight::None || (operation.writes && caller.right != PeerRight::Write)) {
             throw std::runtime_error(mgmtRefusal());
         }
-        operation.handler(request, done);
+        operation.handler(request, caller.client, done);
     } catch (const std::exception &refusal) {
         done(failure(refusal.what()));
     }
@@ -74,10 +74,18 @@ void dispatch(const json &request, PeerRight right, MgmtDone done) {
 
 } // namespace
 
-void mgmtRegisterAsync(const std::string &op, bool writes, Handler handler) {
+void mgmtRegisterForClient(const std::string &op, bool writes, Handler handler) {
     Operations &all = operations();
     const std::lock_guard guard(all.lock);
     all.byName[op] = {writes, std::move(handler)};
+}
+
+void mgmtRegisterAsync(const std::string &op, bool writes,
+                       std::function<void(const json &request, MgmtDone done)> handler) {
+    mgmtRegisterForClient(op, writes,
+                          [handler = std::move(handler)](const json &request, const MgmtClientPtr &, MgmtDone done) {
+                              handler(request, std::move(done));
+                          });
 }
 
 void mgmtRegister(const std::string &op, bool writes, MgmtHandler handler) {

@@ -12,6 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/mgmt/mgmt_client.h"
+
 namespace host {
 
 // Handles one request on the event thread; throws std::runtime_error for a refusal (its text becomes
@@ -22,9 +24,13 @@ using MgmtHandler = std::function<nlohmann::json(const nlohmann::json &request)>
 void mgmtRegister(const std::string &op, bool writes, MgmtHandler handler);
 
 // As mgmtRegister, for an operation that answers later: it must call `done` exactly once, on the event thread.
-using MgmtDone = std::function<void(nlohmann::json answer)>; // answer includes "ok"
 void mgmtRegisterAsync(const std::string &op, bool writes,
                        std::function<void(const nlohmann::json &request, MgmtDone done)> handler);
+
+// As mgmtRegisterAsync, for an operation that leaves something behind which belongs to the connection.
+void mgmtRegisterForClient(const std::string &op, bool writes,
+                           std::function<void(const nlohmann::json &request, const MgmtClientPtr &client,
+                                              MgmtDone done)> handler);
 
 // Opens the socket. Result: empty, or why not.
 std::string mgmtStart();

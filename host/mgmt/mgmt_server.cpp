@@ -26,7 +26,7 @@ constexpr int LINES_A_TURN = 16; // then other clients have theirs
 
 struct Connection {
     int fd = -1; // -1: closed
-    PeerRight right = PeerRight::None;
+    MgmtCaller caller;
     std::string in;     // bytes received; at most one line limit and one read are not yet taken
     size_t begin = 0;   // of `in`: bytes taken
     size_t scanned = 0; // of `in`: no line end before this
@@ -109,13 +109,13 @@ void MgmtServer::Core::acceptAll() {
 void MgmtServer::Core::admit(int fd) {
     auto c = std::make_shared<Connection>();
     c->fd = fd;
-    c->right = rightOf(fd);
+    c->caller = {rightOf(fd), std::make_shared<MgmtClient>()};
     connections[fd] = c;
     const auto readers = std::count_if(connections.begin(), connections.end(), [](const auto &entry) {
-        return entry.second->right != PeerRight::Write;
+        return entry.second->caller.right != PeerRight::Write;
     });
-    const bool isReader = c->right != PeerRight::Write;
-    if (c->right == PeerRight::None) {
+    const bool isReader = c->caller.right != PeerRight::Write;
+    if (c->caller.right == PeerRight::None) {
         refuseAndEnd(c, mgmtRefusal());
     } else if (connections.size() > limits.clients ||
                (isReader && static_cast<size_t>(readers) > limits.readers)) {
@@ -209,7 +209,7 @@ void MgmtServer::Core::request(const ConnectionPtr &c, std::string_view line) {
     }
     c->underWay = true;
     c->calling = true;
-    dispatch(*parsed, c->right, [weak = weak_from_this(), c](const json &value) {
+    dispatch(*parsed, c->caller, [weak = weak_from_this(), c](const json &value) {
         const auto core = weak.lock();
         if (core == nullptr || c->fd < 0 || !c->underWay) {
             return; // the client has gone meanwhile
@@ -329,6 +329,7 @@ void MgmtServer::Core::shut(const ConnectionPtr &c) {
     connections.erase(c->fd);
     close(c->fd);
     c->fd = -1;
+    c->caller.client->end();
 }
 
 void MgmtServer::Core::shutAll() {

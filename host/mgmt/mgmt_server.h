@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/event/event_loop.h"
+#include "host/mgmt/mgmt_client.h"
 #include "host/process/peer_rights.h"
 
 namespace host {
@@ -29,10 +30,14 @@ struct MgmtLimits {
     std::chrono::milliseconds stall{30000};    // longest time for one line to come or an answer to go
 };
 
-// Carries out a request of a client with this right (Read or Write) and calls `done` exactly once with the
-// answer, "ok" included, on the event thread.
-using MgmtDispatch = std::function<void(const nlohmann::json &request, PeerRight right,
-                                        std::function<void(nlohmann::json)> done)>;
+// Who asked, and with which right (Read or Write).
+struct MgmtCaller {
+    PeerRight right = PeerRight::None;
+    MgmtClientPtr client;
+};
+
+// Carries out a request and calls `done` exactly once with the answer, "ok" included, on the event thread.
+using MgmtDispatch = std::function<void(const nlohmann::json &request, const MgmtCaller &caller, MgmtDone done)>;
 
 // The text for a client that lacks the right for what it asks. Lock: none
 std::string mgmtRefusal();

@@ -118,7 +118,7 @@ void KernelDevice::holdPoll() {
     }
     const bool isKnown = !hooks_.isUndetermined || !hooks_.isUndetermined();
     if ((isKnown && determined_ >= HOLD_GRACE_MS) || held_ >= HOLD_EXTRA_MS) {
-        release();
+        adoptionEnd();
         return;
     }
     determined_ = isKnown ? determined_ + HOLD_POLL_MS : std::chrono::milliseconds{0};
@@ -126,7 +126,7 @@ void KernelDevice::holdPoll() {
     holdTimer_ = hooks_.pLoop->timerStart(HOLD_POLL_MS, [this] { holdPoll(); });
 }
 
-void KernelDevice::release() {
+void KernelDevice::adoptionEnd() {
     std::lock_guard guard(lock_);
     if (!isHeld_) {
         return;
@@ -185,6 +185,9 @@ std::vector<std::string> KernelDevice::provisionalMerge(bool all, uint32_t ifUni
 void KernelDevice::listsCompile(const std::vector<std::string> &lists) {
     static const std::map<EntryKey, RedirectEntry> none;
     for (const std::string &list : std::set<std::string>(lists.begin(), lists.end())) {
+        if (kept_.count(list) != 0) {
+            continue;
+        }
         auto it = state_.lists.find(list);
         plane_.model().listSet(list, programCompile(list, it == state_.lists.end() ? none : it->second, hooks_.env));
     }
@@ -202,7 +205,9 @@ void KernelDevice::allCompile() {
         return it->second;
     };
     for (const auto &[list, entries] : state_.lists) {
-        plane_.model().listSet(list, programCompile(list, entries, env));
+        if (kept_.count(list) == 0) {
+            plane_.model().listSet(list, programCompile(list, entries, env));
+        }
     }
 }
 
@@ -234,7 +239,7 @@ int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
         return 0; // a link that does not exist wants nothing
     }
     const EntryKey key{entry->ifUnit, entry->nodeIndex};
-    const bool isRetry = !plane_.model().status(entry->list, key).error.empty() || isFlushed_ || !error_.empty();
+    const bool isRetry = !statusOf(entry->list, key).error.empty() || isFlushed_ || !error_.empty();
     if (isRetry) {
         plane_.retryRefused();
         changed.push_back(entry->list);
@@ -244,11 +249,23 @@ int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     if (!changed.empty()) {
         apply();
     }
-    const KernelEntryStatus status = plane_.model().status(entry->list, key);
+    const KernelEntryStatus status = statusOf(entry->list, key);
     if (!status.error.empty()) {
         return EOPNOTSUPP;
     }
-    return status.installed || isHeld_ ? 0 : EIO;
+    return status.installed || isHeld_ || kept_.count(entry->list) != 0 ? 0 : EIO;
+}
+
+// Of a list that is kept, what can be said of the entry alone: the kernel sees it only later.
+KernelEntryStatus KernelDevice::statusOf(const std::string &list, const EntryKey &key) const {
+    if (kept_.count(list) == 0) {
+        return plane_.model().status(list, key);
+    }
+    const RedirectEntry &entry = state_.lists.at(list).at(key);
+    KernelEntryStatus status;
+    status.error = programCompile(list, {{key, entry}}, hooks_.env).entries.at(key).error;
+    status.reason = "waits for the end of a change";
+    return status;
 }
 
 // The view decides: the end of the handler or of the run, which follows, says what remains.
@@ -326,6 +343,38 @@ std::string KernelDevice::settle() {
     allCompile();
     apply();
     return error_.empty() ? firstError() : error_;
+}
+
+void KernelDevice::hold(const std::set<std::string> &lists) {
+    std::lock_guard guard(lock_);
+    kept_.insert(lists.begin(), lists.end());
+}
+
+std::vector<Device::EntryError> KernelDevice::release() {
+    std::lock_guard guard(lock_);
+    const std::set<std::string> lists = std::exchange(kept_, {});
+    plane_.retryRefused();
+    listsCompile({lists.begin(), lists.end()});
+    if (!isFlushed_) {
+        apply();
+    }
+    std::vector<EntryError> errors;
+    if (!error_.empty()) {
+        errors.push_back({"", 0, 0, error_});
+    }
+    for (const std::string &list : lists) {
+        const auto entries = state_.lists.find(list);
+        if (entries == state_.lists.end()) {
+            continue;
+        }
+        for (const auto &[key, entry] : entries->second) {
+            const std::string error = statusOf(list, key).error;
+            if (!error.empty()) {
+                errors.push_back({list, key.second, key.first, error});
+            }
+        }
+    }
+    return errors;
 }
 
 std::string KernelDevice::flush() {
@@ -428,7 +477,7 @@ nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector
     nlohmann::json shown = nlohmann::json::array();
     for (const auto &[list, entries] : state_.lists) {
         for (const auto &[key, entry] : entries) {
-            const KernelEntryStatus status = plane_.model().status(list, key);
+            const KernelEntryStatus status = statusOf(list, key);
             const bool isInKernel = status.installed && !isHeld_ && !isFlushed_;
             nlohmann::json row = redirectEntryShow(entry, {isInKernel, status.error});
             row["interface"] = linkName(entry.ifUnit);
@@ -476,6 +525,7 @@ nlohmann::json KernelDevice::show() {
             {"state", pState},
             {"error", error_},
             {"markMask", hooks_.options.markMask},
+            {"held", kept_},
             {"entries", entriesShow(packets)},
             {"decisions", decisionsShow()},
             {"counters",

@@ -9,7 +9,8 @@
 //             (settle, or host.adopt-wait-ms after start, and then as soon as no peer is undetermined,
 //             HOLD_EXTRA_MS at most); the desired state is only collected, add answers by what can be
 //             expressed
-//   live      every change is applied at once
+//   live      every change is applied at once; but of lists that are kept (hold) the kernel keeps what it
+//             has and the desired state is only collected, until release applies it in one step
 //   flushed   flush removed everything; the next change of the desired state, add or settle goes back
 //             to live
 // Lock: its own, after the daemon's mutex; reading back and show ask the kernel without it.
@@ -58,6 +59,8 @@ public:
     void storeChanged() override;
     void aclChanged(uint32_t aclNum) override;
     std::string settle() override;
+    void hold(const std::set<std::string> &lists) override;
+    std::vector<EntryError> release() override;
     std::string flush() override;
     nlohmann::json show() override;
 
@@ -82,7 +85,8 @@ private:
     void apply();
     void readBackSoon(std::chrono::milliseconds delay, unsigned parts);
     void holdPoll();
-    void release();
+    void adoptionEnd();
+    KernelEntryStatus statusOf(const std::string &list, const EntryKey &key) const;
     std::string firstError() const;
     std::string linkName(uint32_t unit) const;
     nlohmann::json entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const;
@@ -96,6 +100,7 @@ private:
     DesiredState state_;
     std::set<std::pair<uint32_t, uint32_t>> provisional_; // (unit, ACL) added, perhaps not in the view's lists yet
     std::string error_;    // of the latest apply, when it concerns no single entry
+    std::set<std::string> kept_; // lists between hold and release
     bool isStarted_ = false;
     bool isHeld_ = false;
     bool isFlushed_ = false;

@@ -24,8 +24,11 @@ class MgmtServerOf : public testing::Test {
 protected:
     void start(MgmtLimits limits = {}, PeerRight right = PeerRight::Write) {
         path = hosttest::root() + "/m" + std::to_string(counter++) + ".socket";
-        const auto dispatch = [this](const json &request, PeerRight theRight, MgmtDone done) {
-            seenRight = theRight;
+        const auto dispatch = [this](const json &request, const MgmtCaller &caller, MgmtDone done) {
+            seenRight = caller.right;
+            if (requests == 0) {
+                caller.client->onEnd([this] { ended.set_value(); });
+            }
             requests++;
             if (request.contains("hold")) {
                 const std::lock_guard guard(lock);
@@ -41,8 +44,6 @@ protected:
             std::make_unique<MgmtServer>(hostEventLoop(), limits, dispatch, [right](int) { return right; });
         ASSERT_EQ(pServer->start(path), "");
     }
-    using MgmtDone = std::function<void(json)>;
-
     // Answers what is held.
     void release() {
         const std::lock_guard guard(lock);
@@ -53,12 +54,12 @@ protected:
     }
 
     std::string path;
+    std::promise<void> holding, ended; // outlive the server, whose end ends its clients
     std::unique_ptr<MgmtServer> pServer;
     std::atomic<PeerRight> seenRight{PeerRight::None};
     std::atomic<int> requests{0};
     std::mutex lock;
     std::vector<MgmtDone> held;
-    std::promise<void> holding;
     static inline int counter = 0;
 };
 
@@ -230,6 +231,29 @@ TEST_F(MgmtServerOf, ServesOthersWhileOneRequestTakesLong) {
     EXPECT_EQ(patient.answer().value().value("echo", 0), 9);
 }
 
+TEST_F(MgmtServerOf, WhatAClientLeavesBehindIsToldWhenItGoesAwayIdle) {
+    start();
+    std::future<void> end = ended.get_future();
+    {
+        Client client(path);
+        EXPECT_EQ(client.call(echo(1)).value("echo", 0), 1);
+        EXPECT_NE(end.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    }
+    EXPECT_EQ(end.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST_F(MgmtServerOf, WhatAClientLeavesBehindIsToldWhenItGoesAwayInTheMiddle) {
+    start();
+    std::future<void> end = ended.get_future();
+    {
+        Client client(path);
+        client.send("{\"hold\": true}\n");
+        holding.get_future().wait();
+    }
+    EXPECT_EQ(end.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    release();
+}
+
 TEST_F(MgmtServerOf, AnAnswerForAClientThatHasGoneIsDropped) {
     start();
     {
@@ -329,7 +353,7 @@ TEST_F(MgmtServerOf, ServesManyClientsAtOnce) {
 
 TEST_F(MgmtServerOf, RefusesASocketThatAnotherServes) {
     start();
-    MgmtServer second(hostEventLoop(), {}, [](const json &, PeerRight, const MgmtDone &) {});
+    MgmtServer second(hostEventLoop(), {}, [](const json &, const MgmtCaller &, const MgmtDone &) {});
     EXPECT_NE(second.start(path).find("is served by another process"), std::string::npos);
     Client client(path);
     EXPECT_EQ(client.call(echo(1)).value("echo", 0), 1);
@@ -349,7 +373,7 @@ TEST_F(MgmtServerOf, WritesNamesThatAreNotUtf8) {
     path = hosttest::root() + "/utf8.socket";
     pServer = std::make_unique<MgmtServer>(
         hostEventLoop(), MgmtLimits{},
-        [](const json &, PeerRight, const MgmtDone &done) {
+        [](const json &, const MgmtCaller &, const MgmtDone &done) {
             done({{"ok", true}, {"name", "a\xff"}});
         },
         [](int) { return PeerRight::Write; });

@@ -11,6 +11,7 @@
 #include "host/bus/bus.h"
 #include "host/device/device.h"
 #include "host/mgmt/mgmt.h"
+#include "host/mgmt/hold_ops.h"
 #include "host/mgmt/service_ops.h"
 #include "host/nqa/nqa_service.h"
 #include "host/timerange/timerange_service.h"
@@ -38,6 +39,7 @@ protected:
         timerangeMgmtRegister();
         nqaStart();
         serviceOpsRegister();
+        holdOpsRegister();
         mgmtRegister("broken", false,
                      [](const json &) -> json { throw std::logic_error("broken on purpose"); });
         ASSERT_EQ(hostDeviceStart(), "");
@@ -302,6 +304,37 @@ TEST_F(Operations, DeviceSettleAnswersAndLetsOthersWorkMeanwhile) {
     EXPECT_EQ(other.call({{"op", "version"}}).value("ok", false), true);
     EXPECT_EQ(client->answer().value().value("ok", false), true);
     EXPECT_EQ(hostDevice().show()["counters"]["settles"], before + 1);
+}
+
+TEST_F(Operations, OneClientAtATimeHoldsAndItsEndReleases) {
+    const json held = {{"op", "device.hold"}, {"lists", {"wan"}}};
+    EXPECT_EQ(errorOf({{"op", "device.release"}}), "nothing is held by this connection");
+    {
+        Client first(socketPath());
+        EXPECT_EQ(first.call(held), (json{{"ok", true}}));
+        EXPECT_EQ(first.call({{"op", "device.hold"}, {"lists", {"dmz"}}}), (json{{"ok", true}}));
+        EXPECT_EQ(errorOf(held), "another client changes the policy now; try again when it has finished");
+        EXPECT_EQ(errorOf({{"op", "device.release"}}), "nothing is held by this connection");
+        EXPECT_EQ(first.call({{"op", "device.release"}}),
+                  json::parse(R"({"ok": true, "determined": true, "errors": []})"));
+        EXPECT_EQ(call(held), (json{{"ok", true}}));
+        EXPECT_EQ(call({{"op", "device.release"}})["ok"], true);
+        EXPECT_EQ(first.call(held), (json{{"ok", true}}));
+    }
+    bool isFree = false; // the server sees the end of the first connection in its own time
+    for (int i = 0; i < 10000 && !isFree; i++) {
+        isFree = call(held)["ok"].get<bool>();
+    }
+    EXPECT_TRUE(isFree);
+    EXPECT_EQ(call({{"op", "device.release"}})["ok"], true);
+}
+
+TEST_F(Operations, DeviceHoldRefusesWhatIsNoListOfNames) {
+    for (const json &lists : {json("wan"), json{1}, json::object()}) {
+        EXPECT_EQ(errorOf({{"op", "device.hold"}, {"lists", lists}}), "member \"lists\" must be a list of names");
+    }
+    EXPECT_EQ(errorOf({{"op", "device.hold"}}), "member \"lists\" must be a list of names");
+    EXPECT_EQ(errorOf({{"op", "device.release"}}), "nothing is held by this connection");
 }
 
 // Waits on the event thread and answers whether it was determined.

@@ -302,6 +302,28 @@ TEST(Hrd, OneDeleteEndsARegistrationThatWasRepeated) {
     });
 }
 
+TEST(Hrd, APeerThatIsRegisteredAgainSoonIsKnownAtOnceAndWasSilentMeanwhile) {
+    lab::inNamespace([] {
+        Neighbour neighbour;
+        lab::startServices();
+        lab::Reports reports;
+        ASSERT_EQ(lab::peerAdd("10.1.0.2"), 0);
+        ASSERT_TRUE(reports.nextOf(QRV_RTM_HRD_UP, "10.1.0.2"));
+        neighbour.silence(); // a new asking would not be answered
+        ASSERT_EQ(lab::peerDel("10.1.0.2"), 0);
+        ASSERT_EQ(lab::peerAdd("10.1.0.2"), 0);
+        EXPECT_EQ(reports.next().value_or(lab::Reports::Report{}).type, QRV_RTM_HRD_UP);
+
+        ASSERT_EQ(lab::peerDel("10.1.0.2"), 0);
+        ASSERT_TRUE(lab::eventually([] { return host::hrdPeers().empty(); }));
+        lab::run("ip link set a0 down");
+        EXPECT_TRUE(reports.silentFor(milliseconds(100)));
+        EXPECT_FALSE(host::hrdUndetermined());
+        ASSERT_EQ(lab::peerAdd("10.1.0.2"), 0);
+        EXPECT_EQ(reports.next().value_or(lab::Reports::Report{}).type, QRV_RTM_HRD_DOWN);
+    });
+}
+
 TEST(Hrd, APeerWithoutRouteIsDownUntilThereIsOne) {
     lab::inNamespace([] {
         Neighbour neighbour;

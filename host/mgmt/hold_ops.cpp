@@ -1,0 +1,119 @@
+// See hold_ops.h. Called by the management socket; calls the device.
+#include "host/mgmt/hold_ops.h"
+
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "host/bus/bus.h"
+#include "host/device/device.h"
+#include "host/event/event_loop.h"
+#include "host/hrd/hrd_service.h"
+#include "host/ifnet/ifnet.h"
+#include "host/logging/host_log.h"
+#include "host/mgmt/mgmt.h"
+#include "host/mgmt/mgmt_args.h"
+#include "host/mgmt/service_ops.h"
+
+namespace host {
+
+namespace {
+
+using nlohmann::json;
+
+// Who holds now; event thread only.
+struct Hold {
+    MgmtClientPtr owner; // null: nobody
+    EventLoop::TimerId longest = 0;
+};
+
+Hold &hold() {
+    static Hold *pHold = new Hold; // outlives the event thread
+    return *pHold;
+}
+
+std::vector<Device::EntryError> holdEnd() {
+    hold().owner = nullptr;
+    hostEventLoop().timerStop(std::exchange(hold().longest, 0));
+    return hostDevice().release();
+}
+
+// The change ended without its last step: the plane takes what there is.
+void holdAbandon(const MgmtClientPtr &owner, const char *pWhy) {
+    if (owner == nullptr || hold().owner != owner) {
+        return;
+    }
+    hostLog(LOG_LEVEL_WARNING, "device", "a change is taken over unfinished: %s", pWhy);
+    (void)holdEnd(); // nobody is there to hear of it; the entries show their errors
+}
+
+void ownershipCheck(const MgmtClientPtr &client) {
+    if (hold().owner != nullptr && hold().owner != client) {
+        throw std::runtime_error("another client changes the policy now; try again when it has finished");
+    }
+}
+
+void opHold(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
+    mgmtArgsOnly(request, {"lists"});
+    std::set<std::string> lists;
+    const auto named = request.find("lists");
+    if (named == request.end() || !named->is_array()) {
+        throw std::runtime_error("member \"lists\" must be a list of names");
+    }
+    for (const json &name : *named) {
+        if (!name.is_string()) {
+            throw std::runtime_error("member \"lists\" must be a list of names");
+        }
+        lists.insert(name.get<std::string>());
+    }
+    ownershipCheck(client);
+    if (hold().owner == nullptr) {
+        hold().owner = client;
+        const std::weak_ptr<MgmtClient> weak = client;
+        hold().longest = hostEventLoop().timerStart(HOLD_LONGEST, [weak] {
+            holdAbandon(weak.lock(), "it took longer than 30 seconds");
+        });
+        client->onEnd([weak] { holdAbandon(weak.lock(), "its client has gone"); });
+    }
+    hostDevice().hold(lists);
+    done({{"ok", true}});
+}
+
+json errorsShow(const std::vector<Device::EntryError> &errors) {
+    json shown = json::array();
+    for (const Device::EntryError &error : errors) {
+        shown.push_back({{"list", error.list},
+                         {"node", error.nodeIndex},
+                         {"interface", error.ifUnit == 0 ? "" : ifnetName(error.ifUnit)},
+                         {"error", error.error}});
+    }
+    return shown;
+}
+
+void opRelease(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
+    mgmtArgsOnly(request, {});
+    if (hold().owner != client) {
+        throw std::runtime_error("nothing is held by this connection");
+    }
+    const auto isDetermined = [] { return !hrdUndetermined() && busCounters().waitingBytes == 0; };
+    settleWait(hostEventLoop(), isDetermined, [client, done](bool determined) {
+        if (hold().owner != client) {
+            done({{"ok", false}, {"error", "the change took too long: it was taken over unfinished"}});
+            return;
+        }
+        const std::vector<Device::EntryError> errors = holdEnd();
+        done({{"ok", true}, {"determined", determined}, {"errors", errorsShow(errors)}});
+    });
+}
+
+} // namespace
+
+void holdOpsRegister() {
+    mgmtRegisterForClient("device.hold", true, opHold);
+    mgmtRegisterForClient("device.release", true, opRelease);
+}
+
+} // namespace host
