@@ -65,33 +65,56 @@ struct Generator {
         key.list = list;
         key.nameLen = static_cast<uint16_t>(list.size());
     }
-    void number(uint32_t id, const Key &key, uint32_t field, uint32_t value) {
-        Command &c = command(id, field);
-        c.key = key;
-        c.number = value;
+    // Arguments in braces are evaluated from left to right on every machine; those of a call are not, and
+    // each draw counts.
+    struct Number {
+        uint32_t id;
+        Key key;
+        uint32_t field, value;
+    };
+    void number(const Number &n) {
+        Command &c = command(n.id, n.field);
+        c.key = n.key;
+        c.number = n.value;
     }
-    void string(uint32_t id, const Key &key, uint32_t field, const std::string &value) {
-        Command &c = command(id, field);
-        c.key = key;
+    struct Bytes {
+        uint32_t id;
+        Key key;
+        uint32_t field;
+        std::string value;
+    };
+    void string(const Bytes &b) {
+        Command &c = command(b.id, b.field);
+        c.key = b.key;
         c.isBytes = true;
-        c.bytes = value;
+        c.bytes = b.value;
     }
-    void other(StepKind kind, uint32_t value, uint32_t index = 0) {
+    struct Other {
+        StepKind kind;
+        uint32_t value, index = 0;
+    };
+    void other(const Other &o) {
         Step step;
-        step.kind = kind;
-        step.number = value;
-        step.index = index;
+        step.kind = o.kind;
+        step.number = o.value;
+        step.index = o.index;
         steps.push_back(step);
     }
-    void scripted(StepKind kind, const std::string &call, uint32_t nth, int64_t value) {
+    struct Scripted {
+        StepKind kind;
+        std::string call;
+        uint32_t nth;
+        int64_t value;
+    };
+    void scripted(const Scripted &s) {
         Step step;
-        step.kind = kind;
-        step.call = call;
-        step.number = nth;
-        step.value = value;
+        step.kind = s.kind;
+        step.call = s.call;
+        step.number = s.nth;
+        step.value = s.value;
         steps.push_back(step);
     }
-    void pass(uint32_t ms) { other(StepKind::Pass, ms); }
+    void pass(uint32_t ms) { other({StepKind::Pass, ms}); }
 
     // ---- keys ----
     Key listKey() {
@@ -128,15 +151,15 @@ struct Generator {
 
     // ---- policies ----
     void hop(Key key, bool six) {
-        number(19, key, 1, 2); // next hop 1 beside others is refused
+        number({19, key, 1, 2}); // next hop 1 beside others is refused
         if (!chance(3)) {
-            string(19, key, 2, addressOf(six, below(PEERS)));
+            string({19, key, 2, addressOf(six, below(PEERS))});
         }
         if (chance(20)) {
-            string(19, key, 4, one(ADMINS));
-            string(19, key, 5, one(TESTS));
+            string({19, key, 4, one(ADMINS)});
+            string({19, key, 5, one(TESTS)});
             if (!chance(10)) {
-                number(19, key, 1, 1);
+                number({19, key, 1, 1});
             }
         }
     }
@@ -153,52 +176,56 @@ struct Generator {
         key.node = index;
         const bool six = chance(40);
         const uint32_t kind = below(10); // 0 out of an interface, 1 priority only, else next hops
-        number(13, key, 1, 2);
-        number(13, key, 4, kind < 2 ? one(ACLS_ANY) : six ? one(ACLS6) : one(ACLS4));
+        number({13, key, 1, 2});
+        number({13, key, 4, kind < 2 ? one(ACLS_ANY) : six ? one(ACLS6) : one(ACLS4)});
         if (!chance(10)) {
-            number(13, key, chance(50) ? 2 : 3, 1); // matches even when the ACL is taken
+            number({13, key, chance(50) ? 2u : 3u, 1}); // matches even when the ACL is taken
         }
         if (chance(25) || kind == 1) {
-            number(13, key, 5, 1 + below(7));
+            number({13, key, 5, 1 + below(7)});
         }
         if (chance(6)) {
-            number(13, key, 8, below(4));
+            number({13, key, 8, below(4)});
         }
         if (kind == 0) {
-            number(13, key, 6, one(PORTS));
+            number({13, key, 6, one(PORTS)});
         } else if (kind != 1) {
-            number(13, key, 10, six ? 2 : 1);
+            number({13, key, 10, six ? 2u : 1u});
             if (chance(20)) {
-                number(13, key, 11, one(VRFS));
+                number({13, key, 11, one(VRFS)});
             }
             if (chance(35)) {
-                number(13, key, 9, chance(90) ? 1 : 2 + below(2));
+                number({13, key, 9, chance(90) ? 1 : 2 + below(2)});
             }
             hops(key, six);
         }
         if (chance(12)) {
-            number(13, key, 19, one(RANGES));
+            number({13, key, 19, one(RANGES)});
         }
     }
     void list(const std::string &list) {
         Key key;
         name(key, list);
-        number(10, key, 1, 2);
+        number({10, key, 1, 2});
         const uint32_t count = 1 + below(3);
         for (uint32_t i = 0; i < count; ++i) {
             node(list, NODES[i]);
         }
     }
-    void bind(uint32_t unit, const std::string &list) {
+    struct Binding {
+        uint32_t unit;
+        std::string list;
+    };
+    void bind(const Binding &b) {
         Key key;
-        key.unit = unit;
-        number(16, key, 1, 1);
-        string(16, key, 2, list);
+        key.unit = b.unit;
+        number({16, key, 1, 1});
+        string({16, key, 2, b.list});
     }
     void unbind(uint32_t unit) {
         Key key;
         key.unit = unit;
-        number(16, key, 1, 2);
+        number({16, key, 1, 2});
     }
 
     // ---- route messages ----
@@ -222,7 +249,7 @@ struct Generator {
         const uint32_t count = below(3);
         for (uint32_t i = 0; i < count || chance(30); ++i) {
             const uint16_t types[] = {66, 66, 67, 67, 66, 67, 66, 67, 66, 67, 66, 67, 66, 67, 52, 1};
-            m.attributes.push_back({8, one(types), one(PORTS)});
+            m.attributes.push_back({8, one(types), one(PORTS)}); // drawn from left to right
             if (chance(3)) {
                 m.attributes.back().length = static_cast<uint16_t>(below(12));
             }
@@ -233,7 +260,8 @@ struct Generator {
         Message m;
         m.type = type;
         m.word[0] = chance(8) ? 1999 : acl();
-        m.word[1] = 1 + below(3) * 0x10000u * below(2) + below(5);
+        m.word[1] = 1 + below(5);
+        m.word[1] += below(4) == 0 ? 0x10000u : 0; // the device's priority takes the low half
         return m;
     }
     Message probe() {
@@ -335,10 +363,10 @@ struct Generator {
         if (profile == Profile::ManyInterfaces && std::string(f.call) == "silMemPoolAlloc") {
             return;
         }
-        scripted(StepKind::Arm, f.call, 1 + below(3), f.value);
+        scripted({StepKind::Arm, f.call, 1 + below(3), f.value});
         if (std::string(f.call) == "qrvHwilScalarGet") { // both must be 0 to matter
-            scripted(StepKind::Arm, f.call, 1, 0);
-            scripted(StepKind::Arm, f.call, 2, 0);
+            scripted({StepKind::Arm, f.call, 1, 0});
+            scripted({StepKind::Arm, f.call, 2, 0});
         }
     }
     // Several peers come up and the update runs.
@@ -357,33 +385,33 @@ struct Generator {
         key.hop = static_cast<uint8_t>(1 + below(3));
         switch (below(11)) {
         case 0:
-            number(13, key, 1, 4);
+            number({13, key, 1, 4});
             node(key.list, key.node);
             break;
-        case 1: number(13, key, 9, below(2)); break;
-        case 2: number(13, key, 8, chance(50) ? 0 : 2); break;
+        case 1: number({13, key, 9, below(2)}); break;
+        case 2: number({13, key, 8, chance(50) ? 0u : 2u}); break;
         case 3:
-            number(13, key, 13, below(3) != 0 ? 1 : 0); // with 0 the next hops stay under another version
-            number(13, key, 10, six ? 2 : 1);
+            number({13, key, 13, below(3) != 0 ? 1u : 0u}); // with 0 the next hops stay under another version
+            number({13, key, 10, six ? 2u : 1u});
             hop(key, six);
             break;
         case 4:
             if (chance(10)) {
-                scripted(StepKind::Arm, "timerangeUnbind", 1, 0x03E80099);
+                scripted({StepKind::Arm, "timerangeUnbind", 1, 0x03E80099});
             }
-            number(13, key, 19, 0xFFFFFFFFu);
+            number({13, key, 19, 0xFFFFFFFFu});
             break;
         case 5:
             if (chance(5)) {
-                scripted(StepKind::Arm, "timerangeBind", 1, 9);
+                scripted({StepKind::Arm, "timerangeBind", 1, 9});
             }
-            number(13, key, 19, one(RANGES));
+            number({13, key, 19, one(RANGES)});
             break;
-        case 6: number(19, key, 1, 4); break;
+        case 6: number({19, key, 1, 4}); break;
         case 7: hop(key, six); break;
-        case 8: number(13, key, 11, one(VRFS)); break;
-        case 9: number(13, key, 4, chance(30) ? 0 : acl()); break;
-        default: number(13, key, 5, below(8)); break;
+        case 8: number({13, key, 11, one(VRFS)}); break;
+        case 9: number({13, key, 4, chance(30) ? 0 : acl()}); break;
+        default: number({13, key, 5, below(8)}); break;
         }
     }
     void reconfigure() { // free a list, change it, bind it again
@@ -397,9 +425,9 @@ struct Generator {
             key.node = NODES[below(3)];
             change(key);
         }
-        bind(unit(), list);
+        bind({unit(), list});
         for (uint32_t i = 0; i < below(3); ++i) {
-            bind(unit(), one(lists));
+            bind({unit(), one(lists)});
         }
         revive();
     }
@@ -412,13 +440,13 @@ struct Generator {
         }
         steps.push_back(step);
         pass(0);
-        bind(unit(), one(lists));
+        bind({unit(), one(lists)});
         pass(1000);
     }
     // A link that waits for its ACL's first rule gets one.
     void firstRule() {
         for (uint32_t i = 0; i < 3; ++i) {
-            other(StepKind::Waiting, 1 + below(2), below(6));
+            other({StepKind::Waiting, 1 + below(2), below(6)});
         }
         Step step;
         step.kind = StepKind::Read;
@@ -435,16 +463,16 @@ struct Generator {
         const uint32_t id = chance(80) ? 13 : 14;
         const uint32_t field = good || chance(70) ? 1 + below(13) : below(22);
         switch (field) {
-        case 1: number(id, key, 1, good ? 1 + 2 * below(2) : below(6)); break;
-        case 4: number(id, key, 4, chance(70) ? acl() : one(ODD_ACLS)); break;
-        case 5: number(id, key, 5, below(18)); break;
-        case 6: number(id, key, 6, chance(40) ? 0 : one(PORTS)); break;
-        case 9: number(id, key, 9, below(4)); break;
-        case 10: number(id, key, 10, chance(95) ? below(3) : 3); break;
-        case 11: number(id, key, 11, one(VRFS)); break;
-        case 13: number(id, key, 13, chance(60) ? 1 : 0); break;
-        case 19: number(id, key, 19, chance(40) ? 0xFFFFFFFFu : chance(90) ? one(RANGES) : below(2)); break;
-        default: number(id, key, field, oddNumber()); break;
+        case 1: number({id, key, 1, good ? 1 + 2 * below(2) : below(6)}); break;
+        case 4: number({id, key, 4, chance(70) ? acl() : one(ODD_ACLS)}); break;
+        case 5: number({id, key, 5, below(18)}); break;
+        case 6: number({id, key, 6, chance(40) ? 0 : one(PORTS)}); break;
+        case 9: number({id, key, 9, below(4)}); break;
+        case 10: number({id, key, 10, chance(95) ? below(3) : 3}); break;
+        case 11: number({id, key, 11, one(VRFS)}); break;
+        case 13: number({id, key, 13, chance(60) ? 1u : 0u}); break;
+        case 19: number({id, key, 19, chance(40) ? 0xFFFFFFFFu : chance(90) ? one(RANGES) : below(2)}); break;
+        default: number({id, key, field, oddNumber()}); break;
         }
     }
     void hopCommand() {
@@ -452,42 +480,47 @@ struct Generator {
         const uint32_t id = chance(80) ? 19 : 20;
         switch (below(8)) {
         case 0:
-        case 1: number(id, key, 1, below(6)); break;
+        case 1: number({id, key, 1, below(6)}); break;
         case 2:
-        case 3: string(id, key, 2, addressOf(chance(40), below(PEERS))); break;
+        case 3: {
+            const bool six = chance(40);
+            string({id, key, 2, addressOf(six, below(PEERS))});
+            break;
+        }
         case 4: {
             const uint32_t lengths[] = {0, 3, 4, 4, 4, 5, 15, 16, 16, 17};
-            string(id, key, 2, std::string(one(lengths), chance(50) ? '\0' : '\x11'));
+            const uint32_t length = one(lengths);
+            string({id, key, 2, std::string(length, chance(50) ? '\0' : '\x11')});
             break;
         }
         case 5:
         case 6: {
             const uint32_t lengths[] = {0, 31, 32, 33, 64};
             const bool isAdmin = chance(50);
-            string(id, key, isAdmin ? 4 : 5, chance(60) ? (isAdmin ? one(ADMINS) : one(TESTS)) : std::string(one(lengths), 'q'));
+            string({id, key, isAdmin ? 4u : 5u, chance(60) ? (isAdmin ? one(ADMINS) : one(TESTS)) : std::string(one(lengths), 'q')});
             break;
         }
-        default: number(id, key, chance(50) ? 3 : 6 + below(3), oddNumber()); break;
+        default: number({id, key, chance(50) ? 3 : 6 + below(3), oddNumber()}); break;
         }
     }
     void listCommand() {
-        number(chance(80) ? 10 : 11, listKey(), chance(95) ? 1 : below(4), below(6));
+        number({chance(80) ? 10u : 11u, listKey(), chance(95) ? 1 : below(4), below(6)});
     }
     void ifCommand() {
         const uint32_t id = chance(80) ? 16 : 17;
         const Key key = ifKey();
         switch (below(12)) {
-        case 0: number(id, key, 1, below(4)); break;
-        case 1: number(id, key, 1, 2); break;
-        case 2: // a list that is not there, no name, names as long as a name can be and longer
-            string(id, key, 2, chance(50) ? "none" : std::string(below(3) * 16 + below(2), 'z'));
+        case 0: number({id, key, 1, below(4)}); break;
+        case 1: number({id, key, 1, 2}); break;
+        case 2: // lists that are not there, a name as long as a name can be, longer ones
+            string({id, key, 2, chance(50) ? "none" : std::string(1 + 15 * below(4), 'z')});
             break;
-        case 3: number(id, key, 3 + below(3), 0); break;
+        case 3: number({id, key, 3 + below(3), 0}); break;
         default:
             if (chance(60)) {
-                bind(key.unit, one(lists));
+                bind({key.unit, one(lists)});
             } else {
-                string(id, key, 2, one(lists));
+                string({id, key, 2, chance(3) ? "" : one(lists)});
             }
         }
     }
@@ -533,18 +566,24 @@ struct Generator {
         case 0:
         case 1:
         case 2: {
-            Command &c = command(chance(90) ? 22 : 23, chance(95) ? 4 : below(9));
+            Command &c = command(22, 4);
+            if (chance(10)) {
+                c.id = 23;
+            }
+            if (chance(5)) {
+                c.field = below(9);
+            }
             c.hasKey = false;
             c.number = one(flags);
             break;
         }
-        case 3: other(StepKind::SelfLog, below(2)); break;
+        case 3: other({StepKind::SelfLog, below(2)}); break;
         case 4: {
             const int64_t values[] = {1, 24, 24};
-            scripted(StepKind::Answer, "qrvSelfSysIndex", 0, one(values));
+            scripted({StepKind::Answer, "qrvSelfSysIndex", 0, one(values)});
             break;
         }
-        default: scripted(StepKind::Answer, "aggAnswer", 0, below(4)); break;
+        default: scripted({StepKind::Answer, "aggAnswer", 0, below(4)}); break;
         }
     }
 
@@ -556,20 +595,20 @@ struct Generator {
             c.number = one(flags);
         }
         if (chance(50)) {
-            scripted(StepKind::Answer, "aggAnswer", 0, 1);
-            scripted(StepKind::Answer, "qrvSelfSysIndex", 0, 24);
+            scripted({StepKind::Answer, "aggAnswer", 0, 1});
+            scripted({StepKind::Answer, "qrvSelfSysIndex", 0, 24});
         }
         if (chance(50)) {
-            other(StepKind::Acl, 0, 1999);
+            other({StepKind::Acl, 0, 1999});
         }
         if (chance(3)) {
-            scripted(StepKind::Arm, "silMemPoolInit", 1 + below(6), -1);
+            scripted({StepKind::Arm, "silMemPoolInit", 1 + below(6), -1});
         }
         if (profile == Profile::ManyInterfaces) {
             list("a");
             const uint32_t count = 13 + below(5);
             for (uint32_t i = 0; i < count; ++i) {
-                bind(100 + i, "a");
+                bind({100 + i, "a"});
                 if (chance(20)) {
                     revive();
                 }
@@ -586,7 +625,7 @@ struct Generator {
         }
         for (uint32_t u : UNITS) {
             if (!chance(30)) {
-                bind(u, one(lists));
+                bind({u, one(lists)});
             }
         }
         revive();
@@ -619,11 +658,11 @@ struct Generator {
         case 1: nodeCommand(true); break;
         case 2: hopCommand(); break;
         case 3: get(); break;
-        case 4: number(10, listKey(), 1, 4); break;
+        case 4: number({10, listKey(), 1, 4}); break;
         case 5: list("a"); break;
         case 6:
         case 7: unbind(unit()); break;
-        default: bind(unit(), "a"); break;
+        default: bind({unit(), "a"}); break;
         }
     }
     void manage() {
@@ -636,7 +675,7 @@ struct Generator {
         case 5: ifCommand(); break;
         case 6:
         case 7:
-        case 8: bind(unit(), one(lists)); break;
+        case 8: bind({unit(), one(lists)}); break;
         case 9: get(); break;
         case 10: chance(15) ? missingKey() : get(); break;
         case 11:
@@ -645,7 +684,7 @@ struct Generator {
         case 14:
         case 15:
         case 16: reconfigure(); break;
-        default: number(13, nodeKey(), 16 + below(3), 0); break; // works while the list is bound
+        default: number({13, nodeKey(), 16 + below(3), 0}); break; // works while the list is bound
         }
     }
 
@@ -669,7 +708,7 @@ struct Generator {
         } else if (dice < 74) {
             pass(chance(70) ? 1000 : below(1200));
         } else if (dice < 82) {
-            other(StepKind::Range, below(10) < 6 ? 0 : 1 + below(2), below(4));
+            other({StepKind::Range, below(10) < 6 ? 0 : 1 + below(2), below(4)});
         } else if (dice < 88) {
             fault();
         } else if (dice < 91) {
@@ -677,7 +716,7 @@ struct Generator {
         } else if (dice < 92) {
             changeThenBind();
         } else if (dice < 93) {
-            other(StepKind::Acl, below(2), acl());
+            other({StepKind::Acl, below(2), acl()});
         } else {
             switches();
         }

@@ -1,6 +1,6 @@
 // Random sequences of steps over a small universe: lists, nodes, next hops, interfaces, ACLs, peers.
 //
-// A sequence is made from its seed alone, the same on every machine. It begins with a policy and mixes
+// A sequence is made from its seed alone: each draw is made in a fixed order, the same on every machine. It begins with a policy and mixes
 // events, commands good and bad, faults and switches afterwards.
 #ifndef TESTS_MODEL_GENERATOR_H
 #define TESTS_MODEL_GENERATOR_H

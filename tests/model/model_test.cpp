@@ -7,6 +7,7 @@
 // shortened to the steps that it needs: POLICYROUTE_MODEL_SEED=that POLICYROUTE_MODEL_SEQUENCES=1 repeats it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "tests/model/needed.h"
@@ -22,7 +23,7 @@ constexpr uint64_t SEED = 1;
 constexpr uint64_t SHARDS = 2; // test cases that can run at the same time
 
 #if defined(__mips__)
-constexpr uint64_t SEQUENCES = 500; // emulated
+constexpr uint64_t SEQUENCES = 1500; // emulated
 #elif defined(__SANITIZE_ADDRESS__)
 constexpr uint64_t SEQUENCES = 2000;
 #else
@@ -36,7 +37,8 @@ uint64_t environment(const char *name, uint64_t otherwise) {
 
 void expectReached(const Reached &reached, uint64_t sequences) {
     for (const model::Needed &needed : model::NEEDED) {
-        const auto least = static_cast<uint64_t>(needed.perThousand * static_cast<double>(sequences) / 1000);
+        const double usual = needed.perThousand * static_cast<double>(sequences) / 1000;
+        const auto least = static_cast<uint64_t>(std::max(0.0, usual / 4 - 5));
         const auto found = reached.find(needed.what);
         const uint64_t count = found == reached.end() ? 0 : found->second;
         printf("%10llu (at least %llu) %s\n", static_cast<unsigned long long>(count),
