@@ -31,9 +31,6 @@ constexpr char TEXT_RESET_UNBIND[] =
 
 constexpr int32_t LEAST_PAYLOAD = sizeof(LinkInfo);
 constexpr uint32_t ATTRIBUTES_OFFSET = QRV_RTM_HEADER_BYTES + sizeof(LinkInfo);
-constexpr uint16_t ATTR_PORT_JOINED_AGG = 52; // LinkInfo names the port, the data the aggregation
-constexpr uint16_t ATTR_PORT_ADDED = 66;      // LinkInfo names the aggregation, the data the port
-constexpr uint16_t ATTR_PORT_REMOVED = 67;    // likewise
 
 struct IfName {
     char text[128];
@@ -107,11 +104,11 @@ void portRemoved(uint32_t agg, uint32_t port) {
 }
 
 void attributeApply(uint32_t ifIndex, uint16_t type, uint32_t data) {
-    if (type == ATTR_PORT_JOINED_AGG) {
+    if (type == QRV_RTM_LINK_JOINED) {
         portJoined(ifIndex, data);
-    } else if (type == ATTR_PORT_ADDED) {
+    } else if (type == QRV_RTM_LINK_PORT_ADDED) {
         portAdded(ifIndex, data);
-    } else if (type == ATTR_PORT_REMOVED) {
+    } else if (type == QRV_RTM_LINK_PORT_REMOVED) {
         portRemoved(ifIndex, data);
     }
 }
