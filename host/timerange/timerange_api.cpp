@@ -1,11 +1,13 @@
 // The daemon's side of the time ranges (platform/timerange.h), and their operations on the management
-// socket: "timeranges" lists bindings, "timerange.set" switches a range by hand. Ranges that follow the
-// clock do not exist yet; a range is inactive until it is switched on.
+// socket: "timeranges" lists them, "timerange.define", "timerange.remove" and "timerange.replaceAll" give and
+// take schedules, "timerange.set" switches a range by hand.
 #include <stdexcept>
 #include <utility>
 
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
+#include "host/timerange/schedule_json.h"
+#include "host/timerange/schedule_text.h"
 #include "host/timerange/timerange_service.h"
 
 namespace host {
@@ -16,24 +18,82 @@ using nlohmann::json;
 
 constexpr uint32_t NAME_MAX_BYTES = 1024;
 constexpr uint32_t CONTEXT_MAX_BYTES = 4096;
-constexpr uint32_t ID_MAX = 0xFFFFFFFEu; // all ones: no range
+constexpr uint32_t ID_MIN = 1;           // 0 is no range to the daemon
+constexpr uint32_t ID_MAX = 0xFFFFFFFEu; // all ones: none either
+constexpr size_t RANGES_MAX = 10000;
+
+uint32_t idMember(const json &request) {
+    return mgmtArgNumber(request, "id", ID_MIN, ID_MAX);
+}
+
+void mustBeDone(const std::string &why) {
+    if (!why.empty()) {
+        throw std::runtime_error(why);
+    }
+}
+
+json rowMembers(const TimerangeRow &row, const TimeZone &zone) {
+    return {{"id", row.id},
+            {"active", row.active},
+            {"override", row.byHand ? json(*row.byHand ? "on" : "off") : json()},
+            {"text", row.schedule ? scheduleText(*row.schedule) : ""},
+            {"schedule", row.schedule ? scheduleMembers(*row.schedule) : json()},
+            {"nextChange", row.nextChange ? json(isoText(*row.nextChange, zone)) : json()},
+            {"bindings", row.names}};
+}
 
 json opTimeranges(const json &request) {
     mgmtArgsOnly(request, {});
+    const TimerangeClock &clock = timerangeService().clock();
     json shown = json::array();
     for (const TimerangeRow &row : timerangeService().rows()) {
-        shown.push_back({{"id", row.id}, {"active", row.active}, {"bindings", row.names}});
+        shown.push_back(rowMembers(row, clock));
     }
-    return {{"timeRanges", std::move(shown)}};
+    return {{"now", isoText(clock.now(), clock)}, {"timeRanges", std::move(shown)}};
 }
 
 json opSet(const json &request) {
     mgmtArgsOnly(request, {"id", "active"});
-    const uint32_t id = mgmtArgNumber(request, "id", 0, ID_MAX);
-    if (!request.contains("active")) {
-        throw std::runtime_error("member \"active\" is missing: it must be true or false");
+    const uint32_t id = idMember(request);
+    const json active = request.value("active", json());
+    if (active != "auto" && !active.is_boolean()) {
+        throw std::runtime_error(std::string("member \"active\" ") + (request.contains("active") ? "" : "is missing: it ") +
+                                 "must be true, false or \"auto\"");
     }
-    timerangeService().set(id, mgmtArgFlag(request, "active", false));
+    timerangeService().set(id, active.is_boolean() ? std::optional(active.get<bool>()) : std::nullopt);
+    return json::object();
+}
+
+json opDefine(const json &request) {
+    mgmtArgsOnly(request, {"id", "days", "from", "to", "start", "end", "periods"});
+    timerangeService().define(idMember(request), scheduleRead(request));
+    return json::object();
+}
+
+json opRemove(const json &request) {
+    mgmtArgsOnly(request, {"id", "force"});
+    mustBeDone(timerangeService().remove(idMember(request), mgmtArgFlag(request, "force", false)));
+    return json::object();
+}
+
+json opReplaceAll(const json &request) {
+    mgmtArgsOnly(request, {"timeRanges", "force"});
+    const json &members = mgmtArgObject(request, "timeRanges");
+    if (members.size() > RANGES_MAX) {
+        throw std::runtime_error("more than " + std::to_string(RANGES_MAX) + " time ranges");
+    }
+    TimerangeSchedules schedules;
+    for (const auto &[key, value] : members.items()) {
+        const uint32_t id = mgmtKeyNumber(key, "time range", ID_MIN, ID_MAX);
+        try {
+            (void)mgmtArgObject(members, key.c_str());
+            scheduleMembersOnly(value);
+            schedules[id] = scheduleRead(value);
+        } catch (const std::runtime_error &wrong) {
+            throw std::runtime_error("time range " + key + ": " + wrong.what());
+        }
+    }
+    mustBeDone(timerangeService().replaceAll(std::move(schedules), mgmtArgFlag(request, "force", false)));
     return json::object();
 }
 
@@ -42,6 +102,9 @@ json opSet(const json &request) {
 void timerangeMgmtRegister() {
     mgmtRegister("timeranges", false, opTimeranges);
     mgmtRegister("timerange.set", true, opSet);
+    mgmtRegister("timerange.define", true, opDefine);
+    mgmtRegister("timerange.remove", true, opRemove);
+    mgmtRegister("timerange.replaceAll", true, opReplaceAll);
 }
 
 } // namespace host

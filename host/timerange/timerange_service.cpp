@@ -1,4 +1,4 @@
-// See timerange_service.h.
+// See timerange_service.h. This file has the bindings and the delivery; timerange_ranges.cpp has the ranges.
 #include "host/timerange/timerange_service.h"
 
 #include <pthread.h>
@@ -6,7 +6,7 @@
 
 namespace host {
 
-TimerangeService::TimerangeService() {
+TimerangeService::TimerangeService(std::unique_ptr<TimerangeClock> pOfTime) : pClock(std::move(pOfTime)) {
     // Signals are for the program's own threads.
     sigset_t all, before;
     sigfillset(&all);
@@ -14,9 +14,11 @@ TimerangeService::TimerangeService() {
     thread = std::thread([this] { run(); });
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_setname_np(thread.native_handle(), "hosttimerange");
+    pClock->wakeSet([this](bool isJump) { wake(isJump); });
 }
 
 TimerangeService::~TimerangeService() {
+    pClock->wakeSet(nullptr);
     {
         const std::lock_guard guard(lock);
         isEnding = true;
@@ -53,7 +55,7 @@ void TimerangeService::bind(uint32_t id, const std::string &name, const Timerang
     const std::lock_guard guard(lock);
     drop({id, name});
     bindings[{id, name}] = binding;
-    if (active.count(id) != 0) {
+    if (isActiveNow(id)) {
         queue(binding);
     }
 }
@@ -63,33 +65,13 @@ void TimerangeService::unbind(uint32_t id, const std::string &name) {
     drop({id, name});
 }
 
-void TimerangeService::set(uint32_t id, bool isActive) {
-    const std::lock_guard guard(lock);
-    const bool changes = isActive ? active.insert(id).second : active.erase(id) != 0;
-    if (!changes) {
-        return;
-    }
+// Queues the bindings of a range. The lock is held.
+void TimerangeService::tell(uint32_t id, bool isRemoved) {
     for (auto held = bindings.lower_bound({id, ""}); held != bindings.end() && held->first.first == id;
          ++held) {
+        held->second->isRemoved = held->second->isRemoved || isRemoved;
         queue(held->second);
     }
-}
-
-std::vector<TimerangeRow> TimerangeService::rows() const {
-    const std::lock_guard guard(lock);
-    std::map<uint32_t, TimerangeRow> rows;
-    for (const uint32_t id : active) {
-        rows[id].active = true;
-    }
-    for (const auto &[key, binding] : bindings) {
-        rows[key.first].names.push_back(key.second);
-    }
-    std::vector<TimerangeRow> list;
-    for (auto &[id, row] : rows) {
-        row.id = id;
-        list.push_back(std::move(row));
-    }
-    return list;
 }
 
 void TimerangeService::drain() {
@@ -114,15 +96,31 @@ void TimerangeService::run() {
     }
 }
 
-// Tells one binding its range's state if it does not know it. The lock is given up during the call.
+// What a binding is to be told now, taken down as told; none when it knows all. The lock is held.
+TimerangeCallback TimerangeService::callbackFor(Binding &binding) const {
+    if (!binding.isBound) {
+        return nullptr;
+    }
+    if (binding.isRemoved) {
+        binding.isRemoved = false;
+        binding.told = false;
+        return binding.callbacks.unbind;
+    }
+    const bool isActive = isActiveNow(binding.id);
+    if (binding.told == isActive && !binding.repeat) {
+        return nullptr;
+    }
+    binding.told = isActive;
+    binding.repeat = false;
+    return isActive ? binding.callbacks.start : binding.callbacks.stop;
+}
+
+// Tells one binding what it does not know. The lock is given up during the call.
 void TimerangeService::deliver(const BindingPtr &binding, std::unique_lock<std::mutex> &guard) {
-    const bool isActive = active.count(binding->id) != 0;
-    if (!binding->isBound || (binding->told == isActive && !binding->repeat)) {
+    const TimerangeCallback callback = callbackFor(*binding);
+    if (callback == nullptr) {
         return;
     }
-    binding->told = isActive;
-    binding->repeat = false;
-    const TimerangeCallback callback = isActive ? binding->callbacks.start : binding->callbacks.stop;
     isDelivering = true;
     guard.unlock();
     callback(binding->context.data()); // no result to act on
@@ -130,6 +128,8 @@ void TimerangeService::deliver(const BindingPtr &binding, std::unique_lock<std::
     isDelivering = false;
     if (!binding->isBound) {
         retellName(binding->name);
+    } else if (binding->told != isActiveNow(binding->id) || binding->repeat) {
+        queue(binding); // a range that was removed and is there again already
     }
 }
 
@@ -145,7 +145,7 @@ void TimerangeService::retellName(const std::string &name) {
 
 TimerangeService &timerangeService() {
     // Never destroyed: the daemon's tasks may still call while the process ends.
-    static TimerangeService *pService = new TimerangeService;
+    static TimerangeService *pService = new TimerangeService(systemClock());
     return *pService;
 }
 

@@ -357,22 +357,6 @@ TEST(SettleWait, GivesUpAfterTheLongestTime) {
     EXPECT_FALSE(settled([] { return false; }, std::chrono::milliseconds(30)));
 }
 
-TEST_F(Operations, TimerangeSetSwitchesARangeAndTimerangesLists) {
-    timerangeService().bind(7, "pbrwan-10", {[](void *) { return 0u; }, [](void *) { return 0u; }, nullptr},
-                            {1});
-    EXPECT_EQ(call({{"op", "timeranges"}})["timeRanges"],
-              json::parse(R"([{"id": 7, "active": false, "bindings": ["pbrwan-10"]}])"));
-    EXPECT_EQ(call({{"op", "timerange.set"}, {"id", 7}, {"active", true}}), (json{{"ok", true}}));
-    EXPECT_EQ(call({{"op", "timeranges"}})["timeRanges"][0]["active"], true);
-    call({{"op", "timerange.set"}, {"id", 7}, {"active", false}});
-    timerangeService().unbind(7, "pbrwan-10");
-    EXPECT_EQ(call({{"op", "timeranges"}})["timeRanges"], json::array());
-    EXPECT_EQ(errorOf({{"op", "timerange.set"}, {"id", 7}}),
-              "member \"active\" is missing: it must be true or false");
-    EXPECT_EQ(errorOf({{"op", "timerange.set"}, {"id", 4294967295u}, {"active", true}}),
-              "member \"id\" must be a whole number 0 to 4294967294");
-}
-
 // ---- probes ----
 
 std::vector<uint8_t> question(const std::string &admin, const std::string &test) {

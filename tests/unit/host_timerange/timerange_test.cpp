@@ -1,15 +1,54 @@
-// Time ranges: who is told what, and what happens when a binding goes while its callback is under way.
+// Time ranges: who is told what when the clock runs or jumps, when a range is switched by hand or removed,
+// and what happens when a binding goes while its callback is under way. The clock is the tests' own.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <random>
 
+#include "host/timerange/schedule_text.h"
 #include "host/timerange/timerange_service.h"
 
 namespace {
 
 using namespace host;
+
+// A clock that stands until it is moved, in a zone that is UTC until it is changed.
+class VirtualClock final : public TimerangeClock {
+public:
+    int32_t offsetAt(int64_t) const override { return offset; }
+    int64_t now() const override { return time; }
+    void wakeSet(std::function<void(bool)> given) override { wake = std::move(given); }
+    void alarmSet(std::optional<int64_t> instant) override { alarm = instant; }
+
+    // Time passes: every alarm on the way comes at its moment.
+    void runTo(int64_t until) {
+        while (alarm && *alarm <= until) {
+            time = std::max(time.load(), *alarm);
+            alarms++;
+            wake(false);
+        }
+        time = until;
+    }
+    // Somebody sets the clock, or the machine was asleep.
+    void jumpTo(int64_t to) {
+        time = to;
+        wake(true);
+    }
+    void zoneSet(int32_t seconds) {
+        offset = seconds;
+        wake(true);
+    }
+
+    std::atomic<int64_t> time = 0;
+    std::atomic<int32_t> offset = 0;
+    std::optional<int64_t> alarm;
+    int alarms = 0;
+
+private:
+    std::function<void(bool)> wake;
+};
 
 // A node as the daemon keeps it, under the daemon's mutex.
 struct Node {
@@ -67,9 +106,31 @@ protected:
         return of.calls;
     }
 
+    // "mon 08:00" in the week of 2026-11-23.
+    static int64_t moment(const char *pDay, const char *pTime) {
+        const uint8_t days = daysRead(pDay);
+        int64_t day = 0;
+        while ((days >> day & 1) == 0) {
+            day++;
+        }
+        return localTimeRead("2026-11-23 00:00") + day * 86400 + timeOfDayRead(pTime, true);
+    }
+    static Schedule schedule(const char *pDays, const char *pFrom, const char *pTo) {
+        return {{{daysRead(pDays), timeOfDayRead(pFrom, false), timeOfDayRead(pTo, true)}}, std::nullopt, std::nullopt};
+    }
+    TimerangeRow row(uint32_t id) {
+        for (const TimerangeRow &each : service.rows()) {
+            if (each.id == id) {
+                return each;
+            }
+        }
+        return {};
+    }
+
     std::mutex daemon;
     Node node;
-    TimerangeService service;
+    VirtualClock *pClock = new VirtualClock; // the service's
+    TimerangeService service{std::unique_ptr<TimerangeClock>(pClock)};
 };
 
 TEST_F(Timerange, ARangeThatNobodySetIsInactiveAndTellsNothing) {
@@ -190,6 +251,284 @@ TEST_F(Timerange, ALateCallbackIsCorrectedForWhoeverHoldsTheNameThen) {
     guard.unlock();
     EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
     EXPECT_FALSE(node.matched);
+}
+
+// ---- schedules ----
+
+TEST_F(Timerange, AScheduleStartsAndStopsItsBindingsAtItsTimes) {
+    pClock->time = moment("mon", "07:00");
+    bind(7, "pbrwan-10", node);
+    service.define(7, schedule("mon-fri", "08:00", "18:00"));
+    EXPECT_EQ(calls(node), Calls{});
+    EXPECT_EQ(pClock->alarm, moment("mon", "08:00"));
+
+    pClock->runTo(moment("mon", "08:00") - 1);
+    EXPECT_EQ(calls(node), Calls{});
+    pClock->runTo(moment("mon", "08:00"));
+    EXPECT_EQ(calls(node), Calls{"start"});
+    pClock->runTo(moment("mon", "18:00"));
+    EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
+    EXPECT_EQ(pClock->alarm, moment("tue", "08:00"));
+}
+
+TEST_F(Timerange, EachChangeOfAWeekIsToldOnce) {
+    pClock->time = moment("mon", "00:00");
+    service.define(7, schedule("mon-fri", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    Calls expected;
+    for (const char *pDay : {"mon", "tue", "wed", "thu", "fri"}) {
+        pClock->runTo(moment(pDay, "12:00"));
+        expected.push_back("start");
+        EXPECT_EQ(calls(node), expected);
+        pClock->runTo(moment(pDay, "20:00"));
+        expected.push_back("stop");
+        EXPECT_EQ(calls(node), expected);
+    }
+    EXPECT_EQ(pClock->alarms, 10);
+}
+
+TEST_F(Timerange, ABindingWhileTheScheduleHoldsIsStartedAfterwards) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    {
+        const std::lock_guard guard(daemon); // as the daemon binds
+        bind(7, "pbrwan-10", node);
+        EXPECT_EQ(node.calls, Calls{});
+    }
+    EXPECT_EQ(calls(node), Calls{"start"});
+}
+
+TEST_F(Timerange, TheAlarmIsTheFirstChangeOfAnyRange) {
+    pClock->time = moment("mon", "07:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    service.define(8, schedule("mon", "07:30", "07:40"));
+    EXPECT_EQ(pClock->alarm, moment("mon", "07:30"));
+    EXPECT_EQ(service.remove(8, false), "");
+    EXPECT_EQ(pClock->alarm, moment("mon", "08:00"));
+    EXPECT_EQ(service.remove(7, false), "");
+    EXPECT_EQ(pClock->alarm, std::nullopt);
+}
+
+TEST_F(Timerange, AJumpForwardOverABeginOrAnEndIsFollowedAtOnce) {
+    pClock->time = moment("mon", "07:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    pClock->jumpTo(moment("mon", "12:00"));
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(pClock->alarm, moment("mon", "18:00"));
+    pClock->jumpTo(moment("tue", "12:00"));
+    EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
+}
+
+TEST_F(Timerange, AJumpBackIsFollowedAtOnce) {
+    pClock->time = moment("mon", "08:30");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    pClock->jumpTo(moment("mon", "07:59"));
+    EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
+    EXPECT_EQ(pClock->alarm, moment("mon", "08:00"));
+    pClock->runTo(moment("mon", "08:00"));
+    EXPECT_EQ(calls(node), (Calls{"start", "stop", "start"}));
+}
+
+TEST_F(Timerange, AJumpOverAWholePeriodTellsNothing) {
+    pClock->time = moment("mon", "07:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    pClock->jumpTo(moment("mon", "19:00"));
+    EXPECT_EQ(calls(node), Calls{});
+}
+
+TEST_F(Timerange, AClockThatWentBackUnnoticedIsFollowedAtTheNextWake) {
+    pClock->time = moment("mon", "08:30");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    service.define(8, schedule("mon", "06:00", "07:30")); // brings an alarm soon after
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    pClock->alarm = moment("mon", "07:10");
+    pClock->time = moment("mon", "07:00");
+    pClock->runTo(moment("mon", "07:10"));
+    EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
+    EXPECT_TRUE(row(8).active);
+}
+
+TEST_F(Timerange, ALateAlarmFindsWhatIsSoByThen) {
+    pClock->time = moment("mon", "07:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    pClock->time = moment("mon", "20:00"); // the machine was busy all day
+    pClock->runTo(moment("mon", "20:00"));
+    EXPECT_EQ(calls(node), Calls{});
+    EXPECT_EQ(row(7).nextChange, moment("mon", "08:00") + 7 * 86400);
+}
+
+TEST_F(Timerange, AnotherZoneIsFollowedAtOnce) {
+    pClock->time = moment("mon", "07:30");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    pClock->zoneSet(3600);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(pClock->alarm, moment("mon", "17:00"));
+}
+
+TEST_F(Timerange, AnotherScheduleThatHoldsTooDisturbsNobody) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    service.define(7, schedule("mon", "07:00", "10:00"));
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(pClock->alarm, moment("mon", "10:00"));
+    service.define(7, schedule("tue", "07:00", "10:00"));
+    EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
+}
+
+// ---- by hand ----
+
+TEST_F(Timerange, AHandOverridesTheScheduleUntilItIsTakenAway) {
+    pClock->time = moment("mon", "07:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    service.set(7, true);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(row(7).byHand, true);
+    EXPECT_EQ(row(7).nextChange, std::nullopt); // nothing changes it but a hand
+    pClock->runTo(moment("mon", "20:00"));
+    EXPECT_EQ(calls(node), Calls{"start"});
+
+    service.set(7, std::nullopt);
+    EXPECT_EQ(calls(node), (Calls{"start", "stop"}));
+    EXPECT_EQ(row(7).nextChange, moment("mon", "08:00") + 7 * 86400);
+}
+
+TEST_F(Timerange, AHandMayHoldARangeOff) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    service.set(7, false);
+    service.set(7, std::nullopt);
+    service.drain();
+    const Calls told = calls(node);
+    EXPECT_EQ(told.back(), "start");
+    service.set(7, false);
+    EXPECT_EQ(calls(node).back(), "stop");
+    service.define(7, schedule("mon", "07:00", "18:00")); // the hand stays
+    EXPECT_FALSE(row(7).active);
+    EXPECT_EQ(row(7).byHand, false);
+}
+
+TEST_F(Timerange, AutomaticWithoutScheduleIsForgotten) {
+    service.set(7, true);
+    service.set(7, std::nullopt);
+    EXPECT_TRUE(service.rows().empty());
+}
+
+// ---- removal ----
+
+TEST_F(Timerange, ARangeInUseIsNotRemoved) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    for (const char *pName : {"pbra-1", "pbra-2", "pbra-3", "pbra-4", "pbra-5", "pbra-6"}) {
+        bind(7, pName, node);
+    }
+    EXPECT_EQ(service.remove(7, false),
+              "time range 7 is used by pbra-1, pbra-2, pbra-3, pbra-4 and 2 more: these nodes would not act any more. "
+              "Take it off them first, or force its removal");
+    EXPECT_TRUE(row(7).schedule.has_value());
+    EXPECT_TRUE(row(7).active);
+}
+
+TEST_F(Timerange, AForcedRemovalTellsUnbindOnce) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(service.remove(7, true), "");
+    EXPECT_EQ(calls(node), (Calls{"start", "unbind"}));
+    EXPECT_EQ(service.remove(7, true), "time range 7 is not defined");
+    pClock->runTo(moment("tue", "09:00"));
+    EXPECT_EQ(calls(node), (Calls{"start", "unbind"}));
+}
+
+TEST_F(Timerange, AnInactiveRangesRemovalIsToldToo) {
+    service.define(7, schedule("fri", "08:00", "18:00"));
+    pClock->jumpTo(moment("mon", "09:00"));
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(service.remove(7, true), "");
+    EXPECT_EQ(calls(node), Calls{"unbind"});
+}
+
+TEST_F(Timerange, ARangeThatIsDefinedAgainStartsWhoIsStillBound) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    {
+        const std::lock_guard guard(daemon); // nothing is delivered meanwhile
+        EXPECT_EQ(service.remove(7, true), "");
+        service.define(7, schedule("mon", "08:30", "18:00"));
+    }
+    EXPECT_EQ(calls(node), (Calls{"start", "unbind", "start"}));
+}
+
+TEST_F(Timerange, RemovalTakesTheHandAwayToo) {
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    service.set(7, true);
+    EXPECT_EQ(service.remove(7, false), "");
+    EXPECT_TRUE(service.rows().empty());
+    service.set(8, true);
+    EXPECT_EQ(service.remove(8, false), "time range 8 is not defined");
+    EXPECT_TRUE(row(8).active);
+}
+
+// ---- all at once ----
+
+TEST_F(Timerange, ReplacingAllLeavesWhatStaysTheSameAlone) {
+    pClock->time = moment("mon", "09:00");
+    Node other, gone;
+    other.pDaemon = gone.pDaemon = &daemon;
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    service.define(8, schedule("mon", "08:00", "18:00"));
+    service.define(9, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    bind(8, "pbrwan-20", other);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(service.replaceAll({{7, schedule("mon", "08:00", "18:00")},
+                                  {8, schedule("tue", "08:00", "18:00")},
+                                  {10, schedule("mon", "09:30", "18:00")}},
+                                 false),
+              "");
+    EXPECT_EQ(calls(node), Calls{"start"});
+    EXPECT_EQ(calls(other), (Calls{"start", "stop"}));
+    ASSERT_EQ(service.rows().size(), 3u);
+    EXPECT_EQ(service.rows()[2].id, 10u);
+    EXPECT_EQ(pClock->alarm, moment("mon", "09:30"));
+}
+
+TEST_F(Timerange, ReplacingAllIsRefusedWholeWhenOneThatGoesIsInUse) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    service.define(6, schedule("mon", "08:00", "18:00"));
+    bind(7, "pbrwan-10", node);
+    EXPECT_EQ(calls(node), Calls{"start"});
+    const TimerangeSchedules after = {{8, schedule("mon", "08:00", "18:00")}};
+    EXPECT_EQ(service.replaceAll(after, false),
+              "time range 7 is not among the new ones, and is used by pbrwan-10: these nodes would not act any more. "
+              "Take it off them first, or force its removal");
+    EXPECT_EQ(service.rows().size(), 2u);
+    EXPECT_EQ(service.replaceAll(after, true), "");
+    EXPECT_EQ(calls(node), (Calls{"start", "unbind"}));
+}
+
+TEST_F(Timerange, ReplacingAllKeepsWhatWasSwitchedByHand) {
+    pClock->time = moment("mon", "09:00");
+    service.define(7, schedule("mon", "08:00", "18:00"));
+    service.set(7, false);
+    service.set(5, true); // never defined
+    EXPECT_EQ(service.replaceAll({{7, schedule("mon", "07:00", "18:00")}}, false), "");
+    EXPECT_EQ(row(7).byHand, false);
+    EXPECT_EQ(row(5).byHand, true);
 }
 
 // Nodes are bound to ranges at random under the daemon's mutex while ranges are switched at random: in the
