@@ -132,7 +132,8 @@ uint32_t nodePlace(const PbrNodeEntry *pNode) {
 std::string recordName(uintptr_t address) {
     std::string name;
     eachNode([&](const PbrListEntry *pList, const PbrNodeEntry *pNode, size_t, size_t) {
-        const std::string place = nameText(pList->name, pList->nameLen) + "," + std::to_string(pNode->nodeIndex);
+        const std::string quoted = fake::quoted(nameText(pList->name, pList->nameLen)); // as in the line
+        const std::string place = quoted.substr(1, quoted.size() - 2) + "," + std::to_string(pNode->nodeIndex);
         if (reinterpret_cast<uintptr_t>(pNode) == address) {
             name = "node(" + place + ")";
         }

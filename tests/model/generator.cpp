@@ -128,7 +128,7 @@ struct Generator {
     }
     Key nodeKey() {
         Key key = listKey();
-        key.node = chance(2) ? 0 : one(NODES);
+        key.node = chance(2) ? 0 : chance(1) ? 0xFFFFFFF0u : one(NODES);
         return key;
     }
     Key hopKey() {
@@ -562,7 +562,7 @@ struct Generator {
     }
     void switches() {
         const uint32_t flags[] = {0, 4, 64, 68, 76, 0xFFFFFFFFu};
-        switch (below(6)) {
+        switch (below(8)) {
         case 0:
         case 1:
         case 2: {
@@ -583,7 +583,22 @@ struct Generator {
             scripted({StepKind::Answer, "qrvSelfSysIndex", 0, one(values)});
             break;
         }
-        default: scripted({StepKind::Answer, "aggAnswer", 0, below(4)}); break;
+        case 5: scripted({StepKind::Answer, "aggAnswer", 0, below(4)}); break;
+        case 6: // a device that refuses everything for a while
+            scripted({StepKind::Answer, "aclIfSetApi", 0, 12});
+            read();
+            pass(1000);
+            manage();
+            pass(1000);
+            scripted({StepKind::Answer, "aclIfSetApi", 0, 0});
+            break;
+        default: // and an interface layer
+            scripted({StepKind::Answer, "qrvIfSetApi", 0, -3});
+            read();
+            pass(0);
+            manage();
+            scripted({StepKind::Answer, "qrvIfSetApi", 0, 0});
+            break;
         }
     }
 
@@ -740,6 +755,9 @@ Sequence generate(uint64_t seed, size_t wanted) {
     }
     if (g.chance(25)) {
         g.lists[2] = FULL_NAME;
+    }
+    if (g.chance(15)) {
+        g.lists[1] = g.chance(50) ? "a%s%n" : "a\xff"; // texts must not take a name for a format
     }
     g.prologue();
     while (g.steps.size() < wanted) {

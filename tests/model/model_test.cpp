@@ -2,6 +2,7 @@
 //
 // POLICYROUTE_MODEL_SEQUENCES  how many sequences in all
 // POLICYROUTE_MODEL_SEED       the first sequence's seed, for other sequences or to repeat one
+// POLICYROUTE_MODEL_STEPS      how many steps a sequence has
 // POLICYROUTE_MODEL_VERBOSE    prints each step before it is made, for one that crashes
 // The seeds are fixed, so that every run of a build does the same. A difference is told with its seed and
 // shortened to the steps that it needs: POLICYROUTE_MODEL_SEED=that POLICYROUTE_MODEL_SEQUENCES=1 repeats it.
@@ -51,13 +52,14 @@ class AnySequence : public testing::TestWithParam<uint64_t> {};
 
 TEST_P(AnySequence, OfStepsIsAnsweredAsTheModelAnswers) {
     const uint64_t sequences = environment("POLICYROUTE_MODEL_SEQUENCES", SEQUENCES);
+    const uint64_t steps = environment("POLICYROUTE_MODEL_STEPS", STEPS);
     const uint64_t first = sequences * GetParam() / SHARDS, end = sequences * (GetParam() + 1) / SHARDS;
     const uint64_t seed = environment("POLICYROUTE_MODEL_SEED", SEED) + first;
-    printf("seeds from %llu, %llu sequences of %zu steps\n", static_cast<unsigned long long>(seed),
-           static_cast<unsigned long long>(end - first), STEPS);
+    printf("seeds from %llu, %llu sequences of %llu steps\n", static_cast<unsigned long long>(seed),
+           static_cast<unsigned long long>(end - first), static_cast<unsigned long long>(steps));
     Reached reached;
     for (uint64_t i = 0; i < end - first; ++i) {
-        const Sequence sequence = model::generate(seed + i, STEPS);
+        const Sequence sequence = model::generate(seed + i, steps);
         const std::string difference = model::run(sequence, &reached);
         if (!difference.empty()) {
             const Sequence shorter = HasFailure() ? sequence : model::shorten(sequence);
