@@ -9,6 +9,7 @@
 #include "host/hrd/hrd_service.h"
 #include "host/ifnet/ifnet.h"
 #include "host/logging/host_log.h"
+#include "host/mgmt/confirm_ops.h"
 #include "host/mgmt/hold_ops.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/service_ops.h"
@@ -34,6 +35,7 @@ void registerAll() {
     nqaStart();
     serviceOpsRegister();
     holdOpsRegister();
+    confirmOpsRegister();
     shellMgmtRegister();
 }
 
