@@ -1,17 +1,20 @@
-// File, running state, plan, steps; and the way back when a step is refused.
+// File, running state, plan; then the transaction.
 #include "cli/apply.h"
 
-#include <csignal>
+#include <memory>
 
+#include "cli/confirm.h"
 #include "cli/errors.h"
-#include "cli/operate.h"
 #include "cli/planner.h"
 #include "cli/policy_file.h"
 #include "cli/running.h"
+#include "cli/transaction.h"
 
 namespace cli {
 
 namespace {
+
+constexpr size_t CHECK_BYTES = 512 * 1024; // of ACLs in one question; a line of the socket has 1 MiB
 
 std::string joined(const std::vector<std::string> &lines) {
     std::string text;
@@ -25,6 +28,24 @@ std::string counted(size_t count, const char *pWhat) {
     return std::to_string(count) + " " + pWhat + (count == 1 ? "" : "s");
 }
 
+[[noreturn]] void refuse(const PolicyFile &file, const std::vector<std::string> &problems) {
+    throw Refused(file.name + " is refused:\n" + joined(problems) +
+                  "\nNothing was changed. What to do: correct the file.");
+}
+
+std::string lineText(const PolicyFile &file, int line) { return file.name + ":" + std::to_string(line) + ": "; }
+
+// The first of these places that the file names.
+std::string placeText(const PolicyFile &file, const std::vector<std::string> &places) {
+    for (const std::string &place : places) {
+        const auto found = file.places.find(place);
+        if (found != file.places.end()) {
+            return lineText(file, found->second);
+        }
+    }
+    return file.name + ": ";
+}
+
 void interfaceLookUp(const PolicyFile &file, const Interfaces &interfaces, const std::string &name, uint32_t &unit,
                      std::vector<std::string> &problems) {
     const auto found = interfaces.unitOf(name);
@@ -33,8 +54,7 @@ void interfaceLookUp(const PolicyFile &file, const Interfaces &interfaces, const
         return;
     }
     const auto line = file.interfaceLines.find(name);
-    problems.push_back(file.name + ":" +
-                       std::to_string(line == file.interfaceLines.end() ? 1 : line->second) + ": interface " + name +
+    problems.push_back(lineText(file, line == file.interfaceLines.end() ? 1 : line->second) + "interface " + name +
                        (interfaces.known ? " does not exist in the daemon's network namespace"
                                          : " cannot be looked up: the daemon does not tell its interfaces; name "
                                            "it by its unit, such as unit:7"));
@@ -55,115 +75,145 @@ std::vector<std::string> interfacesLookUp(PolicyFile &file, const Interfaces &in
         interfaceLookUp(file, interfaces, binding.interface, binding.unit, problems);
         const auto [other, isNew] = seen.insert({binding.unit, binding.interface});
         if (!isNew && binding.unit != 0) {
-            problems.push_back(file.name + ":" + std::to_string(file.interfaceLines[binding.interface]) +
-                               ": interface " + binding.interface + " is the same as " + other->second);
+            problems.push_back(lineText(file, file.interfaceLines[binding.interface]) + "interface " +
+                               binding.interface + " is the same as " + other->second);
         }
     }
     return problems;
 }
 
-// While steps are done an interrupt must not leave a half-made policy.
-class SignalsHeld {
-public:
-    SignalsHeld() {
-        sigset_t held;
-        sigemptyset(&held);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaddset(&held, signal);
-        }
-        pthread_sigmask(SIG_BLOCK, &held, &before);
+void aclsAsk(Daemon &daemon, const PolicyFile &file, const nlohmann::json &acls) {
+    try {
+        (void)daemon.mgmt("acl.check", {{"acls", acls}});
+    } catch (const NotOffered &) {
+        return; // each change is checked when it is made
+    } catch (const Refused &refusal) {
+        refuse(file, {placeText(file, aclPlaces(refusal.what())) + refusal.what()});
     }
-    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
-    SignalsHeld(const SignalsHeld &) = delete;
-    SignalsHeld &operator=(const SignalsHeld &) = delete;
+}
 
-private:
-    sigset_t before;
+// Lets the daemon check the rules: it knows what its platform can.
+void aclsCheck(Daemon &daemon, const PolicyFile &file) {
+    nlohmann::json acls = nlohmann::json::object();
+    size_t bytes = 0;
+    for (const auto &[number, rules] : file.policy.acls) {
+        nlohmann::json texts = nlohmann::json::object();
+        for (const auto &[rule, text] : rules) {
+            texts[std::to_string(rule)] = text.text;
+            bytes += text.text.size() + 20;
+        }
+        acls[std::to_string(number)] = texts;
+        if (bytes > CHECK_BYTES) {
+            aclsAsk(daemon, file, acls);
+            acls = nlohmann::json::object();
+            bytes = 0;
+        }
+    }
+    if (!acls.empty()) {
+        aclsAsk(daemon, file, acls);
+    }
+}
+
+// Everything that can be said before anything is changed.
+struct Prepared {
+    PolicyFile file;
+    Running running;
+    Plan plan;
 };
 
-// Undoes the first `count` steps. Result: what was done, for the operator.
-std::string undo(Daemon &daemon, const std::vector<Step> &steps, size_t count) {
-    std::vector<std::string> failures;
-    for (size_t i = count; i > 0; i--) {
-        const Step step = stepUndo(steps[i - 1]);
-        try {
-            stepDo(daemon, step);
-        } catch (const Refused &refusal) {
-            failures.push_back("could not " + stepText(step) + ": " + refusal.what());
-        }
+PolicyFile fileRead(const ApplyOptions &options) {
+    PolicyFile file = policyFileRead(options.file, options.text);
+    if (!file.problems.empty()) {
+        refuse(file, file.problems);
     }
-    if (!failures.empty()) {
-        return "The steps done before were undone, except:\n" + joined(failures) +
-               "\nLook at 'pbrctl show lists' and apply again.";
-    }
-    return count == 0 ? "Nothing had been changed."
-                      : "The " + counted(count, "step") + " done before " + (count == 1 ? "was" : "were") +
-                            " undone: the policy is as before.";
+    return file;
 }
 
-void stepsDo(Daemon &daemon, const std::vector<Step> &steps) {
-    const SignalsHeld held;
-    for (size_t i = 0; i < steps.size(); i++) {
-        try {
-            stepDo(daemon, steps[i]);
-        } catch (const Refused &refusal) {
-            throw Refused("refused at step " + std::to_string(i + 1) + " of " + std::to_string(steps.size()) + ", " +
-                          stepText(steps[i]) + ":\n" + refusal.what() + "\n" + undo(daemon, steps, i));
-        } catch (const NoDaemon &lost) {
-            throw NoDaemon("the daemon went away at step " + std::to_string(i + 1) + " of " +
-                           std::to_string(steps.size()) + ", " + stepText(steps[i]) + ": " + lost.what() +
-                           ". What was done before stays as far as the daemon lives; apply again when it runs");
-        }
+Prepared prepare(Daemon &daemon, PolicyFile file, std::ostream &err) {
+    Prepared made{std::move(file), runningRead(daemon), {}};
+    if (!made.running.aclsKnown) {
+        throw Refused("the daemon's platform does not offer ACLs to pbrctl (no management socket): a policy file "
+                      "cannot be applied here; use the single-change commands");
     }
+    const std::vector<std::string> missing = interfacesLookUp(made.file, made.running.interfaces);
+    if (!missing.empty()) {
+        refuse(made.file, missing);
+    }
+    aclsCheck(daemon, made.file);
+    made.plan = planMake(made.running.policy, made.file.policy, made.running.limits);
+    if (!made.plan.problems.empty()) {
+        refuse(made.file, made.plan.problems);
+    }
+    for (const std::string &warning : made.file.warnings) {
+        err << "warning: " << warning << "\n";
+    }
+    return made;
 }
 
-// Tells the device that the policy is complete. On a switch there is nobody to tell.
-void settle(Daemon &daemon, std::ostream &err) {
+void planShow(const Plan &plan, std::ostream &out) {
+    out << (plan.lines.empty() ? "nothing to do" : joined(plan.lines)) << "\n" << std::flush;
+}
+
+void jsonShow(const Prepared &made, bool isDone, std::ostream &out) {
+    out << nlohmann::json({{"plan", made.plan.lines}, {"warnings", made.file.warnings}, {"done", isDone}}).dump(2)
+        << "\n";
+}
+
+void planApply(Daemon &daemon, const Prepared &made, const ApplyOptions &options, std::ostream &err) {
+    std::unique_ptr<ConfirmWatch> pWatch;
+    if (options.confirmSeconds && !made.plan.steps.empty()) {
+        pWatch = std::make_unique<ConfirmWatch>(
+            Rollback{daemon.rootFolder(), options.file, *options.confirmSeconds, made.running.policy});
+    }
+    const Where where = [&made](const std::vector<std::string> &places) { return placeText(made.file, places); };
     try {
-        if (!daemon.mgmt("device.settle").value("determined", true)) {
-            err << "warning: the state of some next hops is not known yet; 'pbrctl show next-hops' tells which\n";
+        planDo(daemon, made.running.policy, made.plan, where, err);
+    } catch (const NoDaemon &lost) {
+        if (pWatch == nullptr) {
+            throw;
         }
-    } catch (const Refused &refusal) {
-        throw Refused(std::string("the policy is applied, but the device is not right yet: ") + refusal.what() +
-                      "\nWhat to do: look at 'pbrctl show device' for the entries concerned.");
+        pWatch->leave();
+        throw NoDaemon(std::string(lost.what()) + "\nThe policy from before is brought back as soon as it runs");
+    }
+    if (pWatch != nullptr) {
+        pWatch->arm();
     }
 }
 
 } // namespace
 
+bool diff(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::ostream &err) {
+    const Prepared made = prepare(daemon, fileRead(options), err);
+    if (options.json) {
+        jsonShow(made, false, out);
+    } else if (!made.plan.lines.empty()) {
+        planShow(made.plan, out);
+    }
+    return !made.plan.lines.empty();
+}
+
 void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::ostream &err) {
-    PolicyFile file = policyFileRead(options.file, options.text);
-    if (!file.problems.empty()) {
-        throw Refused(options.file + " is refused:\n" + joined(file.problems) +
-                      "\nNothing was changed. What to do: correct the file.");
+    PolicyFile file = fileRead(options);
+    (void)daemon.command(); // tells at once when no daemon runs
+    std::unique_ptr<ChangeLock> pLock;
+    if (!options.dryRun) {
+        pLock = std::make_unique<ChangeLock>(daemon, options.file);
     }
-    Running running = runningRead(daemon);
-    if (!running.aclsKnown) {
-        throw Refused("the daemon's platform does not offer ACLs to pbrctl (no management socket): a policy file "
-                      "cannot be applied here; use the single-change commands");
-    }
-    const std::vector<std::string> missing = interfacesLookUp(file, running.interfaces);
-    const Plan plan = planMake(running.policy, file.policy, running.limits);
-    if (!missing.empty() || !plan.problems.empty()) {
-        throw Refused(options.file + " is refused:\n" + joined(missing.empty() ? plan.problems : missing) +
-                      "\nNothing was changed. What to do: correct the file.");
-    }
-    for (const std::string &warning : file.warnings) {
-        err << "warning: " << warning << "\n";
-    }
+    const Prepared made = prepare(daemon, std::move(file), err);
     if (!options.json) {
-        out << (plan.lines.empty() ? "nothing to do" : joined(plan.lines)) << "\n" << std::flush;
+        planShow(made.plan, out);
     }
     if (!options.dryRun) {
-        stepsDo(daemon, plan.steps);
-        settle(daemon, err);
+        planApply(daemon, made, options, err);
     }
     if (options.json) {
-        out << nlohmann::json({{"plan", plan.lines}, {"warnings", file.warnings}, {"done", !options.dryRun}}).dump(2)
+        jsonShow(made, !options.dryRun, out);
+    } else if (!made.plan.lines.empty()) {
+        out << (options.dryRun ? "dry run: nothing was changed" : "done: " + counted(made.plan.steps.size(), "step"))
             << "\n";
-    } else if (!plan.lines.empty()) {
-        out << (options.dryRun ? "dry run: nothing was changed" : "done: " + counted(plan.steps.size(), "step"))
-            << "\n";
+        if (options.confirmSeconds && !options.dryRun) {
+            out << "it is undone in " << *options.confirmSeconds << " s unless 'pbrctl confirm' comes\n";
+        }
     }
 }
 

@@ -13,8 +13,10 @@
 
 #include "cli/apply.h"
 #include "cli/change.h"
+#include "cli/confirm.h"
 #include "cli/errors.h"
 #include "cli/event.h"
+#include "cli/export.h"
 #include "cli/numbers.h"
 #include "cli/raw.h"
 #include "cli/shell.h"
@@ -65,11 +67,49 @@ void applyAdd(CLI::App &app, Context &context) {
     CLI::App *pSub = app.add_subcommand("apply", "Make the running policy equal to a file, or leave all as it is");
     auto pOptions = holder<ApplyOptions>();
     pSub->add_option("file", pOptions->file, "Policy file (YAML), - for standard input")->required();
-    pSub->add_flag("--dry-run", pOptions->dryRun, "Print the plan and change nothing");
+    CLI::Option *pDry = pSub->add_flag("--dry-run", pOptions->dryRun, "Print the plan and change nothing");
+    pSub->add_option("--confirm", pOptions->confirmSeconds,
+                     "Undo it by itself after so many seconds unless 'pbrctl confirm' comes")
+        ->check(CLI::Range(1u, CONFIRM_MOST_SECONDS))
+        ->excludes(pDry);
     runs(context, pSub, [&context, pOptions] {
         pOptions->text = fileRead(pOptions->file);
         pOptions->json = context.json;
         apply(context.daemon(), *pOptions, context.out, context.err);
+    });
+}
+
+// As of other tools that compare: 0 no difference, 1 differences, 2 it could not be told.
+int diffRun(Context &context, ApplyOptions &options) {
+    try {
+        options.text = fileRead(options.file);
+        options.json = context.json;
+        return diff(context.daemon(), options, context.out, context.err) ? 1 : 0;
+    } catch (const Refused &refusal) {
+        throw Usage(refusal.what()); // whose exit status is 2
+    }
+}
+
+void policyAdd(CLI::App &app, Context &context) {
+    CLI::App *pSub = app.add_subcommand("diff", "Compare the running policy with a file: 0 equal, 1 different");
+    auto pOptions = holder<ApplyOptions>();
+    pSub->add_option("file", pOptions->file, "Policy file (YAML), - for standard input")->required();
+    pSub->callback([&context, pOptions] { context.action = [&context, pOptions] { return diffRun(context, *pOptions); }; });
+
+    pSub = app.add_subcommand("export", "Write the running policy as a policy file");
+    runs(context, pSub, [&context] { exportPolicy(context.daemon(), context.out, context.err); });
+
+    pSub = app.add_subcommand("confirm", "Keep what 'apply --confirm' applied");
+    auto pRollback = holder<bool>();
+    auto pShow = holder<bool>();
+    CLI::Option *pBack = pSub->add_flag("--rollback", *pRollback, "Undo it now instead");
+    pSub->add_flag("--show", *pShow, "Tell what waits for a confirmation")->excludes(pBack);
+    runs(context, pSub, [=, &context] {
+        if (*pShow) {
+            confirmShow(context.daemon(), context.json, context.out);
+        } else {
+            confirm(context.daemon(), *pRollback, context.out);
+        }
     });
 }
 
@@ -343,7 +383,7 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
     app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, eventAdd,
+    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, eventAdd,
                            shellAdd, rawAdd}) {
         add(app, context);
     }

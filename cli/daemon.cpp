@@ -16,6 +16,7 @@ namespace cli {
 
 namespace {
 
+constexpr const char *UNKNOWN_OPERATION = "unknown operation"; // how such a refusal begins
 constexpr const char *UNIT_PREFIX = "unit:"; // an interface by its unit
 constexpr int MGMT_TIMEOUT_MS = 60000;              // a device may have much to do
 constexpr size_t MGMT_ANSWER_MAX = 256u * 1024 * 1024; // an answer longer than this is none
@@ -25,13 +26,18 @@ std::string notReachable(const std::string &why) {
            ". Is it running (and under this --root)? May you use its sockets (root, or the group of host.group)?";
 }
 
-void waitFor(int fd, short events) {
+// Result: whether `fd` is ready before the time is over.
+bool isReady(int fd, short events, int timeoutMs) {
     pollfd ready{fd, events, 0};
     int count = 0;
     do {
-        count = poll(&ready, 1, MGMT_TIMEOUT_MS);
+        count = poll(&ready, 1, timeoutMs);
     } while (count < 0 && errno == EINTR);
-    if (count <= 0) {
+    return count > 0;
+}
+
+void waitFor(int fd, short events) {
+    if (!isReady(fd, events, MGMT_TIMEOUT_MS)) {
         throw NoDaemon("the daemon does not answer on its management socket");
     }
 }
@@ -108,10 +114,10 @@ bool Daemon::mgmtConnect(std::string &why) {
     return true;
 }
 
-std::string Daemon::mgmtExchange(const std::string &line) {
+// Runs `work` on the connection, which is closed when it breaks.
+template <typename Work> auto Daemon::mgmtGuarded(Work work) {
     try {
-        sendAll(mgmtFd, line);
-        return receiveLine(mgmtFd);
+        return work();
     } catch (const NoDaemon &) {
         close(mgmtFd);
         mgmtFd = -1;
@@ -119,15 +125,40 @@ std::string Daemon::mgmtExchange(const std::string &line) {
     }
 }
 
-nlohmann::json Daemon::mgmtAsk(const std::string &op, nlohmann::json request) {
+namespace {
+
+std::string requestLine(const std::string &op, nlohmann::json request) {
     request["op"] = op;
     // Names may be any bytes; what is no UTF-8 is replaced rather than thrown at the operator.
-    const std::string line = request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    const nlohmann::json answer = nlohmann::json::parse(mgmtExchange(line), nullptr, false);
+    return request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+nlohmann::json answerRead(int fd) {
+    nlohmann::json answer = nlohmann::json::parse(receiveLine(fd), nullptr, false);
     if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean()) {
         throw NoDaemon("the daemon's answer on its management socket is not understood");
     }
     return answer;
+}
+
+nlohmann::json mustBeOk(nlohmann::json answer) {
+    if (!answer["ok"].get<bool>()) {
+        const std::string error = answer.value("error", "the daemon refused it");
+        if (error.rfind(UNKNOWN_OPERATION, 0) == 0) {
+            throw NotOffered(error);
+        }
+        throw Refused(error);
+    }
+    return answer;
+}
+
+} // namespace
+
+nlohmann::json Daemon::mgmtAsk(const std::string &op, nlohmann::json request) {
+    return mgmtGuarded([&] {
+        sendAll(mgmtFd, requestLine(op, std::move(request)));
+        return answerRead(mgmtFd);
+    });
 }
 
 nlohmann::json Daemon::mgmt(const std::string &op, nlohmann::json request) {
@@ -135,11 +166,30 @@ nlohmann::json Daemon::mgmt(const std::string &op, nlohmann::json request) {
     if (!mgmtConnect(why)) {
         throw NoDaemon(notReachable(why));
     }
-    nlohmann::json answer = mgmtAsk(op, std::move(request));
-    if (!answer["ok"].get<bool>()) {
-        throw Refused(answer.value("error", "the daemon refused " + op));
+    return mustBeOk(mgmtAsk(op, std::move(request)));
+}
+
+void Daemon::mgmtSend(const std::string &op, nlohmann::json request) {
+    std::string why;
+    if (!mgmtConnect(why)) {
+        throw NoDaemon(notReachable(why));
     }
-    return answer;
+    mgmtGuarded([&] { sendAll(mgmtFd, requestLine(op, std::move(request))); });
+}
+
+std::optional<nlohmann::json> Daemon::mgmtAnswer(int timeoutMs) {
+    if (!isReady(mgmtFd, POLLIN, timeoutMs)) {
+        return std::nullopt;
+    }
+    return mgmtGuarded([&] { return std::optional(mustBeOk(answerRead(mgmtFd))); });
+}
+
+void Daemon::disconnect() {
+    client::commandClose(client);
+    if (mgmtFd >= 0) {
+        close(mgmtFd);
+    }
+    mgmtFd = -1;
 }
 
 std::optional<nlohmann::json> Daemon::mgmtIfThere(const std::string &op) {

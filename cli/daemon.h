@@ -28,16 +28,26 @@ public:
     client::CommandClient &command();
 
     // One request to the management socket; `op` is put into it. Result: the answer, whose "ok" is true.
-    // Throws Refused with the daemon's text, NoDaemon.
+    // Throws Refused with the daemon's text (NotOffered when it does not know the operation), NoDaemon.
     nlohmann::json mgmt(const std::string &op, nlohmann::json request = nlohmann::json::object());
 
     // As mgmt; none where the daemon has no management socket or does not know the operation: a switch's
     // platform brings its own. Throws NoDaemon when the connection breaks.
     std::optional<nlohmann::json> mgmtIfThere(const std::string &op);
 
+    // For an answer that takes long: mgmtSend asks, mgmtAnswer waits for the answer, none when the time is
+    // over; nothing else may be asked meanwhile. Throws as mgmt does.
+    void mgmtSend(const std::string &op, nlohmann::json request = nlohmann::json::object());
+    std::optional<nlohmann::json> mgmtAnswer(int timeoutMs);
+
+    // Ends both connections, and with them what belongs to them; the next request connects anew.
+    void disconnect();
+
+    const std::string &rootFolder() const { return root; }
+
 private:
     bool mgmtConnect(std::string &why);
-    std::string mgmtExchange(const std::string &line);
+    template <typename Work> auto mgmtGuarded(Work work);
     nlohmann::json mgmtAsk(const std::string &op, nlohmann::json request);
 
     std::string root;

@@ -13,6 +13,11 @@ struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The daemon does not know the operation: another version of it, or another platform.
+struct NotOffered : Refused {
+    using Refused::Refused;
+};
+
 // The command line is wrong.
 struct Usage : std::runtime_error {
     using std::runtime_error::runtime_error;

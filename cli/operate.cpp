@@ -144,10 +144,13 @@ nlohmann::json rulesJson(const AclRules &rules) {
 
 } // namespace
 
-void listMake(Daemon &daemon, const std::string &name) {
+void listMake(Daemon &daemon, const std::string &name, bool active) {
     const Bytes key = client::keyOfList(name);
     const std::string what = "list " + name;
     set(daemon, PBR_CMD_LIST_SET, key, PBR_LIST_STATUS, PBR_ROW_CREATED, what + ": create");
+    if (!active) {
+        return;
+    }
     undoing([&] { set(daemon, PBR_CMD_LIST_SET, key, PBR_LIST_STATUS, PBR_ROW_ACTIVE, what + ": activate"); },
             [&] { listRemove(daemon, name); });
 }
@@ -275,9 +278,27 @@ void aclPut(Daemon &daemon, uint32_t acl, const AclRules &rules) {
 
 void aclRemove(Daemon &daemon, uint32_t acl) { (void)daemon.mgmt("acl.destroy", {{"acl", acl}}); }
 
+void probesPut(Daemon &daemon, const std::map<std::string, Probe> &probes) {
+    nlohmann::json all = nlohmann::json::object();
+    for (const auto &[name, probe] : probes) {
+        all[name] = probeJson(probe);
+    }
+    (void)daemon.mgmt("probe.replaceAll", {{"probes", all}});
+}
+
+void timeRangesPut(Daemon &daemon, const std::map<uint32_t, TimeRange> &ranges) {
+    nlohmann::json all = nlohmann::json::object();
+    for (const auto &[id, range] : ranges) {
+        all[std::to_string(id)] = timeRangeJson(range);
+    }
+    (void)daemon.mgmt("timerange.replaceAll", {{"timeRanges", all}});
+}
+
 void stepDo(Daemon &daemon, const Step &step) {
     const Binding &binding = step.binding;
     switch (step.kind) {
+    case StepKind::ProbesPut: return probesPut(daemon, step.probes);
+    case StepKind::RangesPut: return timeRangesPut(daemon, step.ranges);
     case StepKind::AclPut: return aclPut(daemon, step.acl, step.rules);
     case StepKind::AclRemove: return aclRemove(daemon, step.acl);
     case StepKind::Unbind: return bindRemove(daemon, binding.unit, binding.interface);
@@ -286,7 +307,7 @@ void stepDo(Daemon &daemon, const Step &step) {
     case StepKind::NodeRemove: return nodeRemove(daemon, step.list, step.node.index);
     case StepKind::NodeMake: return nodeMake(daemon, step.list, step.node);
     case StepKind::ListRemove: return listRemove(daemon, step.list);
-    case StepKind::ListMake: return listMake(daemon, step.list);
+    case StepKind::ListMake: return listMake(daemon, step.list, step.listActive);
     }
 }
 

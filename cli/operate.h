@@ -13,7 +13,8 @@
 
 namespace cli {
 
-void listMake(Daemon &daemon, const std::string &name);
+// active: activates it too, as a list that is to act must be.
+void listMake(Daemon &daemon, const std::string &name, bool active = true);
 // Unbinds the time ranges of its nodes first: the daemon would leave them registered.
 void listRemove(Daemon &daemon, const std::string &name);
 
@@ -33,6 +34,10 @@ void bindRemove(Daemon &daemon, uint32_t unit, const std::string &interface);
 
 void aclPut(Daemon &daemon, uint32_t acl, const AclRules &rules);
 void aclRemove(Daemon &daemon, uint32_t acl);
+
+// Exactly these probes, exactly these time ranges; those that are the same go on undisturbed.
+void probesPut(Daemon &daemon, const std::map<std::string, Probe> &probes);
+void timeRangesPut(Daemon &daemon, const std::map<uint32_t, TimeRange> &ranges);
 
 // Does a step of a plan.
 void stepDo(Daemon &daemon, const Step &step);

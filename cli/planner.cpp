@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <set>
+#include <sstream>
 
 namespace cli {
 
@@ -69,15 +70,21 @@ void touchedFind(Difference &difference) {
     }
 }
 
-Step listStep(StepKind kind, const std::string &list) {
+Step placeStep(StepKind kind, const std::string &list) {
     Step step;
     step.kind = kind;
     step.list = list;
     return step;
 }
 
+Step listStep(StepKind kind, const List &list) {
+    Step step = placeStep(kind, list.name);
+    step.listActive = list.active;
+    return step;
+}
+
 Step nodeStep(StepKind kind, const std::string &list, const Node &node) {
-    Step step = listStep(kind, list);
+    Step step = placeStep(kind, list);
     step.node = node;
     return step;
 }
@@ -93,6 +100,35 @@ Step rebindStep(const Binding &from, const Binding &to) {
     Step step = bindStep(StepKind::Rebind, to);
     step.fromList = from.list;
     return step;
+}
+
+// What is wanted, and beside it what runs and is not wanted: it goes when nothing refers to it any more.
+template <typename Map> Map united(const Map &running, const Map &wanted) {
+    Map both = wanted;
+    both.insert(running.begin(), running.end());
+    return both;
+}
+
+void probesPut(const std::map<std::string, Probe> &before, const std::map<std::string, Probe> &after,
+               std::vector<Step> &steps) {
+    if (before != after) {
+        Step step;
+        step.kind = StepKind::ProbesPut;
+        step.probes = after;
+        step.probesBefore = before;
+        steps.push_back(step);
+    }
+}
+
+void rangesPut(const std::map<uint32_t, TimeRange> &before, const std::map<uint32_t, TimeRange> &after,
+               std::vector<Step> &steps) {
+    if (before != after) {
+        Step step;
+        step.kind = StepKind::RangesPut;
+        step.ranges = after;
+        step.rangesBefore = before;
+        steps.push_back(step);
+    }
 }
 
 // ACLs that are new or differ. afterRemoval: those that changed lists use now, else the others.
@@ -182,7 +218,7 @@ void removals(const Difference &difference, std::vector<Step> &steps) {
             }
         }
         if (pThen == nullptr) {
-            steps.push_back(listStep(StepKind::ListRemove, name));
+            steps.push_back(listStep(StepKind::ListRemove, *pNow));
         }
     }
 }
@@ -195,7 +231,7 @@ void makings(const Difference &difference, std::vector<Step> &steps) {
             continue;
         }
         if (pNow == nullptr) {
-            steps.push_back(listStep(StepKind::ListMake, name));
+            steps.push_back(listStep(StepKind::ListMake, *pThen));
         }
         for (const auto &[index, node] : pThen->nodes) {
             const Node *pNode = nodeOf(pNow, index);
@@ -207,6 +243,23 @@ void makings(const Difference &difference, std::vector<Step> &steps) {
 }
 
 // ---- what the operator reads ----
+
+// The lines of things that are one value each; was and becomes: the values' texts.
+template <typename Map, typename Text>
+void valueLines(const char *pWhat, const Map &now, const Map &then, Text text, std::vector<std::string> &lines) {
+    for (const auto &[key, value] : united(now, then)) {
+        const auto before = now.find(key), after = then.find(key);
+        std::ostringstream what;
+        what << pWhat << " " << key;
+        if (before == now.end()) {
+            lines.push_back("+ " + what.str() + ": " + text(value));
+        } else if (after == then.end()) {
+            lines.push_back("- " + what.str());
+        } else if (!(before->second == after->second)) {
+            lines.push_back("~ " + what.str() + ": " + text(before->second) + " -> " + text(after->second));
+        }
+    }
+}
 
 void aclLines(const Difference &difference, std::vector<std::string> &lines) {
     for (const auto &[number, rules] : difference.wanted.acls) {
@@ -237,8 +290,8 @@ void aclLines(const Difference &difference, std::vector<std::string> &lines) {
     }
 }
 
-// " (off and on again: lan0, lan1)": the interfaces that stay bound to a list that changes.
-std::string pauseText(const Difference &difference, const std::string &name) {
+// " (bound to lan0, lan1)": the interfaces that stay bound to a list that changes.
+std::string boundText(const Difference &difference, const std::string &name) {
     std::string names;
     for (const auto &[unit, now] : difference.boundNow) {
         const auto then = difference.boundThen.find(unit);
@@ -246,7 +299,7 @@ std::string pauseText(const Difference &difference, const std::string &name) {
             names += (names.empty() ? "" : ", ") + now.interface;
         }
     }
-    return names.empty() ? "" : " (taken off " + names + " and bound again around the change)";
+    return names.empty() ? "" : " (bound to " + names + ")";
 }
 
 void nodeLines(const List *pNow, const List *pThen, std::vector<std::string> &lines) {
@@ -275,7 +328,7 @@ void listLines(const Difference &difference, std::vector<std::string> &lines) {
     for (const std::string &name : difference.touched) {
         const List *pNow = listOf(difference.running, name), *pThen = listOf(difference.wanted, name);
         const char *pSign = pNow == nullptr ? "+ " : pThen == nullptr ? "- " : "~ ";
-        lines.push_back(pSign + ("list " + name) + pauseText(difference, name));
+        lines.push_back(pSign + ("list " + name) + boundText(difference, name));
         nodeLines(pNow, pThen, lines);
     }
 }
@@ -292,6 +345,59 @@ void bindingLines(const Difference &difference, std::vector<std::string> &lines)
     for (const auto &[unit, then] : difference.boundThen) {
         if (difference.boundNow.count(unit) == 0) {
             lines.push_back("+ binding " + then.interface + ": " + then.list);
+        }
+    }
+}
+
+template <typename Map> bool isSame(const Map &now, const Map &then, const typename Map::key_type &key) {
+    const auto before = now.find(key), after = then.find(key);
+    return (before == now.end()) == (after == then.end()) && (before == now.end() || before->second == after->second);
+}
+
+// Whether the ACL, a probe or the time range of one of the list's nodes changes.
+bool surroundingsChange(const Difference &difference, const List &list) {
+    const Policy &now = difference.running, &then = difference.wanted;
+    return std::any_of(list.nodes.begin(), list.nodes.end(), [&](const auto &each) {
+        const Node &node = each.second;
+        return !isSame(now.acls, then.acls, node.acl) ||
+               (node.timeRange && !isSame(now.timeRanges, then.timeRanges, *node.timeRange)) ||
+               std::any_of(node.nextHops.begin(), node.nextHops.end(), [&](const NextHop &nextHop) {
+                   return !isSame(now.probes, then.probes, probeNameOf(nextHop));
+               });
+    });
+}
+
+// The bound lists whose packets may see a change.
+void heldFind(const Difference &difference, std::set<std::string> &held) {
+    const std::pair<const Policy *, const Bindings *> sides[] = {{&difference.running, &difference.boundNow},
+                                                                 {&difference.wanted, &difference.boundThen}};
+    for (const auto &[pPolicy, pBindings] : sides) {
+        for (const auto &[unit, binding] : *pBindings) {
+            const Bindings &others = pBindings == &difference.boundNow ? difference.boundThen : difference.boundNow;
+            const auto other = others.find(unit);
+            const List *pList = listOf(*pPolicy, binding.list);
+            if (other == others.end() || other->second.list != binding.list ||
+                difference.touched.count(binding.list) != 0 ||
+                (pList != nullptr && surroundingsChange(difference, *pList))) {
+                held.insert(binding.list);
+            }
+        }
+    }
+}
+
+void newProbesFind(const Difference &difference, std::set<std::string> &probes) {
+    for (const auto &[unit, binding] : difference.boundThen) {
+        const List *pList = listOf(difference.wanted, binding.list);
+        if (pList == nullptr) {
+            continue;
+        }
+        for (const auto &[index, node] : pList->nodes) {
+            for (const NextHop &nextHop : node.nextHops) {
+                const std::string name = probeNameOf(nextHop);
+                if (!name.empty() && !isSame(difference.running.probes, difference.wanted.probes, name)) {
+                    probes.insert(name);
+                }
+            }
         }
     }
 }
@@ -315,6 +421,28 @@ void limitsCheck(const Policy &wanted, const Limits &limits, std::vector<std::st
     check("next hops", nextHops, uint64_t{4} * limits.maxNodes, "policyroute.maxnodenum");
 }
 
+// The number behind the first `word`; empty without one.
+std::string digitsAfter(const std::string &text, const std::string &word) {
+    const size_t at = text.find(word);
+    const size_t first = at == std::string::npos ? text.size() : at + word.size();
+    size_t last = first;
+    while (last < text.size() && text[last] >= '0' && text[last] <= '9') {
+        last++;
+    }
+    return text.substr(first, last - first);
+}
+
+// The longest name that the text tells.
+std::string probeNamedIn(const std::string &text, const std::map<std::string, Probe> &probes) {
+    std::string named;
+    for (const auto &[name, probe] : probes) {
+        if (name.size() > named.size() && text.find(name) != std::string::npos) {
+            named = name;
+        }
+    }
+    return named;
+}
+
 } // namespace
 
 Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits) {
@@ -322,6 +450,10 @@ Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits)
     touchedFind(difference);
     Plan plan;
     std::vector<Step> binds;
+    const auto allProbes = united(running.probes, wanted.probes);
+    const auto allRanges = united(running.timeRanges, wanted.timeRanges);
+    probesPut(running.probes, allProbes, plan.steps);
+    rangesPut(running.timeRanges, allRanges, plan.steps);
     aclPuts(difference, false, plan.steps);
     unbinds(difference, plan.steps, binds);
     removals(difference, plan.steps);
@@ -329,16 +461,24 @@ Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits)
     makings(difference, plan.steps);
     plan.steps.insert(plan.steps.end(), binds.begin(), binds.end());
     aclRemovals(difference, plan.steps);
+    rangesPut(allRanges, wanted.timeRanges, plan.steps);
+    probesPut(allProbes, wanted.probes, plan.steps);
     aclLines(difference, plan.lines);
+    valueLines("probe", running.probes, wanted.probes, probeText, plan.lines);
+    valueLines("time-range", running.timeRanges, wanted.timeRanges, timeRangeText, plan.lines);
     listLines(difference, plan.lines);
     bindingLines(difference, plan.lines);
     limitsCheck(wanted, limits, plan.problems);
+    heldFind(difference, plan.held);
+    newProbesFind(difference, plan.newProbes);
     return plan;
 }
 
 Step stepUndo(const Step &step) {
     Step undo = step;
     switch (step.kind) {
+    case StepKind::ProbesPut: std::swap(undo.probes, undo.probesBefore); break;
+    case StepKind::RangesPut: std::swap(undo.ranges, undo.rangesBefore); break;
     case StepKind::AclPut:
         undo.kind = step.aclWasThere ? StepKind::AclPut : StepKind::AclRemove;
         std::swap(undo.rules, undo.before);
@@ -364,6 +504,8 @@ std::string stepText(const Step &step) {
     const std::string node = "node " + step.list + "/" + std::to_string(step.node.index);
     const std::string binding = step.binding.interface + ": ";
     switch (step.kind) {
+    case StepKind::ProbesPut: return "set the probes";
+    case StepKind::RangesPut: return "set the time ranges";
     case StepKind::AclPut: return (step.aclWasThere ? "change " : "make ") + acl;
     case StepKind::AclRemove: return "remove " + acl;
     case StepKind::Unbind: return "take list " + step.binding.list + " off " + step.binding.interface;
@@ -375,6 +517,31 @@ std::string stepText(const Step &step) {
     case StepKind::ListMake: return "make list " + step.list;
     }
     return "";
+}
+
+std::vector<std::string> aclPlaces(const std::string &refusal) {
+    const std::string acl = "acl " + digitsAfter(refusal, "ACL ");
+    return {acl + " rule " + digitsAfter(refusal, " rule "), acl, "acls"};
+}
+
+std::vector<std::string> stepPlaces(const Step &step, const std::string &refusal) {
+    const std::string node = "node " + step.list + "/" + std::to_string(step.node.index);
+    const std::string acl = "acl " + std::to_string(step.acl);
+    switch (step.kind) {
+    case StepKind::ProbesPut: return {"probe " + probeNamedIn(refusal, step.probes), "probes"};
+    case StepKind::RangesPut: return {"time-range " + digitsAfter(refusal, "range "), "time-ranges"};
+    case StepKind::AclPut:
+    case StepKind::AclRemove: return {acl + " rule " + digitsAfter(refusal, " rule "), acl, "acls"};
+    case StepKind::Unbind:
+    case StepKind::Bind:
+    case StepKind::Rebind:
+        return {"binding " + step.binding.interface, "list " + step.binding.list, "bindings", "lists"};
+    case StepKind::NodeRemove:
+    case StepKind::NodeMake: return {node, "list " + step.list, "lists"};
+    case StepKind::ListRemove:
+    case StepKind::ListMake: return {"list " + step.list, "lists"};
+    }
+    return {};
 }
 
 } // namespace cli

@@ -2,16 +2,20 @@
 // order that the daemon accepts. Pure: values in, values out, no socket.
 //
 // The daemon refuses changes of a list that is bound, and an ACL serves one node only. So the order is:
-//   1. make new ACLs, and change those that no changed list uses;
-//   2. take lists that change off their interfaces; bind interfaces whose lists stay as they are
+//   1. make and change probes and time ranges, so that they stand before a node refers to them;
+//   2. make new ACLs, and change those that no changed list uses;
+//   3. take lists that change off their interfaces; bind interfaces whose lists stay as they are
 //      directly to their new list;
-//   3. remove nodes that change or go, and lists that go;
-//   4. change the other ACLs;
-//   5. make lists and nodes; 6. bind; 7. remove ACLs that go.
-// What does not differ is not touched. Each step has an inverse, which brings back what was.
+//   4. remove nodes that change or go, and lists that go;
+//   5. change the other ACLs;
+//   6. make lists and nodes; 7. bind;
+//   8. remove ACLs, time ranges and probes that go.
+// What does not differ is not touched. Each step has an inverse, which brings back what was. The device
+// holds the lists concerned around the steps, so that packets see one change, not its steps.
 #ifndef CLI_PLANNER_H
 #define CLI_PLANNER_H
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,6 +24,8 @@
 namespace cli {
 
 enum class StepKind {
+    ProbesPut,   // have exactly `probes`, instead of `probesBefore`
+    RangesPut,   // have exactly the time ranges `ranges`, instead of `rangesBefore`
     AclPut,      // make or replace an ACL with `rules`
     AclRemove,   // remove an ACL; `before` are its rules
     Unbind,      // take the list off the interface
@@ -37,7 +43,12 @@ struct Step {
     bool aclWasThere = false; // AclPut: it replaces `before`
     AclRules rules;
     AclRules before;
+    std::map<std::string, Probe> probes;
+    std::map<std::string, Probe> probesBefore;
+    std::map<uint32_t, TimeRange> ranges;
+    std::map<uint32_t, TimeRange> rangesBefore;
     std::string list;     // of lists and nodes
+    bool listActive = true; // ListMake, ListRemove: it is activated
     Node node;            // NodeMake, NodeRemove
     Binding binding;      // Bind, Unbind, Rebind
     std::string fromList; // Rebind
@@ -47,6 +58,8 @@ struct Plan {
     std::vector<Step> steps;           // in order
     std::vector<std::string> lines;    // for the operator: "+ ...", "- ...", "~ ..."
     std::vector<std::string> problems; // why it cannot be done; empty: it can
+    std::set<std::string> held;        // bound lists of whose nodes something changes
+    std::set<std::string> newProbes;   // probes without a result yet on which bound lists depend
 };
 
 // Both policies have their units looked up. Lock: none
@@ -55,8 +68,15 @@ Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits)
 // The step that undoes `step`. Lock: none
 Step stepUndo(const Step &step);
 
-// "node wan/10: make (acl 1501, next hop 192.0.2.1)". Lock: none
+// "make node wan/10 (acl 1501, next hop 192.0.2.1)". Lock: none
 std::string stepText(const Step &step);
+
+// What a step is about, most exact first: "node wan/10", "list wan", "lists". refusal: why it was refused,
+// which may name one of many things of the step. Lock: none
+std::vector<std::string> stepPlaces(const Step &step, const std::string &refusal);
+
+// "ACL 1501 rule 20: ..." -> "acl 1501 rule 20", "acl 1501", "acls". Lock: none
+std::vector<std::string> aclPlaces(const std::string &refusal);
 
 } // namespace cli
 

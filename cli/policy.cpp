@@ -40,6 +40,11 @@ bool nodeEquals(const Node &left, const Node &right) {
            left.field7 == right.field7 && left.forwardFlag == right.forwardFlag;
 }
 
+std::string probeNameOf(const NextHop &nextHop) {
+    const bool isNamed = !nextHop.probeAdmin.empty() && !nextHop.probeTest.empty();
+    return isNamed ? nextHop.probeAdmin + "/" + nextHop.probeTest : "";
+}
+
 std::string nextHopText(const NextHop &nextHop) {
     std::string text = nextHop.address.empty() ? "(no address)" : addressWrite(nextHop.address);
     if (!nextHop.probeAdmin.empty() || !nextHop.probeTest.empty()) {
@@ -108,11 +113,9 @@ std::vector<std::string> listWarnings(const List &list) {
                 warnings.push_back(place + ": next hop " + std::to_string(nextHop.index) +
                                    " has no address and counts as configured; remove it");
             }
-            if (!nextHop.probeAdmin.empty() && !nextHop.probeTest.empty()) {
+            if (node.ecmp != 0 && !probeNameOf(nextHop).empty()) {
                 warnings.push_back(place + ": next hop " + nextHopText(nextHop) +
-                                   ": probes are not run by this version and count as failing; " +
-                                   (node.ecmp != 0 ? "ECMP does not look at them"
-                                                   : "the next hop will not be chosen"));
+                                   ": ECMP does not look at probes, only at reachability");
             }
         }
         if (node.timeRange && (node.ecmp != 0 || node.nextHops.empty())) {

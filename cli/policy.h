@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "cli/acl_text.h"
+#include "cli/policy_probe.h"
+#include "cli/policy_range.h"
 
 namespace cli {
 
@@ -60,6 +62,8 @@ struct Binding {
 
 struct Policy {
     std::map<uint32_t, AclRules> acls;
+    std::map<std::string, Probe> probes; // by "administrator/test"
+    std::map<uint32_t, TimeRange> timeRanges;
     std::map<std::string, List> lists;
     std::vector<Binding> bindings;
 };
@@ -79,7 +83,10 @@ std::string nodeMatchText(const Node &node);  // "acl 1501"
 std::string nodeActionText(const Node &node); // the rest
 std::string nextHopText(const NextHop &nextHop);
 
-// Warnings about nodes that work here but not everywhere, or not yet, as plain sentences. Lock: none
+// "ops/isp-a"; empty: the next hop has no probe. Lock: none
+std::string probeNameOf(const NextHop &nextHop);
+
+// Warnings about nodes that work here but not everywhere, as plain sentences. Lock: none
 std::vector<std::string> listWarnings(const List &list);
 
 } // namespace cli

@@ -3,74 +3,15 @@
 #include "cli/policy_file.h"
 
 #include <algorithm>
-#include <functional>
-#include <set>
-
-#include <yaml-cpp/yaml.h>
 
 #include "cli/numbers.h"
+#include "cli/policy_file_reader.h"
 
 namespace cli {
 
 namespace {
 
-constexpr size_t MAX_INTERFACE_NAME = 15; // characters of an interface name
-
-struct Reader {
-    PolicyFile &file;
-    std::vector<std::pair<int, std::string>> problems; // line, reason
-    std::map<uint32_t, std::string> aclUsers;          // ACL -> the node that uses it
-    std::set<std::string> probes;                      // defined ones, "admin/test"
-    std::set<uint32_t> timeRanges;                     // defined ones
-
-    void problem(int line, const std::string &reason) { problems.push_back({line, reason}); }
-    void problem(const YAML::Node &at, const std::string &reason) { problem(at.Mark().line + 1, reason); }
-    void warning(const YAML::Node &at, const std::string &text) {
-        file.warnings.push_back(file.name + ":" + std::to_string(at.Mark().line + 1) + ": " + text);
-    }
-};
-
-using Entry = std::function<void(const std::string &key, const YAML::Node &keyNode, const YAML::Node &value)>;
-
-// Calls `entry` for each pair of a map. Anything but a map is a problem; nothing at all ("acls:") is an
-// empty map. A key that stands twice is a problem of its second place.
-void mapRead(Reader &reader, const YAML::Node &map, const std::string &what, const Entry &entry) {
-    if (map.IsNull()) {
-        return;
-    }
-    if (!map.IsMap()) {
-        return reader.problem(map, what + " must be a map of KEY: VALUE");
-    }
-    std::set<std::string> seen;
-    for (const auto &pair : map) {
-        if (!pair.first.IsScalar()) {
-            reader.problem(pair.first, what + ": a key must be plain text");
-        } else if (!seen.insert(pair.first.Scalar()).second) {
-            reader.problem(pair.first, what + ": '" + pair.first.Scalar() + "' stands here for the second time");
-        } else {
-            entry(pair.first.Scalar(), pair.first, pair.second);
-        }
-    }
-}
-
-std::optional<std::string> textRead(Reader &reader, const YAML::Node &node, const std::string &what) {
-    if (!node.IsScalar()) {
-        reader.problem(node, what + " must be plain text");
-        return std::nullopt;
-    }
-    return node.Scalar();
-}
-
-std::optional<uint32_t> numberOf(Reader &reader, const YAML::Node &node, const std::string &what, uint32_t least,
-                                 uint32_t most) {
-    const auto value = node.IsScalar() ? numberRead(node.Scalar(), least, most) : std::nullopt;
-    if (!value) {
-        reader.problem(node, what + " must be a number " + std::to_string(least) + ".." + std::to_string(most) +
-                                 (node.IsScalar() ? ", not '" + node.Scalar() + "'" : ""));
-        return std::nullopt;
-    }
-    return static_cast<uint32_t>(*value);
-}
+// ---- acls ----
 
 std::optional<uint32_t> aclNumberOf(Reader &reader, const YAML::Node &node) {
     const auto number = numberOf(reader, node, "an ACL number", 1, UINT32_MAX);
@@ -82,12 +23,6 @@ std::optional<uint32_t> aclNumberOf(Reader &reader, const YAML::Node &node) {
     return number;
 }
 
-bool isPlainName(const std::string &name) {
-    return std::none_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x21 || c == 0x7f || c == '/'; });
-}
-
-// ---- acls ----
-
 void aclsRead(Reader &reader, const YAML::Node &section) {
     mapRead(reader, section, "acls", [&](const std::string &, const YAML::Node &key, const YAML::Node &value) {
         const auto aclNum = aclNumberOf(reader, key);
@@ -96,12 +31,14 @@ void aclsRead(Reader &reader, const YAML::Node &section) {
         }
         AclRules &rules = reader.file.policy.acls[*aclNum];
         const std::string what = "acl " + std::to_string(*aclNum);
+        reader.place(what, key);
         mapRead(reader, value, what, [&](const std::string &, const YAML::Node &ruleKey, const YAML::Node &rule) {
             const auto number = numberOf(reader, ruleKey, what + ": a rule number", 1, UINT32_MAX);
             const auto text = textRead(reader, rule, what + ": a rule");
             if (!number || !text) {
                 return;
             }
+            reader.place(what + " rule " + std::to_string(*number), ruleKey);
             std::string error;
             const auto parsed = aclRuleRead(*aclNum, *text, error);
             if (!parsed) {
@@ -113,71 +50,6 @@ void aclsRead(Reader &reader, const YAML::Node &section) {
             reader.warning(key, what + " has no rules and matches nothing");
         }
     });
-}
-
-// ---- probes and time ranges: read and checked as far as their keys go ----
-
-bool probeNameRead(const std::string &name, NextHop &nextHop) {
-    const size_t slash = name.find('/');
-    if (slash == std::string::npos) {
-        return false;
-    }
-    nextHop.probeAdmin = name.substr(0, slash);
-    nextHop.probeTest = name.substr(slash + 1);
-    return !nextHop.probeAdmin.empty() && !nextHop.probeTest.empty() &&
-           nextHop.probeAdmin.size() <= MAX_PROBE_NAME && nextHop.probeTest.size() <= MAX_PROBE_NAME &&
-           isPlainName(nextHop.probeAdmin) && isPlainName(nextHop.probeTest);
-}
-
-constexpr const char *PROBE_NAME_FORM = "is no probe name: ADMINISTRATOR/TEST, each of 1 to 32 bytes";
-
-void knownKeysCheck(Reader &reader, const YAML::Node &map, const std::string &what,
-                    const std::set<std::string> &known) {
-    if (!map.IsMap()) {
-        return reader.problem(map, what + " must be a map of KEY: VALUE");
-    }
-    mapRead(reader, map, what, [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
-        if (known.count(name) == 0) {
-            std::string all;
-            for (const std::string &each : known) {
-                all += (all.empty() ? "" : ", ") + each;
-            }
-            reader.problem(key, what + ": unknown key '" + name + "'; known are " + all);
-        } else if (!value.IsScalar()) {
-            reader.problem(value, what + ": " + name + " must be plain text");
-        }
-    });
-}
-
-void probesRead(Reader &reader, const YAML::Node &section) {
-    mapRead(reader, section, "probes", [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {
-        NextHop named;
-        if (!probeNameRead(name, named)) {
-            return reader.problem(key, "'" + name + "' " + PROBE_NAME_FORM);
-        }
-        reader.probes.insert(name);
-        knownKeysCheck(reader, value, "probe " + name,
-                       {"icmp", "tcp", "udp", "http", "source", "vrf", "interval", "timeout", "down-after",
-                        "up-after"});
-    });
-    if (!reader.probes.empty()) {
-        reader.warning(section, "probes are read and checked, but not run by this version: each counts as failing");
-    }
-}
-
-void timeRangesRead(Reader &reader, const YAML::Node &section) {
-    mapRead(reader, section, "time-ranges", [&](const std::string &, const YAML::Node &key, const YAML::Node &value) {
-        const auto id = numberOf(reader, key, "a time range's number", 1, UINT32_MAX - 1);
-        if (!id) {
-            return;
-        }
-        reader.timeRanges.insert(*id);
-        knownKeysCheck(reader, value, "time-range " + std::to_string(*id), {"days", "from", "to", "start", "end"});
-    });
-    if (!reader.timeRanges.empty()) {
-        reader.warning(section, "time ranges are read and checked, but their schedules are not run by this version: "
-                                "a range is inactive unless 'pbrctl time-range ID on' was said");
-    }
 }
 
 // ---- lists ----
@@ -213,16 +85,6 @@ void probeOfHopRead(NodeReader &of, const YAML::Node &value, NextHop &nextHop) {
     }
 }
 
-bool isUsableAddress(const std::vector<uint8_t> &address) {
-    const bool zero = std::all_of(address.begin(), address.end(), [](uint8_t byte) { return byte == 0; });
-    const bool multicast = address.size() == 4 ? address[0] >= 224 : address[0] == 0xff;
-    const bool loopback = address.size() == 4
-                              ? address[0] == 127
-                              : address.back() == 1 && std::all_of(address.begin(), address.end() - 1,
-                                                                   [](uint8_t byte) { return byte == 0; });
-    return !zero && !multicast && !loopback;
-}
-
 void hopAddressRead(NodeReader &of, const YAML::Node &value, NextHop &nextHop) {
     const auto text = textRead(of.reader, value, of.place + ": the address of a next hop");
     if (!text) {
@@ -230,7 +92,7 @@ void hopAddressRead(NodeReader &of, const YAML::Node &value, NextHop &nextHop) {
         return;
     }
     const auto address = addressRead(*text);
-    if (!address || !isUsableAddress(*address)) {
+    if (!address || !isHostAddress(*address)) {
         return of.problem(value, "'" + *text + "' is no address of a next hop: one IPv4 or IPv6 address of a host");
     }
     const int version = address->size() == 4 ? 4 : 6;
@@ -397,6 +259,7 @@ void nodeRead(Reader &reader, List &list, const YAML::Node &key, const YAML::Nod
     if (of.complete) {
         nodeCheck(of, key);
     }
+    reader.place(of.place, key);
     list.nodes[*index] = of.node;
 }
 
@@ -411,6 +274,7 @@ void listsRead(Reader &reader, const YAML::Node &section) {
         }
         List &list = reader.file.policy.lists[name];
         list.name = name;
+        reader.place("list " + name, key);
         mapRead(reader, value, "list " + name,
                 [&](const std::string &, const YAML::Node &nodeKey, const YAML::Node &node) {
                     nodeRead(reader, list, nodeKey, node);
@@ -439,6 +303,7 @@ void bindingsRead(Reader &reader, const YAML::Node &section) {
         }
         reader.file.policy.bindings.push_back({name, 0, *list});
         reader.file.interfaceLines.insert({name, key.Mark().line + 1});
+        reader.place("binding " + name, key);
         if (reader.file.policy.lists[*list].nodes.empty()) {
             reader.warning(value, "list " + *list + " has no nodes: binding it changes nothing");
         }
@@ -457,17 +322,19 @@ void documentRead(Reader &reader, const YAML::Node &document) {
             return reader.problem(key, "unknown section '" + name + "'; known are acls, bindings, lists, probes, "
                                        "time-ranges");
         }
+        reader.place(name, key);
         found[name] = value;
     });
     // In the order of what refers to what, wherever they stand.
     const std::pair<const char *, void (*)(Reader &, const YAML::Node &)> readers[] = {
-        {"acls", aclsRead}, {"probes", probesRead}, {"time-ranges", timeRangesRead},
+        {"acls", aclsRead}, {"probes", probesSectionRead}, {"time-ranges", timeRangesSectionRead},
         {"lists", listsRead}, {"bindings", bindingsRead}};
     for (const auto &[pName, pRead] : readers) {
         if (found.count(pName) != 0) {
             pRead(reader, found[pName]);
         }
     }
+    guardedHopsFind(reader);
 }
 
 } // namespace
@@ -475,7 +342,7 @@ void documentRead(Reader &reader, const YAML::Node &document) {
 PolicyFile policyFileRead(const std::string &name, const std::string &text) {
     PolicyFile file;
     file.name = name;
-    Reader reader{file, {}, {}, {}, {}};
+    Reader reader(file);
     try {
         const std::vector<YAML::Node> documents = YAML::LoadAll(text);
         if (documents.size() > 1) {
@@ -488,6 +355,7 @@ PolicyFile policyFileRead(const std::string &name, const std::string &text) {
     }
     std::stable_sort(reader.problems.begin(), reader.problems.end(),
                      [](const auto &left, const auto &right) { return left.first < right.first; });
+    file.problemLines = reader.problems;
     for (const auto &[line, reason] : reader.problems) {
         file.problems.push_back(name + ":" + std::to_string(line) + ": " + reason);
     }

@@ -81,11 +81,42 @@ void bindingsRead(Daemon &daemon, Running &running) {
 
 } // namespace
 
+bool probesRead(Daemon &daemon, std::map<std::string, Probe> &probes) {
+    const auto answer = daemon.mgmtIfThere("probes");
+    if (!answer || !answer->contains("probes")) {
+        return false;
+    }
+    for (const auto &row : (*answer)["probes"]) {
+        const auto config = row.find("config");
+        if (config != row.end() && config->is_object()) { // else only asked for, not configured
+            probes[row.at("admin").get<std::string>() + "/" + row.at("test").get<std::string>()] =
+                probeOfJson(*config);
+        }
+    }
+    return true;
+}
+
+bool timeRangesRead(Daemon &daemon, std::map<uint32_t, TimeRange> &ranges) {
+    const auto answer = daemon.mgmtIfThere("timeranges");
+    if (!answer || !answer->contains("timeRanges")) {
+        return false;
+    }
+    for (const auto &row : (*answer)["timeRanges"]) {
+        const auto schedule = row.find("schedule");
+        if (schedule != row.end() && schedule->is_object()) { // else only bound, or switched by hand
+            ranges[row.at("id").get<uint32_t>()] = timeRangeOfJson(*schedule);
+        }
+    }
+    return true;
+}
+
 Running runningRead(Daemon &daemon) {
     Running running;
     (void)daemon.command(); // tells at once when no daemon runs
     running.interfaces = interfacesOf(daemon);
     aclsRead(daemon, running);
+    (void)probesRead(daemon, running.policy.probes);
+    (void)timeRangesRead(daemon, running.policy.timeRanges);
     listsRead(daemon, running);
     bindingsRead(daemon, running);
     client::ScalarRow scalars;

@@ -18,6 +18,10 @@ struct Running {
 // Reads everything. Throws NoDaemon, Refused.
 Running runningRead(Daemon &daemon);
 
+// What the host's services run: false, and nothing written, where they are not managed through the daemon.
+bool probesRead(Daemon &daemon, std::map<std::string, Probe> &probes);
+bool timeRangesRead(Daemon &daemon, std::map<uint32_t, TimeRange> &ranges);
+
 // Names of the interfaces to which a list is bound, in unit order.
 std::vector<std::string> boundTo(const Policy &policy, const std::string &list);
 

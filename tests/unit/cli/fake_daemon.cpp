@@ -295,6 +295,11 @@ void FakeDaemon::failChange(int count, uint32_t code) {
     failIn = count;
     failCode = code;
 }
+void FakeDaemon::failFrom(const std::string &interface, uint32_t code) {
+    const std::lock_guard guard(lock);
+    failName = interface;
+    failNameCode = code;
+}
 int FakeDaemon::changes() {
     const std::lock_guard guard(lock);
     return changeCount;
@@ -322,6 +327,24 @@ void FakeDaemon::settleAnswers(bool isDetermined, const std::string &error) {
     settleError = error;
 }
 
+void FakeDaemon::releaseAnswers(const json &errors) {
+    const std::lock_guard guard(lock);
+    releaseErrors = errors;
+}
+void FakeDaemon::refusePid(uint32_t pid) {
+    const std::lock_guard guard(lock);
+    lockedBy = pid;
+}
+void FakeDaemon::offerNothing(const std::set<std::string> &ops) {
+    const std::lock_guard guard(lock);
+    notOffered = ops;
+}
+void FakeDaemon::dieAtChange(int n, const FakeStore &after) {
+    const std::lock_guard guard(lock);
+    dieIn = n;
+    diedTo = after;
+}
+
 void FakeDaemon::serve() {
     std::vector<std::pair<int, bool>> clients; // fd, is a management client
     for (;;) {
@@ -338,6 +361,13 @@ void FakeDaemon::serve() {
                 pending.erase(clients[i - 1].first);
                 clients.erase(clients.begin() + static_cast<ptrdiff_t>(i) - 1);
             }
+        }
+        if (std::exchange(hasDied, false)) {
+            for (const auto &[fd, isMgmt] : clients) {
+                close(fd);
+            }
+            clients.clear();
+            pending.clear();
         }
         for (const int which : {0, 1}) {
             if ((fds[1 + which].revents & POLLIN) != 0) {
@@ -366,6 +396,9 @@ bool FakeDaemon::serveClient(int fd, bool isMgmt) {
             }
             const std::string line = mgmt(json::parse(bytes.begin(), end)).dump() + "\n";
             bytes.erase(bytes.begin(), end + 1);
+            if (hasDied) {
+                return true;
+            }
             sendAll(fd, line.data(), line.size());
         }
     }
@@ -381,6 +414,9 @@ bool FakeDaemon::serveClient(int fd, bool isMgmt) {
         uint8_t kind = COMMAND_VALUE_NONE;
         CommandFrameHeader answer = header;
         answer.fieldOrResult = handle(header, key, data, answerKey, answerBytes, number, kind);
+        if (hasDied) {
+            return true;
+        }
         answer.kind = kind;
         answer.number = kind == COMMAND_VALUE_BYTES ? static_cast<uint32_t>(answerBytes.size()) : number;
         answer.keyLength = static_cast<uint16_t>(answerKey.size());
@@ -398,6 +434,9 @@ uint32_t FakeDaemon::set(uint16_t command, uint32_t field, const Bytes &key, uin
     changeCount++;
     if (failIn > 0 && --failIn == 0) {
         return failCode;
+    }
+    if (dieNow()) {
+        return PBR_FAIL; // nobody hears it
     }
     const auto place = client::nodeOfKey(key);
     std::string name;
@@ -418,6 +457,9 @@ uint32_t FakeDaemon::set(uint16_t command, uint32_t field, const Bytes &key, uin
         break;
     case PBR_CMD_IF_SET:
         name = "if " + std::to_string(*client::interfaceOfKey(key));
+        if (name == failName && field == PBR_IF_PBR_NAME) {
+            return failNameCode;
+        }
         result = interfaceSet(held, *client::interfaceOfKey(key), field, number, bytes);
         break;
     case PBR_CMD_SCALAR_SET: name = "scalar"; result = PBR_OK; break;
@@ -564,6 +606,31 @@ uint32_t FakeDaemon::handle(const CommandFrameHeader &header, const Bytes &key, 
     }
 }
 
+bool FakeDaemon::dieNow() {
+    if (dieIn == 0 || --dieIn != 0) {
+        return false;
+    }
+    held = diedTo;
+    hasDied = true;
+    return true;
+}
+
+// Operations around a change.
+json FakeDaemon::around(const std::string &op, const json &request) {
+    if (op == "apply.lock" && lockedBy != 0) {
+        return {{"ok", false}, {"error", "process " + std::to_string(lockedBy) + " applies other.yaml"}};
+    }
+    json shown = request;
+    shown.erase("op");
+    shown.erase("pid");
+    changeLog.push_back(op + " " + shown.dump());
+    if (op != "device.release") {
+        return {{"ok", true}};
+    }
+    // The plane refuses once: what was before it could do.
+    return {{"ok", true}, {"determined", true}, {"errors", std::exchange(releaseErrors, json::array())}};
+}
+
 json FakeDaemon::shell(const std::string &name, const json &args) const {
     if (name == "report") {
         return {{"ok", true}, {"result", 0}, {"output", "\n\r one\r\n\ttwo" + args.dump()}};
@@ -581,6 +648,27 @@ json FakeDaemon::mgmt(const json &request) {
     const std::lock_guard guard(lock);
     const std::string op = request["op"];
     json answer = {{"ok", true}};
+    if (notOffered.count(op) != 0) {
+        return {{"ok", false}, {"error", "unknown operation \"" + op + "\"; known are others"}};
+    }
+    if (op == "probes") {
+        answer["probes"] = json::array({{{"admin", "asked"}, {"test", "only"}, {"config", nullptr}}});
+        for (const auto &[name, config] : held.probes) {
+            const size_t slash = name.find('/');
+            answer["probes"].push_back({{"admin", name.substr(0, slash)},
+                                        {"test", name.substr(slash + 1)},
+                                        {"config", config},
+                                        {"received", 1}});
+        }
+        return answer;
+    }
+    if (op == "timeranges") {
+        answer["timeRanges"] = json::array({{{"id", 999}, {"schedule", nullptr}}});
+        for (const auto &[id, schedule] : held.timeRanges) {
+            answer["timeRanges"].push_back({{"id", std::stoul(id)}, {"schedule", schedule}});
+        }
+        return answer;
+    }
     if (op == "interfaces") {
         answer["interfaces"] = json::array();
         for (const auto &[unit, name] : links) {
@@ -619,12 +707,32 @@ json FakeDaemon::mgmt(const json &request) {
         }
         return answer;
     }
+    if (op == "device.hold" || op == "device.release" || op == "apply.lock" || op == "apply.unlock") {
+        return around(op, request);
+    }
+    if (op == "acl.check") {
+        for (const auto &[number, rules] : request["acls"].items()) {
+            for (const auto &[rule, text] : rules.items()) {
+                if (text.get<std::string>().find("port 13") != std::string::npos) {
+                    return {{"ok", false}, {"error", "ACL " + number + " rule " + rule + ": not here"}};
+                }
+            }
+        }
+        return answer;
+    }
     changeCount++;
     if (failIn > 0 && --failIn == 0) {
         return {{"ok", false}, {"error", "the fake refuses " + op}};
     }
+    if (dieNow()) {
+        return {{"ok", false}, {"error", "nobody hears it"}};
+    }
     const uint32_t acl = request.value("acl", 0u);
-    if (op == "acl.replace") {
+    if (op == "probe.replaceAll") {
+        held.probes = request["probes"].get<std::map<std::string, json>>();
+    } else if (op == "timerange.replaceAll") {
+        held.timeRanges = request["timeRanges"].get<std::map<std::string, json>>();
+    } else if (op == "acl.replace") {
         held.acls[acl].clear();
         for (const auto &[number, text] : request["rules"].items()) {
             held.acls[acl][static_cast<uint32_t>(std::stoul(number))] = text;

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +36,8 @@ struct FakeStore {
     std::map<std::string, FakeList> lists;
     std::map<uint32_t, std::string> interfaces; // unit -> bound list
     std::map<uint32_t, std::map<uint32_t, std::string>> acls;
+    std::map<std::string, nlohmann::json> probes; // configured, by "administrator/test"
+    std::map<std::string, nlohmann::json> timeRanges;
     bool operator==(const FakeStore &) const = default;
 };
 
@@ -55,6 +58,8 @@ public:
     // The count-th change from now (1: the next) is refused with `code`; 0 switches it off. A management
     // change is refused with a text.
     void failChange(int count, uint32_t code = 0x03E80001u);
+    // From now on sets of list names to this interface ("if 7") are refused; "" switches it off.
+    void failFrom(const std::string &interface, uint32_t code);
     int changes(); // changes asked for since the start, done or refused
     std::vector<std::string> log(); // the changes done, as text
     void logClear();
@@ -63,6 +68,13 @@ public:
     void peersAre(const nlohmann::json &rows);
     void entriesAre(const nlohmann::json &rows); // of the device
     void settleAnswers(bool isDetermined, const std::string &error = "");
+    void releaseAnswers(const nlohmann::json &errors); // of device.release
+    void refusePid(uint32_t pid);                      // somebody else has the lock; 0 nobody
+    void offerNothing(const std::set<std::string> &ops); // are unknown operations
+
+    // The n-th change from now (1: the next) is made and not answered: the connection is closed. Then the
+    // daemon serves again, with `after` as its store.
+    void dieAtChange(int n, const FakeStore &after);
 
 private:
     void serve();
@@ -72,6 +84,8 @@ private:
     uint32_t set(uint16_t command, uint32_t field, const client::Bytes &key, uint32_t number,
                  const client::Bytes &bytes);
     nlohmann::json mgmt(const nlohmann::json &request);
+    nlohmann::json around(const std::string &op, const nlohmann::json &request);
+    bool dieNow();
     nlohmann::json shell(const std::string &name, const nlohmann::json &args) const;
 
     const std::map<uint32_t, std::string> links = {{7, "lan0"}, {8, "lan1"}, {9, "tun0"}};
@@ -84,8 +98,16 @@ private:
     nlohmann::json device = {{"kind", "fake"}, {"entries", nlohmann::json::array()}};
     bool determined = true;
     std::string settleError;
+    nlohmann::json releaseErrors = nlohmann::json::array();
+    uint32_t lockedBy = 0;
+    std::set<std::string> notOffered;
+    int dieIn = 0;
+    FakeStore diedTo;
+    bool hasDied = false;
     int failIn = 0;
     uint32_t failCode = 0;
+    std::string failName;
+    uint32_t failNameCode = 0;
     int changeCount = 0;
     std::vector<std::string> changeLog;
     std::map<int, client::Bytes> pending; // bytes of each client that are not a whole request yet

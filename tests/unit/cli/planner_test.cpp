@@ -71,9 +71,30 @@ struct Model {
         }
         return false;
     }
+    // What a node refers to is always there.
+    void expectProbesAndRangesOfNodes() const {
+        for (const auto &[name, each] : now.lists) {
+            for (const auto &[index, eachNode] : each.nodes) {
+                EXPECT_TRUE(!eachNode.timeRange || now.timeRanges.count(*eachNode.timeRange) != 0);
+                for (const NextHop &hop : eachNode.nextHops) {
+                    EXPECT_TRUE(probeNameOf(hop).empty() || now.probes.count(probeNameOf(hop)) != 0);
+                }
+            }
+        }
+    }
     void doStep(const Step &step) {
         SCOPED_TRACE(stepText(step));
         switch (step.kind) {
+        case StepKind::ProbesPut:
+            ASSERT_TRUE(now.probes == step.probesBefore);
+            now.probes = step.probes;
+            expectProbesAndRangesOfNodes();
+            break;
+        case StepKind::RangesPut:
+            ASSERT_TRUE(now.timeRanges == step.rangesBefore);
+            now.timeRanges = step.ranges;
+            expectProbesAndRangesOfNodes();
+            break;
         case StepKind::AclPut:
             ASSERT_EQ(now.acls.count(step.acl) != 0, step.aclWasThere);
             now.acls[step.acl] = step.rules;
@@ -103,6 +124,7 @@ struct Model {
             ASSERT_TRUE(now.lists.count(step.list) != 0 && now.acls.count(step.node.acl) != 0);
             ASSERT_FALSE(aclInUse(step.node.acl));
             ASSERT_TRUE(now.lists[step.list].nodes.insert({step.node.index, step.node}).second);
+            expectProbesAndRangesOfNodes();
             break;
         case StepKind::ListRemove:
             ASSERT_EQ(uses(step.list), 0u);
@@ -131,6 +153,7 @@ bool samePolicy(const Policy &left, const Policy &right) {
         rightBound[each.unit] = each.list;
     }
     return planMake(left, right, {}).steps.empty() && leftBound == rightBound && left.acls == right.acls &&
+           left.probes == right.probes && left.timeRanges == right.timeRanges &&
            left.lists.size() == right.lists.size();
 }
 
@@ -189,6 +212,25 @@ std::vector<Policy> family() {
     Policy moreAcls = policies[8];
     moreAcls.acls[1999] = rules("deny ip");
     policies.push_back(moreAcls);
+    // Probes and ranges that nodes refer to come, change and go with them.
+    Policy watched = policies[3];
+    watched.probes["ops/a"] = {"icmp", "192.0.2.1"};
+    watched.timeRanges[7] = {{{0x1f, 0, 3600}}, "", ""};
+    NextHop &hop = watched.lists["a"].nodes[10].nextHops[0];
+    hop.probeAdmin = "ops";
+    hop.probeTest = "a";
+    watched.lists["a"].nodes[10].timeRange = 7;
+    policies.push_back(watched);
+    watched.probes["ops/a"].intervalMs = 50;
+    watched.timeRanges[7].periods[0].to = 7200;
+    policies.push_back(watched);
+    watched.probes["ops/b"] = watched.probes["ops/a"];
+    watched.timeRanges[8] = watched.timeRanges[7];
+    watched.probes.erase("ops/a");
+    watched.timeRanges.erase(7);
+    watched.lists["a"].nodes[10].nextHops[0].probeTest = "b";
+    watched.lists["a"].nodes[10].timeRange = 8;
+    policies.push_back(watched);
     return policies;
 }
 
@@ -267,7 +309,7 @@ TEST(Planner, AChangedListIsTakenOffAndPutBackAndOthersAreLeft) {
     EXPECT_EQ(kinds(plan), (std::vector{StepKind::Unbind, StepKind::Unbind, StepKind::NodeRemove, StepKind::NodeMake,
                                         StepKind::Bind, StepKind::Bind}));
     ASSERT_EQ(plan.lines.size(), 2u);
-    EXPECT_EQ(plan.lines[0], "~ list a (taken off if1, if3 and bound again around the change)");
+    EXPECT_EQ(plan.lines[0], "~ list a (bound to if1, if3)");
     EXPECT_EQ(plan.lines[1], "    ~ node 10: acl 1501, next hop 192.0.2.1 -> acl 1501, next hop 192.0.2.9");
 }
 
@@ -313,6 +355,79 @@ TEST(Planner, AnAclOfAChangedListChangesWhileTheListIsOffAndAnotherBefore) {
                                         StepKind::NodeMake, StepKind::Bind}));
     EXPECT_EQ(plan.steps[0].acl, 1502u);
     EXPECT_EQ(plan.steps[3].acl, 1501u);
+}
+
+TEST(Planner, BoundListsOfWhichSomethingChangesAreHeld) {
+    const List a = list("a", {node(10, 1501, {"192.0.2.1"})}), b = list("b", {node(10, 1502, {"192.0.2.1"})});
+    Policy running = policy({a, b}, {{1, "a"}});
+    running.probes["ops/a"] = {"icmp", "192.0.2.1"};
+    running.timeRanges[7] = {{{}}, "", ""};
+    running.lists["a"].nodes[10].nextHops[0].probeAdmin = "ops";
+    running.lists["a"].nodes[10].nextHops[0].probeTest = "a";
+    running.lists["a"].nodes[10].timeRange = 7;
+    using Held = std::set<std::string>;
+    const auto held = [&running](auto change) {
+        Policy wanted = running;
+        change(wanted);
+        return planMake(running, wanted, {}).held;
+    };
+    EXPECT_EQ(held([](Policy &) {}), Held{});
+    EXPECT_EQ(held([](Policy &then) { then.lists["a"].nodes[10].vrf = 3; }), Held{"a"});
+    EXPECT_EQ(held([](Policy &then) { then.acls[1501] = rules("permit tcp"); }), Held{"a"});
+    EXPECT_EQ(held([](Policy &then) { then.probes["ops/a"].downAfter = 9; }), Held{"a"});
+    EXPECT_EQ(held([](Policy &then) { then.timeRanges[7].end = "2030-01-01 00:00:00"; }), Held{"a"});
+    EXPECT_EQ(held([](Policy &then) { then.bindings[0].list = "b"; }), (Held{"a", "b"}));
+    EXPECT_EQ(held([](Policy &then) { then.bindings.clear(); }), Held{"a"});
+    EXPECT_EQ(held([](Policy &then) { then.bindings.push_back({"if2", 2, "b"}); }), Held{"b"});
+    EXPECT_EQ(held([](Policy &then) { then.lists["b"].nodes[10].vrf = 3; }), Held{});
+    EXPECT_EQ(held([](Policy &then) { then.acls[1502] = rules("permit tcp"); }), Held{});
+    EXPECT_EQ(held([](Policy &then) { then.probes["ops/b"] = {"icmp", "192.0.2.9"}; }), Held{});
+}
+
+TEST(Planner, OnlyProbesWithoutAResultOfBoundListsAreWaitedFor) {
+    Policy running = policy({list("a", {node(10, 1501, {"192.0.2.1"})})}, {{1, "a"}});
+    running.probes["ops/a"] = {"icmp", "192.0.2.1"};
+    Policy wanted = running;
+    wanted.probes["ops/b"] = wanted.probes["ops/c"] = wanted.probes["ops/a"];
+    NextHop &hop = wanted.lists["a"].nodes[10].nextHops[0];
+    hop.probeAdmin = "ops";
+    hop.probeTest = "a";
+    EXPECT_TRUE(planMake(running, wanted, {}).newProbes.empty());
+    hop.probeTest = "b";
+    EXPECT_EQ(planMake(running, wanted, {}).newProbes, std::set<std::string>{"ops/b"});
+    wanted.bindings.clear();
+    EXPECT_TRUE(planMake(running, wanted, {}).newProbes.empty());
+}
+
+TEST(Planner, ProbesAndTimeRangesHaveLinesOfTheirOwn) {
+    Policy running, wanted;
+    running.probes["ops/a"] = running.probes["ops/b"] = {"icmp", "192.0.2.1"};
+    wanted.probes["ops/b"] = wanted.probes["ops/c"] = {"tcp", "192.0.2.1", 80};
+    running.timeRanges[6] = running.timeRanges[7] = {{{0x1f, 0, 3600}}, "", ""};
+    wanted.timeRanges[7] = wanted.timeRanges[8] = {{}, "2030-01-01 00:00:00", ""};
+    const std::string icmp = "icmp 192.0.2.1, interval 1s, timeout 500ms, down-after 3, up-after 1";
+    const std::string tcp = "tcp 192.0.2.1, port 80, interval 1s, timeout 500ms, down-after 3, up-after 1";
+    EXPECT_EQ(planMake(running, wanted, {}).lines,
+              (std::vector<std::string>{"- probe ops/a", "~ probe ops/b: " + icmp + " -> " + tcp, "+ probe ops/c: " + tcp,
+                                        "- time-range 6",
+                                        "~ time-range 7: mon-fri 00:00-01:00 -> start 2030-01-01 00:00",
+                                        "+ time-range 8: start 2030-01-01 00:00"}));
+}
+
+TEST(Planner, ARefusalIsPlacedWhereItsTextSays) {
+    Step step;
+    step.kind = StepKind::ProbesPut;
+    step.probes["ops/a"] = step.probes["ops/ab"] = {};
+    EXPECT_EQ(stepPlaces(step, "probe ops/ab: no")[0], "probe ops/ab");
+    EXPECT_EQ(stepPlaces(step, "no")[1], "probes");
+    step.kind = StepKind::RangesPut;
+    EXPECT_EQ(stepPlaces(step, "time range 17: no")[0], "time-range 17");
+    step.kind = StepKind::AclPut;
+    step.acl = 1501;
+    EXPECT_EQ(stepPlaces(step, "ACL 1501 rule 20: no"),
+              (std::vector<std::string>{"acl 1501 rule 20", "acl 1501", "acls"}));
+    EXPECT_EQ(aclPlaces("ACL 3501 rule 7: no")[0], "acl 3501 rule 7");
+    EXPECT_EQ(aclPlaces("no")[2], "acls");
 }
 
 TEST(Planner, TheLimitsOfTheDaemonAreCheckedBefore) {
