@@ -1,39 +1,19 @@
-// An ACL rule's text, read and written. pbrctl checks the rules of a policy file before anything is
-// changed, and compares rules by what they match, not by how they are spelled.
-//
-// Text: permit|deny ip|tcp|udp|icmp|NUMBER [from PREFIX|any [port N[-M]]] [to PREFIX|any [port N[-M]]]
+// ACL rules in the operator's tool: texts with what they mean (aclrule/acl_rule.h). pbrctl checks the rules
+// of a policy file before anything is changed, and compares rules by what they match, not by how they are
+// spelled.
 #ifndef CLI_ACL_TEXT_H
 #define CLI_ACL_TEXT_H
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 
+#include "aclrule/acl_rule.h"
+
 namespace cli {
 
-struct AclEnd { // one end of a rule
-    bool anyAddress = true;
-    std::array<uint8_t, 16> address{}; // network order, IPv4 in the first 4 bytes
-    unsigned prefixLen = 0;
-    bool anyPort = true;
-    uint16_t firstPort = 0;
-    uint16_t lastPort = 65535;
-    bool operator==(const AclEnd &) const = default;
-};
-
-constexpr int ACL_PROTOCOL_ANY = -1;
-constexpr int ACL_PROTOCOL_ICMP = -2; // while reading: icmp of the version that the addresses tell
-
-struct AclRule {
-    bool permit = true;
-    int protocol = ACL_PROTOCOL_ANY; // 0..255 or ACL_PROTOCOL_ANY
-    int family = 0;                  // 4, 6, or 0: neither the ACL's number nor an address tells
-    AclEnd from;
-    AclEnd to;
-    bool operator==(const AclRule &) const = default;
-};
+using aclrule::AclRule;
 
 // Rules of an ACL by rule number: the text as given, and its value (none when it cannot be read, which
 // happens only to texts that the daemon holds). Two are equal when they match the same.

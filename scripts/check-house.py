@@ -82,6 +82,7 @@ for path in files:
 # The walls of the other folders.
 for folder, forbidden, exceptions in (
         ("host", DAEMON + ("cli", "tests"), {"hw/pbr_redirect_view.h"}),
+        ("aclrule", DAEMON + ("platform", "host", "client", "cli", "tests"), set()),
         ("client", ("core", "store", "rtmsg", "nexthop", "hw", "host", "cli", "tests"), {"core/pbr_types.h"}),
         ("cli", ("core", "store", "rtmsg", "nexthop", "hw", "host", "tests"), {"core/pbr_types.h"})):
     for path in sorted((root / folder).rglob("*")):
@@ -97,7 +98,7 @@ def subject(name):
 
 
 needs, OVERLONG = {}, 600
-for folder in DAEMON + ("platform", "host", "client", "cli"):
+for folder in DAEMON + ("platform", "aclrule", "host", "client", "cli"):
     for path in sorted((root / folder).rglob("*")):
         if path.suffix not in (".h", ".cpp"):
             continue

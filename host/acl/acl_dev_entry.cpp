@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "host/acl/acl_rule_words.h"
+#include "aclrule/acl_rule_names.h"
 
 namespace host {
 
@@ -20,12 +20,7 @@ void storeBe32(uint8_t *p, uint32_t value) {
 }
 
 void fillPrefix(const AclPrefix &prefix, int version, uint8_t *pAddress, uint8_t *pMask, uint8_t *pLength) {
-    if (prefix.any) {
-        return;
-    }
-    std::array<uint8_t, 16> mask;
-    mask.fill(0xFF);
-    aclPrefixTrim(mask, version, prefix.length);
+    const AclAddress mask = aclPrefixMask(prefix, version);
     const size_t bytes = version == 4 ? 4 : 16;
     std::memcpy(pAddress, prefix.address.data(), bytes);
     std::memcpy(pMask, mask.data(), bytes);
@@ -37,12 +32,56 @@ void fillPorts(const AclPorts &ports, uint8_t *pFirst, uint8_t *pLast) {
     storeBe16(pLast, ports.any ? 65535 : ports.last);
 }
 
+void fillFlags(const AclRule &rule, uint8_t *pEntry) {
+    pEntry[ACL_DEV_TCP_FSM] = rule.flagsSet;
+    pEntry[ACL_DEV_HOST_FLAGS_MASK] = rule.flagsSet | rule.flagsClear;
+    pEntry[ACL_DEV_HOST_FLAGS_SOME] =
+        rule.established ? uint8_t{aclrule::ACL_FLAG_ACK | aclrule::ACL_FLAG_RST} : uint8_t{0};
+}
+
+void fillIcmp(const AclRule &rule, uint8_t *pEntry) {
+    if (rule.icmpType >= 0) {
+        pEntry[ACL_DEV_HOST_PRESENT] |= ACL_DEV_HOST_HAS_TYPE;
+        storeBe16(pEntry + ACL_DEV_SRC_PORT, static_cast<uint32_t>(rule.icmpType));
+        storeBe16(pEntry + ACL_DEV_SRC_END_PORT, static_cast<uint32_t>(rule.icmpType));
+    }
+    if (rule.icmpCode >= 0) {
+        pEntry[ACL_DEV_HOST_PRESENT] |= ACL_DEV_HOST_HAS_CODE;
+        storeBe16(pEntry + ACL_DEV_DEST_PORT, static_cast<uint32_t>(rule.icmpCode));
+        storeBe16(pEntry + ACL_DEV_DEST_END_PORT, static_cast<uint32_t>(rule.icmpCode));
+    }
+}
+
+void fillTraffic(const AclRule &rule, uint8_t *pEntry) {
+    if (rule.dscp >= 0) {
+        pEntry[ACL_DEV_TOS_DSCP] = static_cast<uint8_t>(rule.dscp << 2);
+        pEntry[ACL_DEV_HOST_TOS_MASK] = 0xFC;
+    }
+    if (rule.precedence >= 0) {
+        pEntry[ACL_DEV_TOS_DSCP] = static_cast<uint8_t>(rule.precedence << 5);
+        pEntry[ACL_DEV_HOST_TOS_MASK] = 0xE0;
+    }
+    pEntry[ACL_DEV_IP_FRAG] = rule.fragments ? 1 : 0;
+    if (!rule.length.any) {
+        storeBe32(pEntry + ACL_DEV_HOST_LENGTH_FIRST, rule.length.first);
+        storeBe32(pEntry + ACL_DEV_HOST_LENGTH_LAST, rule.length.last);
+    }
+}
+
+void fillMac(const AclRule &rule, uint8_t *pEntry) {
+    if (rule.sourceMac) {
+        std::memcpy(pEntry + ACL_DEV_SRC_MAC, rule.sourceMac->data(), rule.sourceMac->size());
+        std::memset(pEntry + ACL_DEV_SRC_MAC_STR_PREFIX, 0xFF, rule.sourceMac->size());
+        pEntry[ACL_DEV_SRC_MAC_PREFIX] = 48;
+    }
+}
+
 } // namespace
 
 void aclDevEntryFill(uint32_t aclNum, uint32_t ruleNum, const AclRule &rule, uint8_t *pEntry) {
     const int version = aclRuleVersion(aclNum, rule);
-    const bool hasPorts = rule.protocol == ACL_PROTOCOL_TCP || rule.protocol == ACL_PROTOCOL_UDP;
-    const bool isIcmp = rule.protocol == (version == 6 ? ACL_PROTOCOL_ICMP_6 : ACL_PROTOCOL_ICMP);
+    const bool isIcmp =
+        rule.protocol == (version == 6 ? aclrule::ACL_PROTOCOL_ICMP_6 : aclrule::ACL_PROTOCOL_ICMP);
 
     storeBe16(pEntry + ACL_DEV_PROTO_TYPE, rule.protocol < 0 ? 0 : static_cast<uint32_t>(rule.protocol));
     storeBe16(pEntry + ACL_DEV_PROTO_SUB_TYPE, isIcmp ? 1 : 0);
@@ -54,10 +93,14 @@ void aclDevEntryFill(uint32_t aclNum, uint32_t ruleNum, const AclRule &rule, uin
                pEntry + ACL_DEV_SRC_PREFIX);
     fillPrefix(rule.destination, version, pEntry + ACL_DEV_DEST_ADDR, pEntry + ACL_DEV_DEST_STR_PREFIX,
                pEntry + ACL_DEV_DEST_PREFIX);
-    if (hasPorts) {
+    if (aclrule::aclProtocolHasPorts(rule.protocol)) {
         fillPorts(rule.sourcePorts, pEntry + ACL_DEV_SRC_PORT, pEntry + ACL_DEV_SRC_END_PORT);
         fillPorts(rule.destinationPorts, pEntry + ACL_DEV_DEST_PORT, pEntry + ACL_DEV_DEST_END_PORT);
     }
+    fillFlags(rule, pEntry);
+    fillIcmp(rule, pEntry);
+    fillTraffic(rule, pEntry);
+    fillMac(rule, pEntry);
     aclDevEntryName(aclNum, ruleNum, pEntry);
 }
 

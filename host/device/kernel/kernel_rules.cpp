@@ -4,8 +4,12 @@
 #include <algorithm>
 #include <bit>
 #include <cstdio>
+#include <netinet/in.h> // before the kernel's headers, which then leave out what it has
+
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
+
+#include "host/device/kernel/kernel_match.h"
 
 namespace host {
 
@@ -54,63 +58,6 @@ NftRule dispatch(int family) {
 
 NftRule skipLocal(uint32_t flags) {
     return ruleOf({fibType(flags), named(NftOp::Lookup, KERNEL_LOCAL_SET), nftVerdict(NF_ACCEPT)}, "");
-}
-
-// Loads the address; for a length in the middle of a byte the whole address is masked.
-void prefixMatch(std::vector<NftExpr> &exprs, const AclPrefix &prefix, uint32_t offset, uint32_t size) {
-    if (prefix.any || prefix.length == 0) {
-        return;
-    }
-    const uint8_t *pAddress = prefix.address.data();
-    const uint32_t bytes = prefix.length / 8u;
-    if (prefix.length % 8 == 0) {
-        exprs.push_back(nftPayload(NFT_PAYLOAD_NETWORK_HEADER, offset, bytes));
-        exprs.push_back(nftCompare(NFT_CMP_EQ, {pAddress, pAddress + bytes}));
-        return;
-    }
-    std::vector<uint8_t> mask(size, 0);
-    std::fill_n(mask.begin(), bytes, uint8_t{0xff});
-    mask[bytes] = static_cast<uint8_t>(0xff00u >> (prefix.length % 8u));
-    exprs.push_back(nftPayload(NFT_PAYLOAD_NETWORK_HEADER, offset, size));
-    exprs.push_back(nftBitwise(mask, std::vector<uint8_t>(size, 0)));
-    exprs.push_back(nftCompare(NFT_CMP_EQ, {pAddress, pAddress + size}));
-}
-
-std::vector<uint8_t> portBytes(uint16_t port) {
-    return {static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)};
-}
-
-void portsMatch(std::vector<NftExpr> &exprs, const AclPorts &ports, uint32_t offset) {
-    if (ports.any) {
-        return;
-    }
-    exprs.push_back(nftPayload(NFT_PAYLOAD_TRANSPORT_HEADER, offset, 2));
-    if (ports.first == ports.last) {
-        exprs.push_back(nftCompare(NFT_CMP_EQ, portBytes(ports.first)));
-        return;
-    }
-    exprs.push_back(nftCompare(NFT_CMP_GTE, portBytes(ports.first)));
-    exprs.push_back(nftCompare(NFT_CMP_LTE, portBytes(ports.last)));
-}
-
-// The family is told again where addresses are read: for the eyes of `nft list`, which else prints bytes.
-std::vector<NftExpr> matchExprs(const AclRule &rule, int family) {
-    std::vector<NftExpr> exprs;
-    const uint32_t size = family == 6 ? 16 : 4;
-    const uint32_t source = family == 6 ? 8 : 12;
-    if (!rule.source.any || !rule.destination.any) {
-        exprs.push_back(nftMetaLoad(NFT_META_NFPROTO));
-        exprs.push_back(nftCompare(NFT_CMP_EQ, {static_cast<uint8_t>(family == 6 ? NFPROTO_IPV6 : NFPROTO_IPV4)}));
-    }
-    prefixMatch(exprs, rule.source, source, size);
-    prefixMatch(exprs, rule.destination, source + size, size);
-    if (rule.protocol >= 0) {
-        exprs.push_back(nftMetaLoad(NFT_META_L4PROTO));
-        exprs.push_back(nftCompare(NFT_CMP_EQ, {static_cast<uint8_t>(rule.protocol)}));
-    }
-    portsMatch(exprs, rule.sourcePorts, 0);
-    portsMatch(exprs, rule.destinationPorts, 2);
-    return exprs;
 }
 
 // The top three bits of the TOS byte or traffic class; two bytes are written because checksums are
@@ -200,6 +147,29 @@ std::string kernelInterfaceKey(const std::string &ifName) {
     return key;
 }
 
+std::vector<NftRule> kernelDefragRules() {
+    NftExpr port, redirect;
+    port.op = NftOp::Immediate;
+    port.data = {0, 1};
+    redirect.op = NftOp::TproxyPort;
+    return {ruleOf({nftMetaLoad(NFT_META_L4PROTO), nftCompare(NFT_CMP_EQ, {IPPROTO_TCP}), port, redirect},
+                   "never reached: makes the kernel reassemble fragments")};
+}
+
+std::string kernelDefragRefusal(const ProgramNode &node, int family) {
+    if (!node.rules) {
+        return "";
+    }
+    for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, family)) {
+        if (rule.fragments) {
+            return "ACL " + std::to_string(node.aclNum) + " rule " + std::to_string(number) +
+                   ": fragments are reassembled before they are matched (host.defrag is on), so that this rule "
+                   "would never match";
+        }
+    }
+    return "";
+}
+
 std::vector<NftRule> kernelBaseRules(const KernelOptions &options) {
     std::vector<NftRule> rules;
     rules.push_back(ruleOf({nftMetaLoad(NFT_META_MARK), nftBitwise(nftWord(options.markMask), nftWord(0)),
@@ -229,7 +199,7 @@ std::vector<NftRule> kernelMatchRules(const NodeKey &key, const ProgramNode &nod
         return rules;
     }
     for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, key.family)) {
-        std::vector<NftExpr> exprs = matchExprs(rule, key.family);
+        std::vector<NftExpr> exprs = kernelMatchExprs(rule, key.family);
         exprs.push_back(counter());
         exprs.push_back(rule.permit ? nftVerdict(NFT_GOTO, kernelActionChain(key)) : nftVerdict(NFT_RETURN));
         rules.push_back(ruleOf(std::move(exprs),

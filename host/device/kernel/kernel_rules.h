@@ -4,6 +4,8 @@
 //   inF/IFACE         skips packets for this machine and for groups, then a jump per node in node order
 //   matchF/LIST/NODE  one rule an ACL rule: permit goes to the action, deny returns (next node)
 //   doF/LIST/NODE     one rule: precedence, mark, accept. A changed decision rewrites this rule only.
+//   defrag            no packet comes here; that its rule exists makes the kernel reassemble fragments
+//                     before prerouting, without tracking connections
 //
 // F is 4 or 6. Names are written so that nft can read them back: other bytes than letters, digits, '_'
 // and '-' become ".XX" (hexadecimal).
@@ -21,6 +23,7 @@ namespace host {
 
 inline constexpr const char *KERNEL_TABLE = "policyroute";
 inline constexpr const char *KERNEL_BASE_CHAIN = "prerouting";
+inline constexpr const char *KERNEL_DEFRAG_CHAIN = "defrag";
 inline constexpr const char *KERNEL_LOCAL_SET = "local-types";
 inline constexpr int32_t KERNEL_BASE_PRIORITY = -151; // just before mangle, after defragmentation
 
@@ -29,6 +32,7 @@ struct KernelOptions {
     uint32_t markMask = 0xfff00000;
     uint32_t rulePreference = 15000;
     uint32_t tableBase = 1000000;
+    bool defrag = false; // fragments are reassembled before our chain; given up where the kernel cannot
 };
 
 uint32_t kernelMarkShift(const KernelOptions &options); // place of the mask's lowest bit
@@ -44,9 +48,13 @@ std::string kernelMatchChain(const NodeKey &key);                        // matc
 std::string kernelActionChain(const NodeKey &key);                       // do4/wan/10
 std::string kernelInterfaceKey(const std::string &ifName);               // 16 bytes, zero padded
 
+std::vector<NftRule> kernelDefragRules();
 std::vector<NftRule> kernelBaseRules(const KernelOptions &options);
 std::vector<NftRule> kernelInterfaceRules(const std::vector<NodeKey> &nodes, const KernelOptions &options);
 std::vector<NftRule> kernelMatchRules(const NodeKey &key, const ProgramNode &node);
+
+// Why the rules cannot be installed exactly where fragments are reassembled; empty: they can. Lock: none
+std::string kernelDefragRefusal(const ProgramNode &node, int family);
 
 // id: the decision's, 0 to route as usual; precedence 1..7 or 0.
 std::vector<NftRule> kernelActionRules(const NodeKey &key, uint32_t id, uint8_t precedence,

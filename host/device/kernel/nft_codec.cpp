@@ -71,6 +71,40 @@ nftnl_expr *payloadExpr(const NftExpr &expr) {
     return p;
 }
 
+nftnl_expr *headerExpr(const NftExpr &expr) {
+    nftnl_expr *p = nftnl_expr_alloc("exthdr");
+    nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_OP, NFT_EXTHDR_OP_IPV6);
+    nftnl_expr_set_u8(p, NFTNL_EXPR_EXTHDR_TYPE, static_cast<uint8_t>(expr.a));
+    nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_OFFSET, expr.b);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_LEN, expr.c);
+    return p;
+}
+
+nftnl_expr *immediateExpr(const NftExpr &expr) {
+    nftnl_expr *p = nftnl_expr_alloc("immediate");
+    nftnl_expr_set_u32(p, NFTNL_EXPR_IMM_DREG, NFT_REG_1);
+    nftnl_expr_set(p, NFTNL_EXPR_IMM_DATA, expr.data.data(), static_cast<uint32_t>(expr.data.size()));
+    return p;
+}
+
+nftnl_expr *toNetworkExpr(const NftExpr &expr) {
+    nftnl_expr *p = nftnl_expr_alloc("byteorder");
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_SREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_OP, NFT_BYTEORDER_HTON);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_LEN, expr.a);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_SIZE, expr.a);
+    return p;
+}
+
+nftnl_expr *tproxyExpr() {
+    nftnl_expr *p = nftnl_expr_alloc("tproxy");
+    nftnl_expr_set_u32(p, NFTNL_EXPR_TPROXY_FAMILY, NFPROTO_UNSPEC); // both
+    nftnl_expr_set_u32(p, NFTNL_EXPR_TPROXY_REG_PORT, NFT_REG_1);
+    return p;
+}
+
 nftnl_expr *bitwiseExpr(const NftExpr &expr) {
     const uint32_t size = static_cast<uint32_t>(expr.data.size());
     nftnl_expr *p = nftnl_expr_alloc("bitwise");
@@ -125,11 +159,15 @@ nftnl_expr *exprOf(const NftExpr &expr) {
     case NftOp::MetaStore: return metaExpr(expr);
     case NftOp::PayloadLoad:
     case NftOp::PayloadStore: return payloadExpr(expr);
+    case NftOp::HeaderLoad: return headerExpr(expr);
+    case NftOp::Immediate: return immediateExpr(expr);
+    case NftOp::ToNetwork: return toNetworkExpr(expr);
     case NftOp::Bitwise: return bitwiseExpr(expr);
     case NftOp::Compare: return compareExpr(expr);
     case NftOp::FibType: return fibExpr(expr);
     case NftOp::Lookup:
     case NftOp::VerdictMap: return lookupExpr(expr);
+    case NftOp::TproxyPort: return tproxyExpr();
     case NftOp::Verdict: return verdictExpr(expr);
     case NftOp::Counter: return nftnl_expr_alloc("counter");
     }

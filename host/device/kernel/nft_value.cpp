@@ -49,6 +49,8 @@ std::string metaName(uint32_t key) {
     case NFT_META_L4PROTO: return "l4proto";
     case NFT_META_MARK: return "mark";
     case NFT_META_IIFNAME: return "iifname";
+    case NFT_META_IIFTYPE: return "iiftype";
+    case NFT_META_LEN: return "length";
     default: return std::to_string(key);
     }
 }
@@ -59,8 +61,8 @@ std::string compareName(uint32_t op) {
 }
 
 std::string place(const NftExpr &expr) {
-    return std::string(expr.a == NFT_PAYLOAD_NETWORK_HEADER ? "nh" : "th") + "+" + std::to_string(expr.b) +
-           ":" + std::to_string(expr.c);
+    const char *pBase = expr.a == NFT_PAYLOAD_LL_HEADER ? "ll" : expr.a == NFT_PAYLOAD_NETWORK_HEADER ? "nh" : "th";
+    return std::string(pBase) + "+" + std::to_string(expr.b) + ":" + std::to_string(expr.c);
 }
 
 std::string verdictText(const NftExpr &expr) {
@@ -80,11 +82,16 @@ std::string exprText(const NftExpr &expr) {
     case NftOp::PayloadLoad: return place(expr);
     case NftOp::PayloadStore:
         return "set " + place(expr) + (expr.d == 0 ? "" : " checksum+" + std::to_string(expr.d));
+    case NftOp::HeaderLoad:
+        return "header" + std::to_string(expr.a) + "+" + std::to_string(expr.b) + ":" + std::to_string(expr.c);
+    case NftOp::Immediate: return "=" + hex(expr.data);
+    case NftOp::ToNetwork: return "hton" + std::to_string(expr.a);
     case NftOp::Bitwise: return "&" + hex(expr.data) + "^" + hex(expr.data2);
     case NftOp::Compare: return compareName(expr.a) + hex(expr.data);
     case NftOp::FibType: return expr.a & NFTA_FIB_F_IIF ? "fib daddr . iif type" : "fib daddr type";
     case NftOp::Lookup: return "in @" + expr.name;
     case NftOp::VerdictMap: return "vmap @" + expr.name;
+    case NftOp::TproxyPort: return "tproxy to port";
     case NftOp::Verdict: return verdictText(expr);
     case NftOp::Counter: return "counter";
     }
@@ -138,6 +145,12 @@ NftExpr nftPayload(uint32_t base, uint32_t offset, uint32_t size) {
     expr.a = base;
     expr.b = offset;
     expr.c = size;
+    return expr;
+}
+
+NftExpr nftHeader(uint32_t protocol, uint32_t offset, uint32_t size) {
+    NftExpr expr = nftPayload(protocol, offset, size);
+    expr.op = NftOp::HeaderLoad;
     return expr;
 }
 

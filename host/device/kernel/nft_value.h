@@ -21,11 +21,15 @@ enum class NftOp : uint8_t {
     MetaStore,    // a = NFT_META_*: from the register
     PayloadLoad,  // a = NFT_PAYLOAD_* base, b = offset, c = bytes
     PayloadStore, // the same, and d = offset of the IPv4 header checksum that follows the change, 0 none
+    HeaderLoad,   // IPv6 extension header: a = its protocol number, b = offset, c = bytes; leaves the rule without it
+    Immediate,    // data into the register
+    ToNetwork,    // a = bytes: the register's number from machine order to network order
     Bitwise,      // register = (register & data) ^ data2, both of one size
     Compare,      // a = NFT_CMP_*, data: leaves the rule when it does not hold
     FibType,      // kind of the destination address into the register; a = NFTA_FIB_F_* flags
     Lookup,       // name = set: leaves the rule unless the register is a member
     VerdictMap,   // name = map: the verdict found under the register
+    TproxyPort,   // redirection to the port in the register: makes the kernel reassemble fragments
     Verdict,      // a = NF_ACCEPT, NFT_RETURN, NFT_JUMP, NFT_GOTO as a two's complement word; name = chain
     Counter,
 };
@@ -70,6 +74,7 @@ struct NftImage {
 NftExpr nftMetaLoad(uint32_t key);
 NftExpr nftCompare(uint32_t op, std::vector<uint8_t> data);
 NftExpr nftPayload(uint32_t base, uint32_t offset, uint32_t size);
+NftExpr nftHeader(uint32_t protocol, uint32_t offset, uint32_t size);
 NftExpr nftBitwise(std::vector<uint8_t> mask, std::vector<uint8_t> flip);
 NftExpr nftVerdict(int32_t code, const std::string &chain = "");
 std::vector<uint8_t> nftWord(uint32_t value); // machine order, as registers hold kernel numbers

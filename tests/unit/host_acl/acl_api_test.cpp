@@ -143,6 +143,45 @@ TEST_F(AclApi, AnIcmp6RuleRecordNamesItsNextHeader) {
     EXPECT_EQ(part(entry, 74, 8), std::vector<uint8_t>(8));
 }
 
+TEST_F(AclApi, ARuleRecordCarriesFlagsWithTheBitsThatAreCompared) {
+    const auto entry = translated(1501, 10, "permit tcp flags syn,!ack established");
+    EXPECT_EQ(entry[73], 0x02);
+    EXPECT_EQ(part(entry, 96, 2), (std::vector<uint8_t>{0x12, 0x14}));
+    EXPECT_EQ(part(translated(1501, 10, "permit tcp"), 96, 12), std::vector<uint8_t>(12));
+}
+
+TEST_F(AclApi, ARuleRecordCarriesTypeAndCodeInThePortFields) {
+    const auto entry = translated(1501, 10, "permit icmp type 3 code 4");
+    EXPECT_EQ(part(entry, 0, 4), (std::vector<uint8_t>{0, 1, 0, 1}));
+    EXPECT_EQ(part(entry, 74, 8), (std::vector<uint8_t>{0, 3, 0, 3, 0, 4, 0, 4}));
+    EXPECT_EQ(entry[99], 3);
+    EXPECT_EQ(translated(3501, 10, "permit icmp type 128")[99], 1);
+    EXPECT_EQ(translated(1501, 10, "permit icmp")[99], 0) << "type 0 is a type, too";
+}
+
+TEST_F(AclApi, ARuleRecordCarriesClassFragmentsLengthAndMac) {
+    const auto entry = translated(1501, 10, "permit ip dscp ef length 100-300 source-mac 02:00:5e:00:53:01");
+    EXPECT_EQ(entry[83], 0xb8);
+    EXPECT_EQ(entry[98], 0xfc);
+    EXPECT_EQ(entry[85], 0);
+    EXPECT_EQ(part(entry, 100, 8), (std::vector<uint8_t>{0, 0, 0, 100, 0, 0, 1, 44}));
+    EXPECT_EQ(part(entry, 144, 7), (std::vector<uint8_t>{0x02, 0, 0x5e, 0, 0x53, 0x01, 48}));
+    EXPECT_EQ(part(entry, 162, 6), std::vector<uint8_t>(6, 0xff));
+    const auto other = translated(3501, 10, "permit ip precedence 5 fragments");
+    EXPECT_EQ(other[83], 0xa0);
+    EXPECT_EQ(other[98], 0xe0);
+    EXPECT_EQ(other[85], 1);
+    EXPECT_EQ(translated(1501, 10, "permit ip dscp cs0")[98], 0xfc) << "class 0 is a class";
+}
+
+TEST_F(AclApi, ARuleRecordCarriesWildcardsAsMasks) {
+    const auto entry = translated(1501, 10, "permit ip from 10.1.0.5 mask 0.0.254.0");
+    EXPECT_EQ(part(entry, 4, 5), (std::vector<uint8_t>{10, 1, 0, 5, 0}));
+    EXPECT_EQ(part(entry, 36, 5), (std::vector<uint8_t>{255, 255, 1, 255, 0}));
+    EXPECT_EQ(entry[68], 0);
+    EXPECT_EQ(part(translated(1501, 10, "permit sctp to any port 9"), 78, 4), (std::vector<uint8_t>{0, 9, 0, 9}));
+}
+
 TEST_F(AclApi, ARuleRecordWritesNothingBesideItsFields) {
     const auto entry = translated(1501, 10, "permit tcp from 10.1.2.3 port 5 to 192.0.2.1 port 80");
     EXPECT_EQ(part(entry, 93, 476 - 93), std::vector<uint8_t>(476 - 93));

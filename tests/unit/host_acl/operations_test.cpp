@@ -184,7 +184,8 @@ TEST_F(Operations, AclReplaceChangesNothingWhenOneRuleIsWrong) {
     RouteSocket socket;
     EXPECT_EQ(
         errorOf({{"op", "acl.replace"}, {"acl", 1501}, {"rules", {{"10", "deny ip"}, {"20", "deny foo"}}}}),
-        "ACL 1501 rule 20: word 2 'foo': expected ip, tcp, udp, icmp or a protocol number 0 to 255");
+        "ACL 1501 rule 20: word 2 'foo': expected ip, tcp, udp, icmp, another protocol's name "
+              "such as gre, or a protocol number 0 to 255");
     EXPECT_EQ(aclMessages(socket, 0), Texts{});
     EXPECT_TRUE(aclStore().snapshot(1501)->at(10).permit);
 }

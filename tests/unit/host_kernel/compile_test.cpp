@@ -198,9 +198,9 @@ TEST_F(CompileTest, RulesAreWrittenExactly) {
                       "permit udp from any port 5-9 to 192.0.2.7/32", "permit icmp from any", "permit ip from any"});
     world_.nextHops("wan", "lan0", 10, 1501, {"192.0.2.1"});
     EXPECT_EQ(matchTexts({"wan", 10, 4, 0}), (std::vector<std::string>{
-        "meta nfproto ==02 nh+12:2 ==0a01 meta l4proto ==06 th+2:2 ==01bb counter goto do4/wan/10 # acl 1501 rule 10",
+        "meta nfproto ==02 nh+12:2 ==0a01 meta l4proto ==06 th+0:3 th+2:2 ==01bb counter goto do4/wan/10 # acl 1501 rule 10",
         "meta nfproto ==02 nh+12:4 &ffffff80^00000000 ==0a010900 counter return # acl 1501 rule 20",
-        "meta nfproto ==02 nh+16:4 ==c0000207 meta l4proto ==11 th+0:2 >=0005 <=0009 counter goto do4/wan/10 # acl 1501 rule 30",
+        "meta nfproto ==02 nh+16:4 ==c0000207 meta l4proto ==11 th+0:3 th+0:2 >=0005 <=0009 counter goto do4/wan/10 # acl 1501 rule 30",
         "meta l4proto ==01 counter goto do4/wan/10 # acl 1501 rule 40",
         "counter goto do4/wan/10 # acl 1501 rule 50"}));
 }
