@@ -200,7 +200,7 @@ struct Generator {
             hops(key, six);
         }
         if (chance(12)) {
-            number({13, key, 19, one(RANGES)});
+            number({13, key, 19, chance(15) ? 0u : one(RANGES)}); // 0 is stored and never gates
         }
     }
     void list(const std::string &list) {
@@ -317,7 +317,7 @@ struct Generator {
         } else {
             m.type = static_cast<uint16_t>(chance(50) ? 350 : below(400));
         }
-        if (chance(1)) {
+        if (chance(m.type == 34 ? 20 : 1)) {
             const uint32_t cuts[] = {1, 4, 8, 24}; // what is missing is read from the message behind
             m.cut = m.type == 305 || m.type == 306 || m.type == 34 ? one(cuts) : 0;
         }
@@ -442,6 +442,16 @@ struct Generator {
         pass(0);
         bind({unit(), one(lists)});
         pass(1000);
+    }
+    // A port joins and leaves an aggregation whose members need entries of their own.
+    void members() {
+        scripted({StepKind::Answer, "aggAnswer", 0, 1});
+        Step step;
+        step.kind = StepKind::Read;
+        step.messages.push_back(link());
+        step.messages.push_back(link());
+        steps.push_back(step);
+        pass(0);
     }
     // A link that waits for its ACL's first rule gets one.
     void firstRule() {
@@ -590,6 +600,7 @@ struct Generator {
             pass(1000);
             manage();
             pass(1000);
+            members();
             scripted({StepKind::Answer, "aclIfSetApi", 0, 0});
             break;
         default: // and an interface layer
@@ -731,6 +742,8 @@ struct Generator {
         } else if (dice < 92) {
             changeThenBind();
         } else if (dice < 93) {
+            members();
+        } else if (dice < 94) {
             other({StepKind::Acl, below(2), acl()});
         } else {
             switches();

@@ -137,6 +137,7 @@ void Model::memberMessage(uint32_t agg, uint32_t port, bool add) {
         } else if (!add && (link->hwStatus == 1 || link->hwStatus == 2)) {
             debug(BIT_GENERAL, EVENT, "agg remove phy,so pbr unbind on phy(agg=[%s],phy=[%s],pbr=[%s]).\r\n", model::ifName(agg).c_str(),
                   model::ifName(port).c_str(), pIf->listName.c_str());
+            reached(link->hwStatus == 2 ? "link: a member of a link that failed" : "link: a member leaves");
             (void)memberHw(link.get(), port, false);
         }
     }
@@ -144,7 +145,11 @@ void Model::memberMessage(uint32_t agg, uint32_t port, bool add) {
 
 void Model::linkGone(const uint8_t *p, int32_t payloadLen) {
     debug(BIT_GENERAL, EVENT, "pbr receive QRV_RTM_DELLINK_FINAL message.\r\n");
-    Interface *pIf = payloadLen < 24 ? nullptr : interfaceGet(native32(p + 28));
+    if (payloadLen < 24) {
+        reached("link: an interface is gone, too short");
+        return;
+    }
+    Interface *pIf = interfaceGet(native32(p + 28));
     if (pIf == nullptr) {
         return;
     }

@@ -47,6 +47,9 @@ const Hop *Model::select(Node *pNode) {
             reached("selection: out of its time range");
             return nullptr;
         }
+        if (pNode->range == 0) {
+            reached("selection: time range 0 does not gate");
+        }
         const bool chosen = usableAlone(hop.get());
         hop->cur = chosen ? 1 : 0;
         if (chosen) {
