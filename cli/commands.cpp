@@ -21,6 +21,7 @@
 #include "cli/raw.h"
 #include "cli/shell.h"
 #include "cli/show.h"
+#include "cli/time_range_commands.h"
 #include "cli/version.h"
 
 namespace cli {
@@ -226,6 +227,7 @@ void showAdd(CLI::App &app, Context &context) {
         {"lists", "Lists and their nodes", showLists},
         {"bindings", "Interfaces, their lists and how much of them is in the device", showBindings},
         {"next-hops", "Each next hop: reachable, chosen, in the device, or why not", showNextHops},
+        {"time-ranges", "Time ranges: schedule, active or not, next change", showTimeRanges},
         {"counters", "Counters and limits", showCounters}};
     for (const auto &[pName, pHelp, pFunction] : reports) {
         const Show function = pFunction;
@@ -286,13 +288,37 @@ void otherAdd(CLI::App &app, Context &context) {
     pSub->add_option("what", *pWhat, "hw, event, dump, separated by commas; or off")->required();
     runs(context, pSub, [=, &context] { changeDebug(context.daemon(), *pWhat); });
 
-    pSub = app.add_subcommand("time-range", "Switch a time range on or off by hand");
-    auto pId = holder<uint32_t>();
+}
+
+void timeRangeAdd(CLI::App &app, Context &context) {
+    CLI::App *pRange = app.add_subcommand("time-range", "Time ranges: define, remove, switch by hand");
+    auto pOptions = holder<TimeRangeOptions>();
+    CLI::App *pSub = pRange->add_subcommand("add", "Define a time range, or give it another schedule");
+    pSub->add_option("id", pOptions->id, "Number of the time range")->required();
+    pSub->add_option("--days", pOptions->days, "mon-fri, sat,sun, weekend, daily ...; default daily");
+    pSub->add_option("--from", pOptions->from, "HH:MM[:SS], local time; default 00:00");
+    pSub->add_option("--to", pOptions->to, "HH:MM[:SS]; not after --from: on the next day; default 24:00");
+    pSub->add_option("--period", pOptions->periods, "Instead of these three, repeated: 'DAYS FROM-TO'")
+        ->allow_extra_args(false);
+    pSub->add_option("--start", pOptions->start, "Not before 'YYYY-MM-DD HH:MM[:SS]', local time");
+    pSub->add_option("--end", pOptions->end, "Not from 'YYYY-MM-DD HH:MM[:SS]' on");
+    runs(context, pSub, [=, &context] { timeRangeDefine(context.daemon(), *pOptions); });
+    pSub = pRange->add_subcommand("del", "Remove a time range");
+    pSub->add_option("id", pOptions->id, "Number of the time range")->required();
+    pSub->add_flag("--force", pOptions->force, "Also when nodes use it: they do not act any more then");
+    runs(context, pSub, [=, &context] { timeRangeRemove(context.daemon(), *pOptions); });
+
+    auto pId = holder<std::string>();
     auto pState = holder<std::string>();
-    pSub->add_option("id", *pId, "Number of the time range")->required();
-    pSub->add_option("state", *pState, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    runs(context, pSub, [=, &context] {
-        (void)context.daemon().mgmt("timerange.set", {{"id", *pId}, {"active", *pState == "on"}});
+    pRange->add_option("id", *pId, "Number of the time range to switch");
+    pRange->add_option("state", *pState, "on, off, or auto: as its schedule says");
+    pRange->callback([=, &context] {
+        if (pRange->get_subcommands().empty()) {
+            context.action = [=, &context] {
+                timeRangeSwitch(context.daemon(), *pId, *pState);
+                return static_cast<int>(EXIT_DONE);
+            };
+        }
     });
 }
 
@@ -383,7 +409,7 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
     app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, otherAdd, eventAdd,
+    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, otherAdd, eventAdd,
                            shellAdd, rawAdd}) {
         add(app, context);
     }
