@@ -59,6 +59,7 @@ struct Choice {
 };
 const Choice CHOICES[] = {
     {"host.device", {"kernel", "memory"}},
+    {"host.defrag", {"on", "off"}},
     {"host.read-others", {"yes", "no"}},
     {"host.log", {"auto", "stderr", "syslog"}},
     {"host.memory-member-entries", {"on", "off"}},

@@ -21,6 +21,7 @@ namespace host {
     X("host.mark-mask", "0xfff00000", "bits of the packet mark that are ours")                      \
     X("host.rule-preference", "15000", "preference of our first policy rule")                       \
     X("host.table-base", "1000000", "number of our first routing table")                            \
+    X("host.defrag", "on", "on: fragments are reassembled before they are matched, where the kernel can") \
     X("host.adopt-wait-ms", "10000", "longest time in ms that a policy found at start is kept untouched") \
     X("host.group", "", "group whose members may write to the sockets; none: root only")            \
     X("host.read-others", "no", "yes: everybody may read through the sockets")                      \

@@ -10,6 +10,7 @@ std::unique_ptr<Device> kernelDeviceMake() {
     hooks.options.markMask = static_cast<uint32_t>(optionNumber("host.mark-mask"));
     hooks.options.rulePreference = static_cast<uint32_t>(optionNumber("host.rule-preference"));
     hooks.options.tableBase = static_cast<uint32_t>(optionNumber("host.table-base"));
+    hooks.options.defrag = optionGet("host.defrag") == "on";
     hooks.adoptWait = std::chrono::milliseconds(optionNumber("host.adopt-wait-ms"));
     hooks.pLoop = &hostEventLoop();
     hooks.env.rules = aclSnapshot;

@@ -94,9 +94,16 @@ void KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool i
         decisionSet(key, node);
     }
     if (isRulesChange || isRetry) {
+        node.refused = options_.defrag ? kernelDefragRefusal(program, key.family) : "";
+    }
+    if (!node.refused.empty()) {
+        chainDrop(kernelMatchChain(key));
+        chainDrop(kernelActionChain(key));
+        return;
+    }
+    if (isRulesChange || isRetry) {
         chainSet(kernelMatchChain(key), kernelMatchRules(key, program), key, true);
     }
-    node.refused.clear();
     if (isDecisionChange) {
         actionSet(key, node);
     }
@@ -228,6 +235,7 @@ void KernelModel::interfaceSet(const InterfaceKey &key) {
 void KernelModel::baseSet() {
     if (interfaces_.empty()) {
         chainDrop(KERNEL_BASE_CHAIN);
+        chainDrop(KERNEL_DEFRAG_CHAIN);
         for (const NftElementKey &key : localElements()) {
             elementDrop(key);
         }
@@ -235,6 +243,9 @@ void KernelModel::baseSet() {
     }
     if (chains_.count(KERNEL_BASE_CHAIN) == 0) {
         chainSet(KERNEL_BASE_CHAIN, kernelBaseRules(options_), std::nullopt, false);
+        if (options_.defrag) {
+            chainSet(KERNEL_DEFRAG_CHAIN, kernelDefragRules(), std::nullopt, false);
+        }
         for (const NftElementKey &key : localElements()) {
             elementSet(key, "");
         }
@@ -293,6 +304,9 @@ std::vector<NftRule> KernelModel::rulesOf(const std::string &name, const Chain &
     }
     if (name == KERNEL_BASE_CHAIN) {
         return kernelBaseRules(options_);
+    }
+    if (name == KERNEL_DEFRAG_CHAIN) {
+        return kernelDefragRules();
     }
     for (const auto &[key, interface] : interfaces_) {
         if (kernelInterfaceChain(key.first, key.second) != name) {

@@ -5,7 +5,8 @@
 // decisions, and which of these may differ from what is installed. Work is in proportion to what
 // changed: a list's nodes and the interfaces it is bound to.
 //
-// A node of which the kernel refused the rules is left out (refused) until its list is set again; a
+// A node of which the kernel refused the rules, or whose rules could never match what the kernel shows us,
+// is left out (refused) until its list is set again; a
 // decision that the kernel refused makes its nodes route as usual.
 #ifndef HOST_DEVICE_KERNEL_KERNEL_MODEL_H
 #define HOST_DEVICE_KERNEL_KERNEL_MODEL_H
@@ -46,6 +47,9 @@ struct KernelEntryStatus {
 class KernelModel {
 public:
     explicit KernelModel(const KernelOptions &options) : decisions_(options), options_(options) {}
+
+    // Whether fragments are reassembled before our chain. Before the first list.
+    void defragSet(bool on) { options_.defrag = on; }
 
     // Replaces what is known of a list; an empty program: the list has no links any more.
     void listSet(const std::string &list, ProgramList program);

@@ -99,10 +99,40 @@ std::string KernelPlane::open() {
                    " (the kernel device needs nftables and the right CAP_NET_ADMIN)";
         }
     }
+    defragProbe();
     isAdopted_ = installed_.nft.table || installed_.nft.stale || !installed_.rt.isEmpty();
     model_.decisions().adopt(installed_.rt);
     decisionsMark();
     return "";
+}
+
+// Makes what reassembles fragments and removes it in one transaction: what the kernel cannot do is given up.
+void KernelPlane::defragProbe() {
+    if (!options_.defrag) {
+        return;
+    }
+    const std::string chain = std::string(KERNEL_DEFRAG_CHAIN) + "-probe"; // ours from an earlier run may be there
+    const bool isTableThere = installed_.nft.table || installed_.nft.stale;
+    NftBatch probe(sockets_->nft);
+    if (!isTableThere) {
+        probe.tableAdd();
+    }
+    probe.chainAdd(chain);
+    for (const NftRule &rule : kernelDefragRules()) {
+        probe.ruleAdd(chain, rule);
+    }
+    probe.chainFlush(chain);
+    probe.chainDel(chain);
+    if (!isTableThere) {
+        probe.tableDel();
+    }
+    const NetlinkBatchResult result = probe.send();
+    if (!result.ok()) {
+        options_.defrag = false;
+        hostLog(LOG_LEVEL_WARNING, MODULE, "host.defrag is off: the kernel cannot reassemble fragments for us (%s)",
+                result.failed.empty() ? "no answer" : result.failed.front().text.c_str());
+    }
+    model_.defragSet(options_.defrag);
 }
 
 const std::set<uint32_t> KernelPlane::ports() const {

@@ -84,6 +84,7 @@ public:
 
     const KernelSnapshot &installed() const { return installed_; }
     const KernelCounters &counters() const { return counters_; }
+    bool isDefragOn() const { return options_.defrag; } // after open
     const std::set<uint32_t> ports() const; // of our sockets: their changes are our own
 
 private:
@@ -92,6 +93,7 @@ private:
         DecisionKey owner;
         std::function<void(RtImage &)> done; // what the image is after it
     };
+    void defragProbe();
     void decisionsInstall();
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
     bool stepsSend(std::vector<RtStep> &steps);
