@@ -95,9 +95,17 @@ TEST(NqaService, AnswersNoResultBeforeTheFirst) {
         DaemonSocket daemon;
         json slow = quick("127.0.0.1");
         slow["intervalMs"] = slow["timeoutMs"] = 60000;
+        EXPECT_FALSE(nqaUndetermined());
         set("a", slow);
         daemon.ask("a");
         EXPECT_EQ(daemon.next(), "a 3");
+        EXPECT_TRUE(nqaUndetermined());
+        lab::run("nft delete table inet cut");
+        set("b", quick("127.0.0.1"));
+        expect("b", NqaState::Passing);
+        EXPECT_TRUE(nqaUndetermined());
+        EXPECT_TRUE(del("a"));
+        EXPECT_FALSE(nqaUndetermined());
     });
 }
 
