@@ -27,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 constexpr char SAID_BEGUN = '+', SAID_REFUSED = '-', SAID_ARM = 'A', SAID_CANCEL = 'C';
 
 constexpr std::chrono::milliseconds RECONNECT_STEP{500};
-constexpr std::chrono::minutes RECONNECT_LONGEST{10}; // after the time is over
+constexpr std::chrono::minutes RECONNECT_LONGEST{10}; // after the time is over; while the run's folder exists
 constexpr int REFUSED_MOST = 5;                       // times that a roll-back is tried
 constexpr int ANSWER_SPARE_MS = 1000;                 // what an answer of the daemon may be late
 
@@ -136,7 +136,8 @@ void rollBackOnce(Daemon &daemon, const Rollback &rollback) {
 bool rollBack(Daemon &daemon, const Rollback &rollback) {
     const auto end = Clock::now() + RECONNECT_LONGEST;
     int refusedCount = 0;
-    while (refusedCount < REFUSED_MOST && Clock::now() < end) {
+    const auto isThere = [&rollback] { return rollback.root.empty() || access(rollback.root.c_str(), F_OK) == 0; };
+    while (refusedCount < REFUSED_MOST && Clock::now() < end && isThere()) {
         try {
             rollBackOnce(daemon, rollback);
             return true;

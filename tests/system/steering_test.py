@@ -176,9 +176,11 @@ acls:
 
 
 class WhatTheKernelCannotExpress(system_case.LabCase):
-    def test_is_refused_with_its_reason_and_nothing_else_is_disturbed(self):
+    def test_is_refused_with_its_reason_and_nothing_is_disturbed(self):
+        self.daemon.apply(policy({10: f"acl: 1501, next-hops: {hops('upa')}"}))
+        self.all_by("upa")
         done = self.daemon.apply(policy({5: "acl: 1503, priority: 12",
-                                         10: f"acl: 1501, next-hops: {hops('upa')}"}), check=False)
+                                         10: f"acl: 1501, next-hops: {hops('upc')}"}), check=False)
         self.assertEqual(1, done.returncode)
         self.assertIn("priority 12", done.stdout + done.stderr)
         self.all_by("upa")
@@ -187,7 +189,14 @@ class WhatTheKernelCannotExpress(system_case.LabCase):
         arrivals.wait(10)
         arrivals.close()
         self.assertEqual({("upb", 0)}, {(packet[1], packet[3]) for packet in arrivals.packets})
-        self.assertEqual(1, self.daemon.ctl("bind", "lan1", "wan", check=False).returncode)
+
+    def test_is_told_at_the_binding(self):
+        self.daemon.ctl("acl", "add", 1503, 10, "permit udp from 10.0.0.0/8 to any port 600")
+        self.daemon.ctl("list", "add", "wan")
+        self.daemon.ctl("node", "add", "wan", 5, "--acl", 1503, "--priority", 12)
+        done = self.daemon.ctl("bind", "lan1", "wan", check=False)
+        self.assertEqual(1, done.returncode, done.stdout + done.stderr)
+        self.assertIn("priority 12", done.stdout + done.stderr)
 
 
 class Ecmp(system_case.LabCase):
