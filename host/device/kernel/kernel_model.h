@@ -5,9 +5,9 @@
 // decisions, and which of these may differ from what is installed. Work is in proportion to what
 // changed: a list's nodes and the interfaces it is bound to.
 //
-// A node of which the kernel refused the rules, or whose rules could never match what the kernel shows us,
-// is left out (refused) until its list is set again; a
-// decision that the kernel refused makes its nodes route as usual.
+// A node of which the kernel refused the rules, or whose rules could never match what the kernel shows
+// us, is left out (refused) until its list is set again; a decision that the kernel refused makes its
+// nodes route as usual.
 #ifndef HOST_DEVICE_KERNEL_KERNEL_MODEL_H
 #define HOST_DEVICE_KERNEL_KERNEL_MODEL_H
 

@@ -1,0 +1,131 @@
+"""Rules of every kind from a policy file to packets, and fragments that stay together."""
+import json
+import re
+import socket
+
+import system_case
+import netlab
+from netlab import ISP, SERVER
+
+ACLS = """
+acls:
+  1501: {10: %s}
+  3501: {10: %s}
+"""
+LISTS = """
+lists:
+  wan:
+    10: {acl: 1501, next-hops: ["%s"]}
+    20: {acl: 3501, next-hops: ["%s"]}
+bindings:
+  lan0: wan
+"""
+
+
+class AclCase(system_case.LabCase):
+    def policy(self, rule4, rule6=None):
+        lists = LISTS % (self.next_hop("upa"), self.next_hop("upa", 6))
+        return ACLS % (json.dumps(rule4), json.dumps(rule6 or rule4)) + lists
+
+    def udp(self, family, port, size, count=1, tos=None):
+        """Sends datagrams of so many bytes to the server."""
+        sender = self.lab.socket("lan", socket.AF_INET if family == 4 else socket.AF_INET6)
+        try:
+            if tos is not None and family == 4:
+                sender.setsockopt(socket.IPPROTO_IP, socket.IP_TOS, tos)
+            if tos is not None and family == 6:
+                sender.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_TCLASS, tos)
+            for _ in range(count):
+                sender.sendto(bytes(size), (SERVER[family], port))
+        finally:
+            sender.close()
+
+    def way(self, family, port=443, size=8, tos=None):
+        """The uplink that one datagram takes."""
+        arrivals = netlab.Arrivals(self.lab, family, port)
+        try:
+            self.udp(family, port, size, tos=tos)
+            arrivals.wait(1)
+            return "+".join(arrivals.by_uplink())
+        finally:
+            arrivals.close()
+
+
+class Rules(AclCase):
+    def test_options_of_a_rule_steer_packets_by_what_they_say(self):
+        self.daemon.apply(self.policy("permit udp dscp ef length 100-200"))
+        for family in (4, 6):
+            self.assertTrue(self.daemon.until(lambda: self.way(family, size=100, tos=0xb8) == "upa"))
+            self.assertEqual("upb", self.way(family, size=100, tos=0xb4))
+            self.assertEqual("upb", self.way(family, size=20, tos=0xb8))
+
+    def test_a_rule_is_shown_as_it_would_be_written_and_applying_it_again_changes_nothing(self):
+        text = self.policy("permit 6 from 10.0.0.5 mask 0.255.255.0 flags !ack,syn dscp 46", "permit tcp established")
+        self.daemon.apply(text)
+        self.assertIn("permit tcp from 10.0.0.5 mask 0.255.255.0 to any flags syn,!ack dscp ef",
+                      self.daemon.ctl("acl", "show", "1501").stdout)
+        self.assertIn("othing to do", self.daemon.apply(text, "--dry-run").stdout)
+
+    def test_a_single_rule_is_added_and_a_wrong_one_is_refused(self):
+        self.daemon.apply(self.policy("permit udp to any port 443"))
+        self.daemon.ctl("acl", "add", "1501", "5", "deny", "udp", "length", "100-200")
+        self.assertTrue(self.daemon.until(lambda: self.way(4, size=8) == "upa"))
+        self.assertEqual("upb", self.way(4, size=100))
+        refused = self.daemon.ctl("acl", "add", "1501", "7", "permit", "udp", "established", check=False)
+        self.assertNotEqual(0, refused.returncode)
+        self.assertIn("word 3 'established': this option needs protocol tcp, not 'udp'", refused.stderr + refused.stdout)
+        self.assertEqual("upb", self.way(4, size=100))
+
+
+class FragmentCase(AclCase):
+    def setUp(self):
+        super().setUp()
+        for up in ("upa", "upb"):
+            netlab.run(["nft", "add table inet seen; add chain inet seen c { type filter hook prerouting priority -500; }; "
+                        f"add rule inet seen c ip daddr {SERVER[4]} meta l4proto udp counter; "
+                        f"add rule inet seen c ip6 daddr {SERVER[6]} meta l4proto udp counter"], ISP[up])
+            self.addCleanup(lambda up=up: netlab.run("nft delete table inet seen", ISP[up], check=False))
+
+    def seen(self, up):
+        """Packets of both families that came by an uplink, each fragment for itself."""
+        return sum(map(int, re.findall(r"packets (\d+)", netlab.run("nft list table inet seen", ISP[up]).stdout)))
+
+
+class Fragments(FragmentCase):
+    def test_all_fragments_of_a_datagram_take_the_way_of_its_ports(self):
+        self.daemon.apply(self.policy("permit udp to any port 443"))
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+            before = self.seen("upa"), self.seen("upb")
+            self.udp(family, 443, 6000)
+            self.assertTrue(self.daemon.until(lambda: self.seen("upa") >= before[0] + 5))
+            self.assertEqual(before[1], self.seen("upb"))
+
+    def test_rules_for_fragments_are_refused_with_the_reason(self):
+        done = self.daemon.apply(self.policy("permit udp fragments"), check=False)
+        self.assertIn("host.defrag is on", done.stdout + done.stderr)
+
+
+class WithoutReassembly(FragmentCase):
+    options = ("host.neighbour-probe-ms=400", "host.defrag=off")
+
+    def test_later_fragments_have_no_ports(self):
+        self.daemon.apply(self.policy("permit udp to any port 443"))
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+            before = self.seen("upa"), self.seen("upb")
+            self.udp(family, 443, 6000)
+            self.assertTrue(self.daemon.until(lambda: self.seen("upb") >= before[1] + 4), "later ones go their own way")
+            self.assertEqual(before[0] + 1, self.seen("upa"))
+
+    def test_rules_for_fragments_match_the_later_ones(self):
+        self.daemon.apply(self.policy("permit udp fragments"))
+        for family in (4, 6):
+            self.assertEqual("upb", self.way(family))
+            before = self.seen("upa")
+            self.udp(family, 443, 6000)
+            self.assertTrue(self.daemon.until(lambda: self.seen("upa") >= before + 4), "rules for fragments match here")
+
+
+if __name__ == "__main__":
+    system_case.main()
