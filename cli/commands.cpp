@@ -18,6 +18,7 @@
 #include "cli/event.h"
 #include "cli/export.h"
 #include "cli/numbers.h"
+#include "cli/probe_commands.h"
 #include "cli/raw.h"
 #include "cli/shell.h"
 #include "cli/show.h"
@@ -227,6 +228,7 @@ void showAdd(CLI::App &app, Context &context) {
         {"lists", "Lists and their nodes", showLists},
         {"bindings", "Interfaces, their lists and how much of them is in the device", showBindings},
         {"next-hops", "Each next hop: reachable, chosen, in the device, or why not", showNextHops},
+        {"probes", "Probes: state, round trips, loss, last failure", showProbes},
         {"time-ranges", "Time ranges: schedule, active or not, next change", showTimeRanges},
         {"counters", "Counters and limits", showCounters}};
     for (const auto &[pName, pHelp, pFunction] : reports) {
@@ -288,6 +290,34 @@ void otherAdd(CLI::App &app, Context &context) {
     pSub->add_option("what", *pWhat, "hw, event, dump, separated by commas; or off")->required();
     runs(context, pSub, [=, &context] { changeDebug(context.daemon(), *pWhat); });
 
+}
+
+void probeAdd(CLI::App &app, Context &context) {
+    CLI::App *pProbe = app.add_subcommand("probe", "Probes: what next hops are tied to");
+    pProbe->require_subcommand(1);
+    auto pOptions = holder<ProbeOptions>();
+    CLI::App *pSub = pProbe->add_subcommand("add", "Run a probe, or give it other settings");
+    pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST")->required();
+    pSub->add_option("kind", pOptions->kind, "icmp (echo), tcp (connect), udp (echo), http (GET)")->required();
+    pSub->add_option("target", pOptions->target, "IPv4 or IPv6 address")->required();
+    pSub->add_option("--port", pOptions->port, "Of tcp and udp; of http, default 80");
+    pSub->add_option("--path", pOptions->path, "Of http, default /");
+    pSub->add_option("--host", pOptions->host, "Host header of http; default: the target");
+    pSub->add_option("--source", pOptions->source, "Address of this machine to ask from");
+    pSub->add_option("--interface", pOptions->interface, "Ask out of this interface; with --via: the next hop is there");
+    pSub->add_option("--vrf", pOptions->vrf, "Ask by the table of this VRF");
+    pSub->add_option("--via", pOptions->via, "Leave through this next hop, whatever the routing table says");
+    pSub->add_option("--interval", pOptions->interval, "50ms to 60m, default 1s");
+    pSub->add_option("--timeout", pOptions->timeout, "At most the interval, default 500ms");
+    pSub->add_option("--down-after", pOptions->downAfter, "Failures in a row, default 3");
+    pSub->add_option("--up-after", pOptions->upAfter, "Successes in a row, default 1");
+    runs(context, pSub, [=, &context] { probeDefine(context.daemon(), *pOptions); });
+    pSub = pProbe->add_subcommand("del", "Remove a probe: next hops tied to it are not used any more");
+    pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST")->required();
+    runs(context, pSub, [=, &context] { probeRemove(context.daemon(), pOptions->name); });
+    pSub = pProbe->add_subcommand("clear", "Begin the statistics anew");
+    pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST; default all");
+    runs(context, pSub, [=, &context] { probeClear(context.daemon(), pOptions->name); });
 }
 
 void timeRangeAdd(CLI::App &app, Context &context) {
@@ -409,7 +439,7 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
     app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, otherAdd, eventAdd,
+    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, eventAdd,
                            shellAdd, rawAdd}) {
         add(app, context);
     }
