@@ -97,7 +97,13 @@ std::vector<PlaneError> release(Transaction &of) {
     return fresh;
 }
 
-bool hasResult(const json &row) { return row.value("received", 0u) + row.value("lost", 0u) != 0; }
+// Passing, or failing although it was really asked: a probe through a next hop that is not resolved yet fails
+// without a question.
+bool hasResult(const json &row) {
+    const std::string status = textOf(row, "status");
+    const json statistics = row.value("statistics", json::object());
+    return status == "passing" || (status == "failing" && statistics.value("sent", uint64_t{0}) != 0);
+}
 
 // A probe counts as failing until its first result; the change waits for it, so that packets do not leave
 // their next hop because its probe is new.

@@ -658,7 +658,7 @@ json FakeDaemon::mgmt(const json &request) {
             answer["probes"].push_back({{"admin", name.substr(0, slash)},
                                         {"test", name.substr(slash + 1)},
                                         {"config", config},
-                                        {"received", 1}});
+                                        {"status", ++asked % 2 == 0 ? "passing" : "no result"}});
         }
         return answer;
     }

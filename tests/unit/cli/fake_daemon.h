@@ -100,6 +100,7 @@ private:
     std::string settleError;
     nlohmann::json releaseErrors = nlohmann::json::array();
     uint32_t lockedBy = 0;
+    int asked = 0; // for the state of probes: each is found at every second question
     std::set<std::string> notOffered;
     int dieIn = 0;
     FakeStore diedTo;
