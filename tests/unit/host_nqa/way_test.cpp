@@ -129,6 +129,22 @@ TEST(NqaWay, ANextHopOnAGivenInterfaceNeedsNoRoute) {
     });
 }
 
+TEST(NqaWay, ANextHopBehindAGatewayIsReachedThroughIt) {
+    inNamespace([] {
+        Uplinks net;
+        run("ip route add 198.18.0.1/32 via 198.51.100.1");
+        run("ip route add 198.18.0.2/32 via inet6 2001:db8:a::1");
+        start();
+        for (const char *pVia : {"198.18.0.1", "198.18.0.2"}) {
+            (void)net.leftBy("upa");
+            set("way", quick({{"kind", "icmp"}, {"target", "192.0.2.10"}, {"via", pVia}}));
+            expect("way", NqaState::Passing);
+            EXPECT_GT(net.leftBy("upa"), 0u) << pVia;
+            EXPECT_EQ(net.leftBy("upb"), 0u) << pVia;
+        }
+    });
+}
+
 TEST(NqaWay, AVrfsTableRoutesAndNoOtherWhenItHasNoWay) {
     inNamespace([] {
         Uplinks net;
