@@ -57,12 +57,38 @@ void timeRangeUnbind(Daemon &daemon, const std::string &list, uint32_t index) {
     }
 }
 
-void nodeFieldsSet(Daemon &daemon, const std::string &list, const Node &node) {
+// Sets that are sent without waiting between them: a refused one does not stop those behind it.
+struct Batch {
+    std::vector<client::CommandRequest> requests;
+    std::vector<std::string> whats; // for the text of a refusal
+
+    void set(uint16_t command, const Bytes &key, uint32_t field, uint32_t value, const std::string &what) {
+        requests.push_back({command, COMMAND_VALUE_NUMBER, field, value, key, {}});
+        whats.push_back(what);
+    }
+    void setBytes(uint16_t command, const Bytes &key, uint32_t field, const Bytes &value, const std::string &what) {
+        requests.push_back({command, COMMAND_VALUE_BYTES, field, static_cast<uint32_t>(value.size()), key, value});
+        whats.push_back(what);
+    }
+};
+
+// Throws the first refusal of a batch, when all have been answered.
+void batchDo(Daemon &daemon, const Batch &batch) {
+    std::vector<client::CommandAnswer> answers;
+    must(client::commandCallMany(daemon.command(), batch.requests, answers), batch.whats.front());
+    for (size_t i = 0; i < answers.size(); i++) {
+        if (answers[i].result != PBR_OK) {
+            must({client::COMMAND_REFUSED, answers[i].result, client::resultDescribe(answers[i].result)}, batch.whats[i]);
+        }
+    }
+}
+
+void nodeFieldsSet(Batch &batch, const std::string &list, const Node &node) {
     const Bytes key = client::keyOfNode(list, node.index);
     const std::string place = nodePlace(list, node.index);
     const auto give = [&](uint32_t field, uint32_t value, const std::string &what) {
         if (value != 0) {
-            set(daemon, PBR_CMD_NODE_SET, key, field, value, place + ": " + what + " " + std::to_string(value));
+            batch.set(PBR_CMD_NODE_SET, key, field, value, place + ": " + what + " " + std::to_string(value));
         }
     };
     give(PBR_NODE_IP_VERSION, versionCode(node.ipVersion), "IP version code");
@@ -75,6 +101,25 @@ void nodeFieldsSet(Daemon &daemon, const std::string &list, const Node &node) {
     give(PBR_NODE_FIELD7, node.field7, "field 7");
     give(PBR_NODE_FORWARD_FLAG, node.forwardFlag, "forward flag");
     give(PBR_NODE_IS_ECMP, node.ecmp, "ecmp");
+}
+
+std::string nextHopPlace(const std::string &list, uint32_t nodeIndex, const NextHop &nextHop) {
+    return nodePlace(list, nodeIndex) + ": next hop " + nextHopText(nextHop) + " (number " +
+           std::to_string(nextHop.index) + ")";
+}
+
+void nextHopFieldsSet(Batch &batch, const Bytes &key, const NextHop &nextHop, const std::string &what) {
+    const std::pair<uint32_t, Bytes> fields[] = {{PBR_NEXT_HOP_ADDRESS, nextHop.address},
+                                                 {PBR_NEXT_HOP_NQA_ADMIN_NAME, bytesOf(nextHop.probeAdmin)},
+                                                 {PBR_NEXT_HOP_NQA_TEST_NAME, bytesOf(nextHop.probeTest)}};
+    for (const auto &[field, value] : fields) {
+        if (!value.empty()) {
+            batch.setBytes(PBR_CMD_NEXT_HOP_SET, key, field, value, what);
+        }
+    }
+    if (nextHop.active) {
+        batch.set(PBR_CMD_NEXT_HOP_SET, key, PBR_NEXT_HOP_STATUS, PBR_ROW_ACTIVE, what + ": activate");
+    }
 }
 
 // One field of a change, with the way back.
@@ -171,21 +216,24 @@ void nodeMake(Daemon &daemon, const std::string &list, const Node &node) {
     const Bytes key = client::keyOfNode(list, node.index);
     const std::string place = nodePlace(list, node.index);
     set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_STATUS, PBR_ROW_CREATED, place + ": create");
-    undoing(
-        [&] {
-            nodeFieldsSet(daemon, list, node);
-            for (const NextHop &nextHop : node.nextHops) {
-                nextHopMake(daemon, list, node.index, nextHop);
-            }
-            if (node.active) {
-                set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_STATUS, PBR_ROW_ACTIVE, place + ": activate");
-            }
-            if (node.timeRange) {
-                set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_TIME_RANGE_ID, *node.timeRange,
-                    place + ": time-range " + std::to_string(*node.timeRange));
-            }
-        },
-        [&] { nodeRemove(daemon, list, node.index); });
+    Batch batch;
+    nodeFieldsSet(batch, list, node);
+    for (const NextHop &nextHop : node.nextHops) {
+        const Bytes hopKey = client::keyOfNode(list, node.index, nextHop.index);
+        const std::string what = nextHopPlace(list, node.index, nextHop);
+        batch.set(PBR_CMD_NEXT_HOP_SET, hopKey, PBR_NEXT_HOP_STATUS, PBR_ROW_CREATED, what);
+        nextHopFieldsSet(batch, hopKey, nextHop, what);
+    }
+    if (node.active) {
+        batch.set(PBR_CMD_NODE_SET, key, PBR_NODE_STATUS, PBR_ROW_ACTIVE, place + ": activate");
+    }
+    if (node.timeRange) {
+        batch.set(PBR_CMD_NODE_SET, key, PBR_NODE_TIME_RANGE_ID, *node.timeRange,
+                  place + ": time-range " + std::to_string(*node.timeRange));
+    }
+    if (!batch.requests.empty()) {
+        undoing([&] { batchDo(daemon, batch); }, [&] { nodeRemove(daemon, list, node.index); });
+    }
 }
 
 void nodeRemove(Daemon &daemon, const std::string &list, uint32_t index) {
@@ -221,24 +269,13 @@ void nodeChange(Daemon &daemon, const std::string &list, const Node &before, con
 
 void nextHopMake(Daemon &daemon, const std::string &list, uint32_t nodeIndex, const NextHop &nextHop) {
     const Bytes key = client::keyOfNode(list, nodeIndex, nextHop.index);
-    const std::string what = nodePlace(list, nodeIndex) + ": next hop " + nextHopText(nextHop) + " (number " +
-                             std::to_string(nextHop.index) + ")";
+    const std::string what = nextHopPlace(list, nodeIndex, nextHop);
     set(daemon, PBR_CMD_NEXT_HOP_SET, key, PBR_NEXT_HOP_STATUS, PBR_ROW_CREATED, what);
-    undoing(
-        [&] {
-            const auto give = [&](uint32_t field, const Bytes &value) {
-                if (!value.empty()) {
-                    setBytes(daemon, PBR_CMD_NEXT_HOP_SET, key, field, value, what);
-                }
-            };
-            give(PBR_NEXT_HOP_ADDRESS, nextHop.address);
-            give(PBR_NEXT_HOP_NQA_ADMIN_NAME, bytesOf(nextHop.probeAdmin));
-            give(PBR_NEXT_HOP_NQA_TEST_NAME, bytesOf(nextHop.probeTest));
-            if (nextHop.active) {
-                set(daemon, PBR_CMD_NEXT_HOP_SET, key, PBR_NEXT_HOP_STATUS, PBR_ROW_ACTIVE, what + ": activate");
-            }
-        },
-        [&] { nextHopRemove(daemon, list, nodeIndex, nextHop.index); });
+    Batch batch;
+    nextHopFieldsSet(batch, key, nextHop, what);
+    if (!batch.requests.empty()) {
+        undoing([&] { batchDo(daemon, batch); }, [&] { nextHopRemove(daemon, list, nodeIndex, nextHop.index); });
+    }
 }
 
 void nextHopRemove(Daemon &daemon, const std::string &list, uint32_t nodeIndex, uint8_t index) {

@@ -217,6 +217,24 @@ TEST_F(Apply, PropertiesOfOtherManagementPlanesSurviveAnUndo) {
     EXPECT_EQ(daemon.store().lists.at("wan").nodes.at(10).fields.at(PBR_NODE_MATCH_VALUE1), 0u);
 }
 
+TEST_F(Apply, AListThatIsNotActiveComesBackAsItWas) {
+    FakeStore before;
+    before.lists["idle"] = {};
+    ASSERT_NE(before.lists["idle"].status, PBR_ROW_ACTIVE);
+    daemon.put(before);
+    int refused = 0;
+    for (int n = 1; n < 200; n++) {
+        daemon.failChange(n);
+        if (apply(FIRST) == cli::EXIT_DONE) {
+            break;
+        }
+        refused++;
+        ASSERT_TRUE(daemon.store() == before) << n << ": " << daemon.err;
+    }
+    EXPECT_GT(refused, 10);
+    EXPECT_EQ(daemon.store().lists.count("idle"), 0u);
+}
+
 TEST_F(Apply, APlaneThatRefusesAfterItsReleaseHasEverythingUndone) {
     ASSERT_EQ(apply(FIRST), cli::EXIT_DONE) << daemon.err;
     const FakeStore before = daemon.store();
