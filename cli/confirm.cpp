@@ -79,8 +79,8 @@ void begin(Daemon &daemon, const Rollback &rollback) {
                       {{"pid", getpid()}, {"file", rollback.file}, {"seconds", rollback.seconds}});
 }
 
-// Waits for the confirmation. Result: whether it came.
-bool isConfirmed(Daemon &daemon, const Rollback &rollback) {
+// Waits for the confirmation; tells the parent when the daemon has been asked. Result: whether it came.
+bool isConfirmed(Daemon &daemon, const Rollback &rollback, int parentFd) {
     const auto end = Clock::now() + std::chrono::seconds(rollback.seconds);
     for (bool isBegun = true; Clock::now() < end;) {
         const auto leftMs = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
@@ -90,6 +90,7 @@ bool isConfirmed(Daemon &daemon, const Rollback &rollback) {
                 isBegun = true;
             }
             daemon.mgmtSend("confirm.wait", {{"milliseconds", leftMs}});
+            (void)sendAll(parentFd, {SAID_BEGUN}); // from the second time on nobody hears it
             const auto answer = daemon.mgmtAnswer(static_cast<int>(leftMs) + ANSWER_SPARE_MS);
             return answer && answer->value("confirmed", false);
         } catch (const std::exception &lost) { // the daemon is gone, or starts
@@ -170,8 +171,7 @@ int watch(const Rollback &rollback, int parentFd) {
     if (said.empty()) {
         syslog(LOG_WARNING, "%s: the apply was broken off in the middle: rolling back", rollback.file.c_str());
     }
-    close(parentFd);
-    if (!said.empty() && isConfirmed(daemon, rollback)) {
+    if (!said.empty() && isConfirmed(daemon, rollback, parentFd)) {
         return EXIT_DONE;
     }
     return rollBack(daemon, rollback) ? EXIT_DONE : EXIT_REFUSED;
@@ -213,7 +213,7 @@ ConfirmWatch::~ConfirmWatch() {
 }
 
 void ConfirmWatch::arm() {
-    if (!sendAll(fd, {SAID_ARM})) {
+    if (!sendAll(fd, {SAID_ARM}) || receive(fd, true).empty()) {
         throw Refused("the policy is applied, but its watcher has ended: it will not be rolled back");
     }
     close(fd);

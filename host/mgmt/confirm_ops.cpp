@@ -1,8 +1,10 @@
 // See confirm_ops.h. Called by the management socket.
 #include "host/mgmt/confirm_ops.h"
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -41,7 +43,7 @@ struct Pending {
     std::string file;
     uint32_t seconds = 0;
     Phase phase = Phase::Applying;
-    bool isConfirmed = false; // while it was still applying
+    std::optional<bool> word; // said while it was still applying: confirmed, or to be rolled back
     MgmtDone done;            // Waiting: the answer to confirm.wait
     Clock::time_point end;    // Waiting
     EventLoop::TimerId timer = 0;
@@ -187,8 +189,8 @@ void opWait(const json &request, const MgmtClientPtr &client, const MgmtDone &do
     pending.phase = Phase::Waiting;
     pending.done = done;
     pending.end = Clock::now() + std::chrono::milliseconds(milliseconds);
-    if (pending.isConfirmed) {
-        waitAnswer(true);
+    if (pending.word) {
+        waitAnswer(*pending.word);
         return;
     }
     pending.timer = hostEventLoop().timerStart(std::chrono::milliseconds(milliseconds), [] {
@@ -207,12 +209,9 @@ json opConfirm(const json &request) {
     if (pending.phase == Phase::RollingBack) {
         throw std::runtime_error("too late: " + pending.file + " is being rolled back");
     }
-    if (pending.phase == Phase::Applying && rollback) {
-        throw std::runtime_error(pending.file + " is still being applied; try again when that has ended");
-    }
     const std::string file = pending.file;
     if (pending.phase == Phase::Applying) {
-        pending.isConfirmed = true;
+        pending.word = !rollback;
     } else {
         waitAnswer(!rollback);
     }
