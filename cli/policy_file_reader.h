@@ -14,7 +14,7 @@
 
 #include <yaml-cpp/yaml.h>
 
-#include "cli/policy_file.h"
+#include "cli/policy_file_contents.h"
 
 namespace cli {
 
