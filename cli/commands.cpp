@@ -29,6 +29,16 @@ namespace cli {
 
 namespace {
 
+constexpr const char *ACL_RULE_HELP =
+    "PROTOCOL  ip, tcp, udp, icmp, sctp, gre, esp, ospf ... or a number 0 to 255\n"
+    "ADDR      any, ADDRESS, PREFIX, or ADDRESS mask WILDCARD (ones: bits that may be anything)\n"
+    "PORTS     N or N-M\n"
+    "OPTION    flags FLAG,!FLAG...   established   type N|NAME [code N]   dscp N|NAME   precedence N\n"
+    "          fragments   length N[-M]   source-mac MAC\n"
+    "Examples  pbrctl acl add 1501 10 permit tcp from 10.1.0.0/16 to any port 443\n"
+    "          pbrctl acl add 1501 20 deny tcp from any to 10.0.0.5 mask 0.255.255.0 flags 'syn,!ack'\n"
+    "          pbrctl acl add 3501 10 permit icmp type packet-too-big";
+
 struct Context {
     std::string root;
     bool json = false;
@@ -128,8 +138,10 @@ void aclAdd(CLI::App &app, Context &context) {
     };
     CLI::App *pSub = declare("add", "Add or replace a rule; makes the ACL when needed");
     pSub->add_option("rule", *pRule, "Number of the rule, evaluated in ascending order")->required();
-    pSub->add_option("text", *pWords, "permit|deny ip|tcp|udp|icmp|NUMBER from PREFIX|any [port N[-M]] to ...")
+    pSub->add_option("text", *pWords,
+                     "permit|deny PROTOCOL [from ADDR [port PORTS]] [to ADDR [port PORTS]] [OPTION ...]")
         ->required();
+    pSub->footer(ACL_RULE_HELP);
     runs(context, pSub, [=, &context] { changeAclAdd(context.daemon(), *pAclNum, *pRule, *pWords); });
     pSub = declare("del", "Remove a rule");
     pSub->add_option("rule", *pRule, "Number of the rule")->required();
