@@ -8,10 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/bus/bus.h"
 #include "host/device/device.h"
 #include "host/event/event_loop.h"
-#include "host/hrd/hrd_service.h"
 #include "host/ifnet/ifnet.h"
 #include "host/logging/host_log.h"
 #include "host/mgmt/mgmt.h"
@@ -98,8 +96,7 @@ void opRelease(const json &request, const MgmtClientPtr &client, const MgmtDone 
     if (hold().owner != client) {
         throw std::runtime_error("nothing is held by this connection");
     }
-    const auto isDetermined = [] { return !hrdUndetermined() && busCounters().waitingBytes == 0; };
-    settleWait(hostEventLoop(), isDetermined, [client, done](bool determined) {
+    settleWait(hostEventLoop(), nextHopsKnown, [client, done](bool determined) {
         if (hold().owner != client) {
             done({{"ok", false}, {"error", "the change took too long: it was taken over unfinished"}});
             return;

@@ -14,6 +14,7 @@
 #include "host/ifnet/ifnet.h"
 #include "host/mgmt/event_ops.h"
 #include "host/mgmt/mgmt_args.h"
+#include "host/nqa/nqa_probes.h"
 #include "host/option/option.h"
 #include "policyroute_version.h"
 
@@ -103,9 +104,7 @@ json opDeviceFlush(const json &request) {
 
 void opDeviceSettle(const json &request, const MgmtDone &done) {
     mgmtArgsOnly(request, {});
-    // The daemon has read a report when none waits for it any more.
-    const auto isDetermined = [] { return !hrdUndetermined() && busCounters().waitingBytes == 0; };
-    settleWait(hostEventLoop(), isDetermined, [done](bool determined) {
+    settleWait(hostEventLoop(), nextHopsKnown, [done](bool determined) {
         std::string error;
         try {
             error = hostDevice().settle();
@@ -143,6 +142,11 @@ struct Wait : std::enable_shared_from_this<Wait> {
 };
 
 } // namespace
+
+// The daemon has read a report when none waits for it any more.
+bool nextHopsKnown() {
+    return !hrdUndetermined() && !nqaUndetermined() && busCounters().waitingBytes == 0;
+}
 
 void settleWait(EventLoop &loop, std::function<bool()> isDetermined, std::function<void(bool)> done,
                 std::chrono::milliseconds longest) {

@@ -20,6 +20,10 @@ constexpr std::chrono::milliseconds SETTLE_STEP{20};      // between two looks, 
 void settleWait(EventLoop &loop, std::function<bool()> isDetermined, std::function<void(bool)> done,
                 std::chrono::milliseconds longest = SETTLE_LONGEST);
 
+// Whether every peer and every configured probe has been found up or down, and the daemon knows. Any
+// thread. Lock: none (takes the services' own)
+bool nextHopsKnown();
+
 // Registers the operations. Before mgmtStart. Lock: none
 void serviceOpsRegister();
 

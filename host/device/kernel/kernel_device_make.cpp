@@ -1,6 +1,7 @@
 // The kernel device on the real world: options, view, ACLs, routes, links, peers, event thread.
 #include "host/device/kernel/kernel_device.h"
 #include "host/hrd/hrd_service.h"
+#include "host/nqa/nqa_probes.h"
 #include "host/option/option.h"
 
 namespace host {
@@ -24,7 +25,7 @@ std::unique_ptr<Device> kernelDeviceMake() {
         }
         return redirectEntryFrom(redirect);
     };
-    hooks.isUndetermined = hrdUndetermined;
+    hooks.isUndetermined = [] { return hrdUndetermined() || nqaUndetermined(); };
     hooks.onWorldChange = [](std::function<void()> changed) {
         fibOnChange(changed);
         ifnetOnChange([changed](const IfnetLink &) { changed(); });
