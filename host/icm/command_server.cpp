@@ -27,6 +27,7 @@
 #include "host/icm/command_call.h"
 #include "host/logging/host_log.h"
 #include "host/option/option.h"
+#include "host/process/notify.h"
 #include "host/process/unix_listen.h"
 #include "platform/sil_task.h"
 
@@ -284,5 +285,6 @@ int32_t icmProcTcpInit(const char *taskName, const char *path, const IcmCommand 
     }
     (void)pServer.release(); // the task's until the process ends
     fprintf(stderr, "policyrouted: serving on %s\n", where.c_str());
+    host::notifyReady(); // everything else was started before
     return 0;
 }

@@ -11,6 +11,7 @@
 
 #include "host/event/event_loop.h"
 #include "host/logging/host_log.h"
+#include "host/process/notify.h"
 #include "host/process/unix_listen.h"
 
 namespace host {
@@ -24,6 +25,7 @@ void stop(int fd) {
     const auto number = static_cast<int>(signal.ssi_signo);
     hostLog(LOG_LEVEL_NOTICE, "process", "%s from process %u: ending; what is installed stays",
             strsignal(number), signal.ssi_pid);
+    notifyStopping();
     filesRemove();
     _exit(0); // other threads may be anywhere: nothing is destroyed under them
 }
