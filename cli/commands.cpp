@@ -14,6 +14,7 @@
 #include "cli/apply.h"
 #include "cli/change.h"
 #include "cli/confirm.h"
+#include "cli/default_root.h"
 #include "cli/errors.h"
 #include "cli/event.h"
 #include "cli/export.h"
@@ -443,13 +444,14 @@ int actionRun(Context &context) {
 } // namespace
 
 int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ostream &err) {
-    Context context{"", false, out, err, nullptr, nullptr};
+    Context context{defaultRoot(), false, out, err, nullptr, nullptr};
     CLI::App app("Policy-based routing: lists of nodes, each of which sends the packets of an ACL to next hops.",
                  "pbrctl");
     app.fallthrough();
     app.require_subcommand(1);
     app.set_version_flag("--version", std::string("pbrctl ") + PBRCTL_VERSION);
-    app.add_option("--root", context.root, "Folder of the daemon's run (its option host.root)");
+    app.add_option("--root", context.root, "Folder of the daemon's run; default: POLICYROUTE_ROOT, else host.root of\n" +
+                       std::string(OPTION_FILE));
     app.add_flag("--json", context.json, "Print JSON");
     for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, eventAdd,
                            shellAdd, rawAdd}) {
