@@ -5,6 +5,7 @@ with the namespace. Needs root (an overlay with more than one user in it).
 import configparser
 import os
 import resource
+import shlex
 import socket
 import stat
 import subprocess
@@ -104,7 +105,7 @@ class Service:
     unit; the service manager's end of the notification socket is here."""
 
     def __init__(self, machine, ns):
-        self.machine, self.ns, self.process = machine, ns, None
+        self.machine, self.ns, self.process, self.log = machine, ns, None, None
         # Keys may stand twice in a unit; these do not.
         unit = configparser.ConfigParser(strict=False, interpolation=None)
         unit.optionxform = str
@@ -117,20 +118,26 @@ class Service:
 
     def start(self, watchdog_us=400000):
         user = self.unit["User"]
-        folder = self.machine.path("/run/" + self.unit["RuntimeDirectory"])
-        os.makedirs(folder, exist_ok=True)
-        self.machine.run("chown", f"{user}:{self.unit['Group']}", "/run/" + self.unit["RuntimeDirectory"])
+        for parent, key in (("/run/", "RuntimeDirectory"), ("/var/lib/", "StateDirectory")):
+            os.makedirs(self.machine.path(parent + self.unit[key]), exist_ok=True)
+            self.machine.run("chown", f"{user}:{self.unit['Group']}", parent + self.unit[key])
         ambient = self.capabilities("AmbientCapabilities")
         # No more than this machine allows us; the manager of a real one may exceed that.
         files = min(int(self.unit["LimitNOFILE"]), resource.getrlimit(resource.RLIMIT_NOFILE)[1])
-        words = ["prlimit", f"--nofile={files}", "setpriv", f"--reuid={user}", f"--regid={self.unit['Group']}", "--init-groups",
-                 f"--inh-caps=-all,{ambient}", f"--ambient-caps=-all,{ambient}",
-                 f"--bounding-set=-all,{self.capabilities('CapabilityBoundingSet')}", "--no-new-privs",
-                 ] + self.unit["ExecStart"].split()
+        rights = ["prlimit", f"--nofile={files}", "setpriv", f"--reuid={user}", f"--regid={self.unit['Group']}",
+                  "--init-groups", f"--inh-caps=-all,{ambient}", f"--ambient-caps=-all,{ambient}",
+                  f"--bounding-set=-all,{self.capabilities('CapabilityBoundingSet')}", "--no-new-privs"]
+        self.machine.run(*rights, *self.command("ExecStartPre"), ns=self.ns)
+        words = rights + self.command("ExecStart")
+        if self.log is not None:
+            self.log.close()
         self.log = open(self.machine.path("/tmp/service.log"), "w+")
         self.process = subprocess.Popen(self.machine.words(words, self.ns), stdout=self.log, stderr=self.log, env={
             "PATH": "/usr/sbin:/usr/bin", "NOTIFY_SOCKET": "/run/notify", "WATCHDOG_USEC": str(watchdog_us)})
         return self.told()
+
+    def command(self, key):
+        return shlex.split(self.unit[key].replace("%t", "/run").replace("%S", "/var/lib"))
 
     def capabilities(self, key):
         return ",".join("+" + name.removeprefix("CAP_").lower() for name in self.unit[key].split())

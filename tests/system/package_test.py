@@ -119,7 +119,7 @@ class Installed(PackageCase):
         # then each has its place in the manual, and the options in the operator's page
         operations = read(os.path.join(netlab.ROOT, "docs/operations.md"))
         for option in options:
-            self.assertIn(f".It Cm {option}", self.page("policyroute.conf.5"))
+            self.assertRegex(self.page("policyroute.conf.5"), rf"\.It Cm {re.escape(option)} ")
             self.assertIn(f"`{option}`", operations)
         for command in commands:
             self.assertRegex(self.page("pbrctl.8"), rf"\.It Cm {command} ", command)
@@ -156,6 +156,9 @@ class Installed(PackageCase):
         for kind in ("CapEff", "CapPrm", "CapBnd", "CapAmb"):
             self.assertEqual(0x3000, int(status[kind], 16), kind)
         self.assertEqual("1", status["NoNewPrivs"])
+
+        # what is to survive a boot is not below /run
+        self.assertEqual(self.machine.run("realpath", "/run/policyroute/var/lib/policyroute").stdout, "/var/lib/policyroute\n")
 
         # when a policy with a probe is applied, without a word about where the daemon is
         self.ctl("apply", POLICY)
