@@ -25,6 +25,11 @@ for program in policyrouted pbrctl; do
 done
 mkdir -p "$output"
 output=$(realpath "$output")
+version=$(sed -n 's/^project(policyroute VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+maintainer=$(sed -n 's/^Maintainer: //p' packaging/debian/control.in)
+# The same sources make the same package: its files are not younger than the last commit.
+SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
+export SOURCE_DATE_EPOCH
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 umask 022
@@ -36,13 +41,15 @@ doc=$stage/usr/share/doc/policyroute
 mkdir -p "$doc/examples"
 cp examples/*.yaml "$doc/examples/"
 cp docs/operations.md docs/policy-file.md docs/acls.md docs/probes.md docs/time-ranges.md docs/kernel-device.md "$doc/"
-gzip -9n <CHANGELOG.md >"$doc/changelog.gz"
+cp CHANGELOG.md "$doc/CHANGELOG.md"
+printf 'policyroute (%s) stable; urgency=medium\n\n  * What is new for operators: CHANGELOG.md beside this file.\n\n -- %s  %s\n' \
+  "$version" "$maintainer" "$(date -u -R -d "@$SOURCE_DATE_EPOCH")" | gzip -9n >"$doc/changelog.gz"
 cat >"$doc/copyright" <<'TEXT'
 Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/
 Upstream-Name: policyroute
 
 Files: *
-Copyright: the policyroute developers
+Copyright: 2026 the policyroute developers
 License: Apache-2.0
  On Debian systems the text is in /usr/share/common-licenses/Apache-2.0.
 TEXT
@@ -50,8 +57,7 @@ find "$stage/usr/share/man" -type f -exec gzip -9n {} +
 find "$stage" -type d -exec chmod 755 {} +
 find "$stage" -type f ! -perm -u+x -exec chmod 644 {} +
 
-# ---- what it is: version of the sources, libraries that the programs are linked with ----
-version=$(sed -n 's/^project(policyroute VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+# ---- what it is, and the libraries that the programs are linked with ----
 architecture=$(dpkg --print-architecture)
 mkdir "$work/debian"
 printf 'Source: policyroute\n\nPackage: policyroute\nArchitecture: any\n' >"$work/debian/control"

@@ -28,6 +28,45 @@ def read(path):
         return file.read()
 
 
+class WithoutPackage(unittest.TestCase):
+    """cmake --install alone, into a folder; nothing needs privileges."""
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="pbr-install-")
+        self.addCleanup(shutil.rmtree, self.folder)
+
+    def install(self, prefix):
+        subprocess.run(["cmake", "--install", build(), "--prefix", prefix], check=True, capture_output=True,
+                       env=dict(os.environ, DESTDIR=self.folder))
+
+    def test_the_unit_names_the_program_where_it_was_installed(self):
+        self.install("/opt/pbr")
+
+        unit = read(self.folder + "/opt/pbr/lib/systemd/system/policyroute.service")
+        self.assertIn("\nExecStart=/opt/pbr/sbin/policyrouted\n", unit)
+        self.assertTrue(os.access(self.folder + "/opt/pbr/sbin/policyrouted", os.X_OK))
+
+    def test_an_edited_option_file_stays(self):
+        self.install("/usr")
+        path = self.folder + "/etc/policyroute/policyroute.conf"
+        self.assertIn("host.root = /run/policyroute", read(path))
+        with open(path, "w") as file:
+            file.write("# mine\n")
+
+        self.install("/usr")
+
+        self.assertEqual("# mine\n", read(path))
+
+    def test_the_same_build_makes_the_same_package(self):
+        made = []
+        for name in ("a", "b"):
+            done = subprocess.run([os.path.join(netlab.ROOT, "scripts/package.sh"), "--build", build(), "--output",
+                                   os.path.join(self.folder, name)], check=True, text=True, capture_output=True)
+            with open(done.stdout.strip(), "rb") as file:
+                made.append(file.read())
+        self.assertEqual(made[0], made[1])
+
+
 @unittest.skipUnless(package_lab.can_install(), "installing a package needs root")
 class PackageCase(unittest.TestCase):
     @classmethod
