@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "cli/check.h"
 #include "cli/errors.h"
 #include "cli/numbers.h"
 #include "cli/operate.h"
@@ -354,6 +355,7 @@ void changeBind(Daemon &daemon, const std::string &interface, const std::string 
     bindMake(daemon, unit, interface, list);
     warn(wanted, err);
     installedCheck(daemon, unit, interface);
+    warningsShow(daemon, err);
 }
 
 void changeUnbind(Daemon &daemon, const std::string &interface) {

@@ -13,6 +13,7 @@
 
 #include "cli/apply.h"
 #include "cli/change.h"
+#include "cli/check.h"
 #include "cli/confirm.h"
 #include "cli/default_root.h"
 #include "cli/errors.h"
@@ -289,6 +290,12 @@ void rawAdd(CLI::App &app, Context &context) {
 }
 
 void otherAdd(CLI::App &app, Context &context) {
+    CLI::App *pCheck = app.add_subcommand("check", "Whether kernel, device and policy agree: 0 yes, 1 no");
+    pCheck->callback([&context] {
+        context.action = [&context] {
+            return static_cast<int>(check(context.daemon(), context.json, context.out, context.err) ? EXIT_DONE : EXIT_REFUSED);
+        };
+    });
     CLI::App *pDevice = app.add_subcommand("device", "The forwarding plane");
     pDevice->require_subcommand(1);
     CLI::App *pSub = pDevice->add_subcommand("flush", "Remove everything of ours from the forwarding plane");

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <unistd.h>
 
+#include "cli/check.h"
 #include "cli/errors.h"
 #include "cli/operate.h"
 
@@ -232,7 +233,9 @@ std::string planeErrorsText(Transaction &of, const std::vector<PlaneError> &erro
 // Tells the device that the policy is complete. On a switch there is nobody to tell.
 void settle(Transaction &of) {
     try {
-        if (!of.daemon.mgmt("device.settle").value("determined", true)) {
+        const json answer = of.daemon.mgmt("device.settle");
+        warningsPrint(answer, of.err);
+        if (!answer.value("determined", true)) {
             of.err << "warning: the state of some next hops is not known yet; 'pbrctl show next-hops' tells which\n";
         }
     } catch (const Refused &refusal) {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -51,6 +52,15 @@ struct DesiredState {
 // Brings `state` up to date from the redirect view. Result: names of the lists whose entries differ from
 // before. Lock: held by caller (the daemon's mutex)
 std::vector<std::string> desiredStateTake(DesiredState &state, bool all); // host/device/desired
+
+// Something that an operator should know, and what to do about it.
+struct DeviceNotice {
+    std::string code;   // one word for programs, such as "forwarding-off"
+    std::string text;   // what is the case
+    std::string advice; // what to do
+    bool operator==(const DeviceNotice &) const = default;
+};
+nlohmann::json deviceNoticesShow(const std::vector<DeviceNotice> &notices); // [{"code", "text", "advice"}...]
 
 class Device {
 public:
@@ -100,6 +110,18 @@ public:
     // Removes everything of ours from the plane. Event thread. Result: empty, or why not.
     virtual std::string flush() = 0;
 
+    // Compares store, device and plane as they are now, before anything is repaired, and calls `done` once
+    // on the event thread with {"compared": bool, "entries", "interfaces", "repairs",
+    // "differences": [notice...], "warnings": [notice...]}. Event thread.
+    virtual void check(std::function<void(nlohmann::json)> done);
+
+    // The store as it is now is asked for by hostStoreAsk: compares it with what the device took.
+    // Lock: held by caller (the daemon's mutex)
+    virtual void storeCompare() {}
+
+    // What outside of our own objects breaks forwarding. Event thread.
+    virtual std::vector<DeviceNotice> warnings() { return {}; }
+
     // For `pbrctl show device`: {"kind": "kernel"|"memory", "entries": [{"list","node","interface",
     // "ifUnit","acl","action": "next-hops"|"out-interface"|"priority"|"inert"|"absent","ipVersion",
     // "ecmp","nextHops":[text...],"outInterface","vrf","priority","installed": bool,"error": text}],
@@ -118,6 +140,10 @@ std::unique_ptr<Device> memoryDeviceMake(); // host/device/memory; registers "de
 // Makes the device that option host.device names and starts it, once. Result: empty, or why it cannot
 // be used (the same text again at later calls). Any thread. Lock: none
 std::string hostDeviceStart();
+
+// Lets the device compare itself with the store (storeCompare) when the daemon gives its mutex back the next
+// time: at its next command, or within three seconds. Any thread. Lock: none
+void hostStoreAsk();
 
 // That device; made and started by the first call of this function or of hostDeviceStart. It lives as
 // long as the process.

@@ -1,4 +1,6 @@
 // The process's forwarding plane: chosen by option host.device, told when the daemon's store changed.
+#include <atomic>
+
 #include <nlohmann/json.hpp>
 
 #include "host/device/device.h"
@@ -32,6 +34,11 @@ Chosen choose() {
     return chosen;
 }
 
+std::atomic<bool> &storeAsked() {
+    static std::atomic<bool> asked{false};
+    return asked;
+}
+
 const Chosen &chosenDevice() {
     // Never destroyed: the daemon's tasks may still call while the process ends.
     static const Chosen *pChosen = new Chosen(choose());
@@ -53,6 +60,24 @@ nlohmann::json Device::recordsShow() {
             {"note", "this device keeps no records: it follows the policy itself; show device has its entries"}};
 }
 
+nlohmann::json deviceNoticesShow(const std::vector<DeviceNotice> &notices) {
+    nlohmann::json shown = nlohmann::json::array();
+    for (const DeviceNotice &notice : notices) {
+        shown.push_back({{"code", notice.code}, {"text", notice.text}, {"advice", notice.advice}});
+    }
+    return shown;
+}
+
+void Device::check(std::function<void(nlohmann::json)> done) {
+    const nlohmann::json none = nlohmann::json::array();
+    done({{"compared", false}, {"entries", 0}, {"interfaces", 0}, {"repairs", 0}, {"differences", none},
+          {"warnings", none}});
+}
+
+void hostStoreAsk() {
+    storeAsked() = true;
+}
+
 std::string hostDeviceStart() {
     return chosenDevice().error;
 }
@@ -67,5 +92,8 @@ extern "C" void devSyncStore(void) {
     // The daemon says this at every unlock; most of the time nothing was marked.
     if (pbrRedirectViewChanged() != 0) {
         host::hostDevice().storeChanged();
+    }
+    if (host::storeAsked().exchange(false)) {
+        host::hostDevice().storeCompare();
     }
 }

@@ -112,11 +112,24 @@ void opDeviceSettle(const json &request, const MgmtDone &done) {
             error = failure.what();
         }
         if (error.empty()) {
-            done({{"ok", true}, {"determined", determined}});
+            done({{"ok", true}, {"determined", determined}, {"warnings", deviceNoticesShow(hostDevice().warnings())}});
         } else {
             done({{"ok", false}, {"error", error}});
         }
     });
+}
+
+void opDeviceCheck(const json &request, const MgmtDone &done) {
+    mgmtArgsOnly(request, {});
+    hostDevice().check([done](json answer) {
+        answer["ok"] = true;
+        done(answer);
+    });
+}
+
+json opDeviceWarnings(const json &request) {
+    mgmtArgsOnly(request, {});
+    return {{"warnings", deviceNoticesShow(hostDevice().warnings())}};
 }
 
 // One wait: looks every step until it is answered.
@@ -162,6 +175,8 @@ void serviceOpsRegister() {
     mgmtRegister("device.records", false, opDeviceRecords);
     mgmtRegister("device.flush", true, opDeviceFlush);
     mgmtRegisterAsync("device.settle", true, opDeviceSettle);
+    mgmtRegisterAsync("device.check", false, opDeviceCheck);
+    mgmtRegister("device.warnings", false, opDeviceWarnings);
     eventOpsRegister();
 }
 

@@ -1,5 +1,5 @@
 // Operations of the management socket that belong to no single service: version, interfaces, peers,
-// counters, device.show, device.records, device.settle, device.flush, event.
+// counters, device.show, device.records, device.check, device.warnings, device.settle, device.flush, event.
 #ifndef HOST_MGMT_SERVICE_OPS_H
 #define HOST_MGMT_SERVICE_OPS_H
 

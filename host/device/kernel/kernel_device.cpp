@@ -37,6 +37,7 @@ KernelDevice::~KernelDevice() {
     if (isStarted_) {
         hooks_.pLoop->timerStop(readBackTimer_);
         hooks_.pLoop->timerStop(holdTimer_);
+        hooks_.pLoop->timerStop(checkTimer_);
     }
 }
 
@@ -443,6 +444,10 @@ void KernelDevice::readBack(unsigned parts) {
     if (plane_.reconcile((parts & READ_NFT) != 0 ? &snapshot.nft : nullptr,
                          (parts & READ_RT) != 0 ? &snapshot.rt : nullptr)) {
         hostLog(LOG_LEVEL_WARNING, MODULE, "the kernel held something else than was installed; it is repaired");
+        repairs_.push_back(hooks_.now());
+        while (hooks_.now() - repairs_.front() > REPAIRS_SPAN) {
+            repairs_.pop_front();
+        }
     }
     apply();
 }

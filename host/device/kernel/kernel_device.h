@@ -19,6 +19,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -28,8 +29,11 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "host/device/device.h"
 #include "host/device/kernel/kernel_plane.h"
+#include "host/device/kernel/surroundings.h"
 #include "host/event/event_loop.h"
 #include "host/netlink/netlink_monitor.h"
 
@@ -43,6 +47,8 @@ struct KernelDeviceHooks {
     std::function<std::vector<std::string>(DesiredState &, bool all)> take;      // desiredStateTake
     std::function<std::optional<RedirectEntry>(uint32_t ifUnit, uint32_t aclNum)> get; // the view's answer
     std::function<bool()> isUndetermined;                    // some peer's state is not known yet
+    std::function<void()> askStore = [] {};                  // storeCompare is wanted soon
+    std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
     std::function<void(std::function<void()>)> onWorldChange; // routes or links changed; may be empty
 };
 
@@ -62,6 +68,9 @@ public:
     void hold(const std::set<std::string> &lists) override;
     std::vector<EntryError> release() override;
     std::string flush() override;
+    void check(std::function<void(nlohmann::json)> done) override;
+    void storeCompare() override;
+    std::vector<DeviceNotice> warnings() override;
     nlohmann::json show() override;
 
     // Routes or links changed: resolves everything again and looks what the kernel dropped. Event thread.
@@ -86,6 +95,11 @@ private:
     void readBackSoon(std::chrono::milliseconds delay, unsigned parts);
     void holdPoll();
     void adoptionEnd();
+    std::vector<DeviceNotice> differencesNow();
+    std::vector<DeviceNotice> entriesRefused() const;
+    void checksAnswer(const std::vector<DeviceNotice> &storeNotices);
+    Surroundings surroundingsBegin() const;
+    uint32_t repairsLately() const;
     KernelEntryStatus statusOf(const std::string &list, const EntryKey &key) const;
     std::string firstError() const;
     std::string linkName(uint32_t unit) const;
@@ -101,6 +115,7 @@ private:
     std::set<std::pair<uint32_t, uint32_t>> provisional_; // (unit, ACL) added, perhaps not in the view's lists yet
     std::string error_;    // of the latest apply, when it concerns no single entry
     std::set<std::string> kept_; // lists between hold and release
+    std::deque<std::chrono::steady_clock::time_point> repairs_; // when drift was found, the latest last
     bool isStarted_ = false;
     bool isHeld_ = false;
     bool isFlushed_ = false;
@@ -112,6 +127,8 @@ private:
     std::unique_ptr<KernelSockets> readers_;
     std::unique_ptr<NetlinkMonitor> nftMonitor_, rtMonitor_;
     EventLoop::TimerId readBackTimer_ = 0, holdTimer_ = 0;
+    std::vector<std::pair<nlohmann::json, std::function<void(nlohmann::json)>>> checks_; // wait for the store
+    EventLoop::TimerId checkTimer_ = 0;
     unsigned readParts_ = 0;      // what the appointed read-back reads
     bool isReadUrgent_ = false;   // it was appointed for a change of others
     std::chrono::milliseconds held_{0};      // time spent in holdPoll
@@ -121,6 +138,11 @@ private:
 // Checks of the hold are this far apart; a peer's first report needs a moment to reach the daemon.
 constexpr std::chrono::milliseconds HOLD_POLL_MS{50}, HOLD_GRACE_MS{200}, HOLD_EXTRA_MS{5000};
 constexpr std::chrono::milliseconds READ_BACK_MS{50}, FOREIGN_CHANGE_MS{5};
+
+// A check waits so long for the store; the daemon gives its mutex back every three seconds at least.
+constexpr std::chrono::milliseconds STORE_WAIT_MS{5000};
+// Repairs of so long ago are of no interest to a check.
+constexpr std::chrono::seconds REPAIRS_SPAN{60};
 
 } // namespace host
 

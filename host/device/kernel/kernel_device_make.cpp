@@ -26,6 +26,7 @@ std::unique_ptr<Device> kernelDeviceMake() {
         return redirectEntryFrom(redirect);
     };
     hooks.isUndetermined = [] { return hrdUndetermined() || nqaUndetermined(); };
+    hooks.askStore = hostStoreAsk;
     hooks.onWorldChange = [](std::function<void()> changed) {
         fibOnChange(changed);
         ifnetOnChange([changed](const IfnetLink &) { changed(); });

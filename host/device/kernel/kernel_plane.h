@@ -79,6 +79,10 @@ public:
     // they differ, so that the next apply and collect repair. Result: true when there was a difference.
     bool reconcile(const NftImage *pNft, const RtImage *pRt);
 
+    // What the kernel holds otherwise than it should: a line each, none when all is as installed. What
+    // merely waits to be collected is no difference. Changes nothing.
+    std::vector<std::string> differences(const KernelSnapshot &snapshot) const;
+
     // Removes everything of ours. Result: empty, or what remains and why.
     std::string flush();
 

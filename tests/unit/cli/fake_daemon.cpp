@@ -327,6 +327,11 @@ void FakeDaemon::settleAnswers(bool isDetermined, const std::string &error) {
     settleError = error;
 }
 
+void FakeDaemon::checkAnswers(const json &answer) {
+    const std::lock_guard guard(lock);
+    checked = answer;
+}
+
 void FakeDaemon::releaseAnswers(const json &errors) {
     const std::lock_guard guard(lock);
     releaseErrors = errors;
@@ -686,8 +691,16 @@ json FakeDaemon::mgmt(const json &request) {
     if (op == "counters") {
         return {{"ok", true}, {"bus", {{"lost", 0}}}};
     }
+    if (op == "device.check") {
+        answer.update(checked);
+        return answer;
+    }
+    if (op == "device.warnings") {
+        answer["warnings"] = checked.value("warnings", json::array());
+        return answer;
+    }
     if (op == "device.settle") {
-        return settleError.empty() ? json{{"ok", true}, {"determined", determined}}
+        return settleError.empty() ? json{{"ok", true}, {"determined", determined}, {"warnings", checked.value("warnings", json::array())}}
                                    : json{{"ok", false}, {"error", settleError}};
     }
     if (op == "shell.list") {

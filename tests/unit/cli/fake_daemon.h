@@ -68,6 +68,7 @@ public:
     void peersAre(const nlohmann::json &rows);
     void entriesAre(const nlohmann::json &rows); // of the device
     void settleAnswers(bool isDetermined, const std::string &error = "");
+    void checkAnswers(const nlohmann::json &answer);   // of device.check; its warnings also elsewhere
     void releaseAnswers(const nlohmann::json &errors); // of device.release
     void refusePid(uint32_t pid);                      // somebody else has the lock; 0 nobody
     void offerNothing(const std::set<std::string> &ops); // are unknown operations
@@ -98,6 +99,7 @@ private:
     nlohmann::json device = {{"kind", "fake"}, {"entries", nlohmann::json::array()}};
     bool determined = true;
     std::string settleError;
+    nlohmann::json checked = {{"compared", true}};
     nlohmann::json releaseErrors = nlohmann::json::array();
     uint32_t lockedBy = 0;
     int asked = 0; // for the state of probes: each is found at every second question

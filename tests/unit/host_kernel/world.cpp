@@ -254,7 +254,10 @@ ProgramEnv World::env() {
         auto it = fakeLinks.find(unit);
         return it == fakeLinks.end() ? std::nullopt : std::optional(it->second);
     };
-    env.egress = [this](uint32_t, int version, const IpAddress &to) -> std::optional<FibEgress> {
+    env.egress = [this](uint32_t vrfid, int version, const IpAddress &to) -> std::optional<FibEgress> {
+        if (vrfid != 0 && to == IpAddress{}) {
+            return defaultTables.count(vrfid) != 0 ? std::optional(FibEgress{}) : std::nullopt;
+        }
         auto it = routes.find({version, to});
         return it == routes.end() ? std::nullopt : std::optional(it->second);
     };
@@ -266,8 +269,11 @@ KernelDeviceHooks World::hooks() {
     hooks.options = options;
     hooks.pLoop = &loop;
     hooks.env = env();
-    hooks.take = [this](DesiredState &state, bool) {
+    hooks.take = [this](DesiredState &state, bool all) {
         std::vector<std::string> changed;
+        for (const auto &[list, entries] : all ? view.lists : decltype(view.lists){}) {
+            marked.insert(list);
+        }
         for (const std::string &list : marked) {
             auto it = view.lists.find(list);
             const bool isGone = it == view.lists.end() || it->second.empty();

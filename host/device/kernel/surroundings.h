@@ -1,0 +1,76 @@
+// What outside of our own objects breaks or bends the forwarding of steered packets: sysctls, rules of
+// others, addresses of interfaces that are down. Two halves: reading (surroundingsRead) fills a value,
+// judging (surroundingsJudge) is pure. Called by the kernel device on the event thread.
+#ifndef HOST_DEVICE_KERNEL_SURROUNDINGS_H
+#define HOST_DEVICE_KERNEL_SURROUNDINGS_H
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/device/device.h"
+#include "host/netlink/netlink_socket.h"
+
+namespace host {
+
+struct Surroundings {
+    struct Bound { // an interface that carries a list
+        std::string ifName;
+        bool families[2] = {};            // asked for IPv4, IPv6 packets
+        std::optional<int> forwarding4;   // its own sysctl; none: cannot be read
+    };
+    struct Uplink { // an interface out of which IPv4 packets are steered
+        std::string ifName;
+        std::optional<int> rpFilter;      // its own sysctl
+        bool isDefaultWay = false;        // the routing table sends everything else there too
+    };
+    struct Rule { // a routing rule that is not ours
+        uint8_t family = 4;
+        uint32_t preference = 0, mark = 0, mask = 0, table = 0;
+        bool takesAll = false;            // no selector, and its look-up ends every packet's way
+    };
+    struct Address { // of an interface
+        uint32_t ifUnit = 0;
+        std::string ifName;
+        bool isUp = false;
+        int version = 4;
+        IpAddress address{};
+        uint8_t prefixLen = 0;
+    };
+    struct Hop { // a next hop that the daemon gave as usable
+        std::string list;
+        uint32_t nodeIndex = 0;
+        int version = 4;
+        IpAddress address{};
+        bool hasGateway = false;          // it is not on a connected network now
+        std::string ifName;               // where its packets leave now
+    };
+    std::vector<Bound> bound;
+    std::vector<Uplink> uplinks;
+    std::vector<Rule> rules;
+    std::vector<Address> addresses;
+    std::vector<Hop> hops;
+    std::optional<int> forwarding4, forwarding6; // of all interfaces
+    std::optional<int> rpFilterAll;
+    uint32_t markMask = 0;
+    uint32_t lastPreference[2] = {};      // of our rules, IPv4, IPv6; 0: we have none
+    uint32_t repairs = 0;                 // drift repaired within the last minute
+};
+
+// More repairs within a minute than this are no accident.
+constexpr uint32_t SURROUNDINGS_REPAIRS_MOST = 3;
+
+// What is told: the worst first. Pure. Lock: none
+std::vector<DeviceNotice> surroundingsJudge(const Surroundings &around);
+
+// Fills what the kernel knows: sysctls, rules, addresses (name and state of an interface come from `link`).
+// hasDefault: whether a table leads every address somewhere. Result: empty, or what cannot be read.
+std::string surroundingsRead(NetlinkSocket &socket,
+                             const std::function<bool(uint8_t family, uint32_t table)> &hasDefault,
+                             Surroundings *pAround);
+
+} // namespace host
+
+#endif
