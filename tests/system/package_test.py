@@ -243,6 +243,17 @@ class Installed(PackageCase):
 
 
 class Removed(PackageCase):
+    def test_a_daemon_that_cannot_start_does_not_keep_the_package(self):
+        self.addCleanup(self.machine.install, self.package)
+        with open(self.machine.path("/etc/policyroute/policyroute.conf"), "a") as file:
+            file.write("host.nonsense = 1\n")
+
+        done = self.machine.dpkg("--purge", "policyroute", ns="rtr")
+
+        self.assertIn("what it installed in the kernel could not be removed", done.stderr)
+        self.assertIn("unknown option 'host.nonsense'", done.stderr)
+        self.assertFalse(os.path.exists(self.machine.path("/usr/sbin/policyrouted")))
+
     def test_nothing_is_left_of_it(self):
         # given a policy that is installed and goes on without the service
         kernel = self.kernel()
