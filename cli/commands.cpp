@@ -24,6 +24,7 @@
 #include "cli/raw.h"
 #include "cli/shell.h"
 #include "cli/show.h"
+#include "cli/show_journal.h"
 #include "cli/time_range_commands.h"
 #include "cli/version.h"
 
@@ -244,7 +245,8 @@ void showAdd(CLI::App &app, Context &context) {
         {"next-hops", "Each next hop: reachable, chosen, in the device, or why not", showNextHops},
         {"probes", "Probes: state, round trips, loss, last failure", showProbes},
         {"time-ranges", "Time ranges: schedule, active or not, next change", showTimeRanges},
-        {"counters", "Counters and limits", showCounters}};
+        {"counters", "Counters and limits", showCounters},
+        {"journal", "What comes back at the next start, and what did not at the last one", showJournal}};
     for (const auto &[pName, pHelp, pFunction] : reports) {
         const Show function = pFunction;
         CLI::App *pSub = pShow->add_subcommand(pName, pHelp);

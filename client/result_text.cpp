@@ -22,6 +22,8 @@ constexpr ResultText TEXTS[] = {
      "unbind it from its interfaces first, or use 'pbrctl apply', which does so around the change"},
     {PBR_RESULT(QRV_ERR_NOT_PERMITTED), "you may not do this",
      "run pbrctl as root, or become a member of the group that the daemon's option host.group names"},
+    {PBR_RESULT(QRV_ERR_NOT_KEPT), "the daemon's journal cannot be written, so nothing was changed",
+     "make room on the disk of the daemon's host.state-dir; 'pbrctl show journal' and the daemon's log say more"},
     {PBR_RESULT(PBR_ERR_BAD_ARGUMENT), "missing key or bad argument",
      "a list name has 1 to 16 bytes; indexes begin with 1; a time range must exist"},
     {QRV_ERR_SOCKET, "QRV_ERR_SOCKET", "the daemon's route socket could not be opened",

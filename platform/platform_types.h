@@ -17,6 +17,7 @@ constexpr uint32_t QRV_ERR_NO_RECORD = 0x03E80001u;   // no free record in a poo
 constexpr uint32_t QRV_ERR_NO_ROW = 0x03E80002u;      // the addressed row does not exist
 constexpr uint32_t QRV_ERR_IN_USE = 0x03E8000Cu;      // in use, cannot be modified
 constexpr uint32_t QRV_ERR_NOT_PERMITTED = 0x03E8000Du;// the caller may not do this
+constexpr uint32_t QRV_ERR_NOT_KEPT = 0x03E80E01u;    // it could not be kept for the next start: not done
 constexpr uint32_t QRV_ERR_BAD_ARGUMENT = 0x03E8001Au;// missing key or bad argument
 constexpr uint32_t QRV_ERR_SOCKET = 0x03E8001Bu;      // start-up: the route socket
 constexpr uint32_t QRV_ERR_TASK = 0x03E8001Cu;        // start-up: the worker task

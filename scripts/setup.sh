@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config ccache git python3
   g++-mips-linux-gnu qemu-user-static
-  libmnl-dev libnftnl-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev
+  libmnl-dev libnftnl-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
   nftables iproute2 iputils-ping util-linux mount
   dpkg-dev passwd man-db groff-base

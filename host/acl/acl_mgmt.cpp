@@ -8,6 +8,7 @@
 #include "host/acl/acl_store.h"
 #include "host/bus/bus.h"
 #include "host/device/device.h"
+#include "host/journal/journal.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
 #include "platform/qrv_rtm.h"
@@ -19,6 +20,7 @@ namespace {
 
 using nlohmann::json;
 
+constexpr const char *JOURNAL_SERVICE = "acl";
 constexpr uint32_t NUMBER_MAX = 0xFFFFFFFFu;
 
 std::string aclName(uint32_t aclNum) {
@@ -87,6 +89,27 @@ void publish(const AclChange &change) {
     busPublish(QRV_RTNLGRP_ACL, message.data(), message.size());
 }
 
+// What the journal keeps of an ACL; none: it does not exist.
+std::optional<std::string> journalText(uint32_t aclNum) {
+    const auto rules = aclStore().snapshot(aclNum);
+    if (rules == nullptr) {
+        return std::nullopt;
+    }
+    json texts = json::object();
+    for (const auto &[ruleNum, rule] : *rules) {
+        texts[std::to_string(ruleNum)] = aclRuleFormat(aclNum, rule);
+    }
+    return texts.dump();
+}
+
+void keep(const std::set<uint32_t> &aclNums) {
+    JournalTexts texts;
+    for (const uint32_t aclNum : aclNums) {
+        texts[std::to_string(aclNum)] = journalText(aclNum);
+    }
+    journalKeep(JOURNAL_SERVICE, texts);
+}
+
 // Tells the device and the bus. Result: the warnings about ACLs that went away while in use.
 json tell(const AclStore::Changes &changes) {
     std::set<uint32_t> changed;
@@ -108,8 +131,14 @@ json tell(const AclStore::Changes &changes) {
     return warnings;
 }
 
-json answerOf(const AclStore::Changes &changes) {
+// also: an ACL that may be new without a rule of its own.
+json answerOf(const AclStore::Changes &changes, const std::set<uint32_t> &also = {}) {
     json warnings = tell(changes);
+    std::set<uint32_t> changed = also;
+    for (const AclChange &change : changes) {
+        changed.insert(change.aclNum);
+    }
+    keep(changed);
     json answer = {{"changes", changes.size()}};
     if (!warnings.empty()) {
         answer["warnings"] = std::move(warnings);
@@ -124,6 +153,7 @@ json opCreate(const json &request) {
     if (isNew) {
         hostDevice().aclChanged(aclNum);
     }
+    keep({aclNum});
     return {{"created", isNew}};
 }
 
@@ -162,13 +192,18 @@ json opReplace(const json &request) {
     mgmtArgsOnly(request, {"acl", "rules"});
     const uint32_t aclNum = aclOf(request);
     const AclRules rules = rulesOf(aclNum, mgmtArgObject(request, "rules"));
-    return answerOf(aclStore().replace({{aclNum, rules}}, false));
+    return answerOf(aclStore().replace({{aclNum, rules}}, false), {aclNum});
 }
 
 json opReplaceAll(const json &request) {
     mgmtArgsOnly(request, {"acls", "keepOthers"});
     const bool others = !mgmtArgFlag(request, "keepOthers", false);
-    return answerOf(aclStore().replace(contentsOf(mgmtArgObject(request, "acls")), others));
+    const AclStore::Contents contents = contentsOf(mgmtArgObject(request, "acls"));
+    std::set<uint32_t> named;
+    for (const auto &[aclNum, rules] : contents) {
+        named.insert(aclNum);
+    }
+    return answerOf(aclStore().replace(contents, others), named);
 }
 
 // Changes nothing: refuses as replaceAll would, or answers the canonical texts.
@@ -207,15 +242,34 @@ json opShow(const json &request) {
     return {{"acls", std::move(shown)}};
 }
 
+// An operation that changes something: not made when it could not be kept.
+MgmtHandler kept(json (*op)(const json &)) {
+    return [op](const json &request) {
+        journalMustBeReady();
+        return op(request);
+    };
+}
+
 } // namespace
 
+void aclRestore() {
+    for (const auto &[key, text] : journalTexts(JOURNAL_SERVICE)) {
+        try {
+            const uint32_t aclNum = checkedAcl(mgmtKeyNumber(key, "ACL number", 1, NUMBER_MAX));
+            (void)aclStore().replace({{aclNum, rulesOf(aclNum, json::parse(text))}}, false);
+        } catch (const std::exception &refusal) {
+            journalNotRestored("ACL " + key, refusal.what());
+        }
+    }
+}
+
 void aclMgmtRegister() {
-    mgmtRegister("acl.create", true, opCreate);
-    mgmtRegister("acl.set", true, opSet);
-    mgmtRegister("acl.del", true, opDel);
-    mgmtRegister("acl.destroy", true, opDestroy);
-    mgmtRegister("acl.replace", true, opReplace);
-    mgmtRegister("acl.replaceAll", true, opReplaceAll);
+    mgmtRegister("acl.create", true, kept(opCreate));
+    mgmtRegister("acl.set", true, kept(opSet));
+    mgmtRegister("acl.del", true, kept(opDel));
+    mgmtRegister("acl.destroy", true, kept(opDestroy));
+    mgmtRegister("acl.replace", true, kept(opReplace));
+    mgmtRegister("acl.replaceAll", true, kept(opReplaceAll));
     mgmtRegister("acl.check", false, opCheck);
     mgmtRegister("acl.show", false, opShow);
 }

@@ -11,6 +11,9 @@ namespace host {
 // Registers the operations. Before mgmtStart. Lock: none
 void aclMgmtRegister();
 
+// Brings back the ACLs that the journal has. Before the device starts. Lock: none
+void aclRestore();
+
 } // namespace host
 
 #endif

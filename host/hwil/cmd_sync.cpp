@@ -1,12 +1,29 @@
-// The synchronisation service (platform/qrv_hwil.h): sees every set that the daemon accepted, before it
-// is applied, and lets it proceed.
-//
-// A host alone has nobody to keep in step. This is the place where a journal of the configuration or a
-// standby would take the key, the command code and the value; whatever returns a code other than 0 here
-// keeps the set from being applied.
-#include "platform/icm.h"
-#include "platform/qrv_hwil.h"
+// The synchronisation service (platform/qrv_hwil.h): hands every set that the daemon accepted to the
+// keeper, before it is applied. What the keeper answers other than 0 keeps the set from being applied.
+#include "host/hwil/cmd_sync.h"
 
-uint32_t qrvHwilCmdSyncApi(const void *, uint32_t, const PbrApiValue *, const PbrSyncCtx *) {
-    return QRV_OK;
+#include "platform/platform_types.h"
+
+namespace host {
+
+namespace {
+
+CommandKeeper *gKeeper = nullptr; // not changed once the daemon's tasks run
+
+} // namespace
+
+void commandKeeperSet(CommandKeeper *pKeeper) {
+    gKeeper = pKeeper;
+}
+
+CommandKeeper *commandKeeper() {
+    return gKeeper;
+}
+
+} // namespace host
+
+uint32_t qrvHwilCmdSyncApi(const void *pKey, uint32_t commandCode, const PbrApiValue *pValue,
+                           const PbrSyncCtx *pCtx) {
+    host::CommandKeeper *pKeeper = host::commandKeeper();
+    return pKeeper == nullptr ? QRV_OK : pKeeper->accepted(pKey, commandCode, pValue, pCtx);
 }

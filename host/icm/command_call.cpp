@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "client/command_frame.h"
+#include "host/hwil/cmd_sync.h"
 
 namespace host {
 namespace {
@@ -155,6 +156,20 @@ std::vector<uint64_t> bufferMake(uint32_t count) {
     return std::vector<uint64_t>((static_cast<size_t>(count) + SPARE_BYTES) / sizeof(uint64_t) + 1);
 }
 
+// Before the answer can leave.
+void tellKeeper(const Request &request, uint32_t result) {
+    CommandKeeper *pKeeper = commandKeeper();
+    if (pKeeper == nullptr) {
+        return;
+    }
+    KeyRoom key;
+    memcpy(key.bytes(), request.pKey, request.shape.keyBytes);
+    const void *pKey = request.shape.keyBytes != 0 ? key.bytes() : nullptr;
+    pKeeper->answered({request.header.commandId, pKey, request.shape.keyBytes, request.header.fieldOrResult,
+                       request.header.number},
+                      result);
+}
+
 void callSet(const Request &request, Answer &answer) {
     PbrApiValue value{request.header.number, 0};
     std::vector<uint64_t> buffer;
@@ -164,6 +179,7 @@ void callSet(const Request &request, Answer &answer) {
         value = {reinterpret_cast<uintptr_t>(buffer.data()), request.valueBytes};
     }
     answer.result = callField(request, value);
+    tellKeeper(request, answer.result);
 }
 
 void callGetNumber(const Request &request, Answer &answer) {

@@ -1,4 +1,5 @@
-// The command server (platform/icm.h): a Unix stream socket, many clients, one task.
+// The command server (platform/icm.h): a Unix stream socket, many clients, one task. What the keeper of
+// sets (host/hwil/cmd_sync.h) has is replayed before the socket opens.
 //
 // The task is an epoll loop. A client's requests are answered in the order in which they came, and only
 // while its unread answers stay below a bound; a client beyond it is not read from until it has taken
@@ -24,6 +25,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "host/hwil/cmd_sync.h"
 #include "host/icm/command_call.h"
 #include "host/logging/host_log.h"
 #include "host/option/option.h"
@@ -275,6 +277,9 @@ std::string serverStart(const char *taskName, const std::string &path, Server &s
 } // namespace host
 
 int32_t icmProcTcpInit(const char *taskName, const char *path, const IcmCommand *pCommands, uint32_t count) {
+    if (host::commandKeeper() != nullptr) {
+        host::commandKeeper()->replay(pCommands, count);
+    }
     const std::string where = host::optionPath(path);
     auto pServer = std::make_unique<host::Server>();
     pServer->map = {pCommands, count, gIcmCommandShapes, gIcmCommandShapeCount};

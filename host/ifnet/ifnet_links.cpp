@@ -7,6 +7,7 @@
 // The map is written on the event thread (and by ifnetStart before it is watched) and read anywhere,
 // under one mutex that is never held while callbacks run.
 #include "host/ifnet/ifnet.h"
+#include "host/journal/journal.h"
 
 #include <linux/if.h>
 #include <linux/rtnetlink.h>
@@ -107,6 +108,9 @@ void report(const std::optional<IfnetLink> &before, const std::optional<IfnetLin
         call(link);
     }
     policyTell(before, after);
+    if (before && (!after || (after->aggregation != 0 && after->aggregation != before->aggregation))) {
+        journalInterfaceLeft(before->unit); // the daemon unbinds it when it reads the message
+    }
     linkMessagesPublish(linkMessagesOf(before, after));
 }
 

@@ -2,12 +2,15 @@
 #include "host/process/host_services.h"
 
 #include <functional>
+#include <future>
 
 #include "host/acl/acl_mgmt.h"
 #include "host/device/device.h"
+#include "host/event/event_loop.h"
 #include "host/fib/fib.h"
 #include "host/hrd/hrd_service.h"
 #include "host/ifnet/ifnet.h"
+#include "host/journal/journal.h"
 #include "host/logging/host_log.h"
 #include "host/mgmt/confirm_ops.h"
 #include "host/mgmt/hold_ops.h"
@@ -37,6 +40,24 @@ void registerAll() {
     holdOpsRegister();
     confirmOpsRegister();
     shellMgmtRegister();
+    journalMgmtRegister();
+}
+
+// The journal, and what the services have in it: before anything asks them.
+std::string journalStart() {
+    const std::string error = journalOpen(settleAfterReplay);
+    if (!error.empty()) {
+        return error;
+    }
+    aclRestore();
+    timerangeRestore();
+    std::promise<void> isDone;
+    hostEventLoop().post([&isDone] {
+        nqaRestore();
+        isDone.set_value();
+    });
+    isDone.get_future().wait();
+    return "";
 }
 
 } // namespace
@@ -44,6 +65,7 @@ void registerAll() {
 std::string hostServicesStart() {
     constexpr const char *privileges = "run as root, or use --option host.device=memory";
     const Step steps[] = {
+        {"journal", journalStart, false, "run as root, or use another folder with --option host.root=DIR"},
         {"interfaces", ifnetStart, true, privileges},
         {"routing tables", fibStart, true, privileges},
         {"next-hop detection", hrdStart, true, privileges},

@@ -12,6 +12,7 @@
 #include "host/device/device.h"
 #include "host/hrd/hrd_service.h"
 #include "host/ifnet/ifnet.h"
+#include "host/logging/host_log.h"
 #include "host/mgmt/event_ops.h"
 #include "host/mgmt/mgmt_args.h"
 #include "host/nqa/nqa_probes.h"
@@ -164,6 +165,17 @@ bool nextHopsKnown() {
 void settleWait(EventLoop &loop, std::function<bool()> isDetermined, std::function<void(bool)> done,
                 std::chrono::milliseconds longest) {
     std::make_shared<Wait>(loop, std::move(isDetermined), std::move(done), longest)->look();
+}
+
+void settleAfterReplay() {
+    hostEventLoop().post([] {
+        settleWait(hostEventLoop(), nextHopsKnown, [](bool) {
+            const std::string error = hostDevice().settle();
+            if (!error.empty()) {
+                hostLog(LOG_LEVEL_ERROR, "device", "the policy that was brought back: %s", error.c_str());
+            }
+        });
+    });
 }
 
 void serviceOpsRegister() {

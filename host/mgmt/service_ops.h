@@ -24,6 +24,10 @@ void settleWait(EventLoop &loop, std::function<bool()> isDetermined, std::functi
 // thread. Lock: none (takes the services' own)
 bool nextHopsKnown();
 
+// Tells the device that the policy is complete, once next hops and probes are known: at the end of the replay
+// of the journal. Any thread. Lock: none
+void settleAfterReplay();
+
 // Registers the operations. Before mgmtStart. Lock: none
 void serviceOpsRegister();
 

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <stdexcept>
 
+#include "host/journal/journal.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
 
@@ -13,6 +14,8 @@ namespace host {
 namespace {
 
 using nlohmann::json;
+
+constexpr const char *JOURNAL_SERVICE = "probe";
 
 const char *stateText(NqaState state) {
     switch (state) {
@@ -93,6 +96,27 @@ void must(const std::string &error) {
     }
 }
 
+// What the journal keeps: the configured probes.
+std::map<std::string, std::string> configTexts() {
+    std::map<std::string, std::string> texts;
+    for (const NqaProbe &probe : nqaProbes()) {
+        if (probe.config) {
+            texts[json::array({probe.name.first, probe.name.second}).dump()] = nqaConfigWrite(*probe.config).dump();
+        }
+    }
+    return texts;
+}
+
+// An operation that changes something: not made when it could not be kept.
+MgmtHandler kept(json (*op)(const json &)) {
+    return [op](const json &request) {
+        journalMustBeReady();
+        json answer = op(request);
+        journalKeepAll(JOURNAL_SERVICE, configTexts());
+        return answer;
+    };
+}
+
 json opProbes(const json &request) {
     mgmtArgsOnly(request, {});
     json shown = json::array();
@@ -162,13 +186,25 @@ json opReplaceAll(const json &request) {
 
 } // namespace
 
+void nqaRestore() {
+    for (const auto &[key, text] : journalTexts(JOURNAL_SERVICE)) {
+        try {
+            const json name = json::parse(key);
+            const NqaName probe{name.at(0).get<std::string>(), name.at(1).get<std::string>()};
+            must(nqaProbeSet(probe, nqaConfigRead(json::parse(text), false)));
+        } catch (const std::exception &refusal) {
+            journalNotRestored("probe " + key, refusal.what());
+        }
+    }
+}
+
 void nqaStart() {
     nqaProbesStart();
     mgmtRegister("probes", false, opProbes);
-    mgmtRegister("probe.set", true, opSet);
-    mgmtRegister("probe.del", true, opDel);
+    mgmtRegister("probe.set", true, kept(opSet));
+    mgmtRegister("probe.del", true, kept(opDel));
     mgmtRegister("probe.clear", true, opClear);
-    mgmtRegister("probe.replaceAll", true, opReplaceAll);
+    mgmtRegister("probe.replaceAll", true, kept(opReplaceAll));
 }
 
 } // namespace host

@@ -11,6 +11,9 @@ namespace host {
 // the first request. Lock: none
 void nqaStart();
 
+// Brings back the probes that the journal has. Event thread.
+void nqaRestore();
+
 } // namespace host
 
 #endif

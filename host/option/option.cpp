@@ -61,6 +61,7 @@ const Choice CHOICES[] = {
     {"host.device", {"kernel", "memory"}},
     {"host.defrag", {"on", "off"}},
     {"host.read-others", {"yes", "no"}},
+    {"host.journal", {"on", "off"}},
     {"host.log", {"auto", "stderr", "syslog"}},
     {"host.memory-member-entries", {"on", "off"}},
 };

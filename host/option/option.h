@@ -25,6 +25,8 @@ namespace host {
     X("host.adopt-wait-ms", "10000", "longest time in ms that a policy found at start is kept untouched") \
     X("host.group", "", "group whose members may write to the sockets; none: root only")            \
     X("host.read-others", "no", "yes: everybody may read through the sockets")                      \
+    X("host.journal", "on", "on: the running policy comes back by itself at the next start")          \
+    X("host.state-dir", "", "folder of the journal; none: /var/lib/policyroute below host.root")       \
     X("host.log", "auto", "where log records go: auto, stderr, syslog")                             \
     X("host.memory-capacity", "0", "memory device: most entries held, 0 without limit")             \
     X("host.memory-member-entries", "off", "memory device: on: members of an aggregation get entries of their own")

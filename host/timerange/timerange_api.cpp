@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/journal/journal.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
 #include "host/timerange/schedule_json.h"
@@ -16,6 +17,7 @@ namespace {
 
 using nlohmann::json;
 
+constexpr const char *JOURNAL_SERVICE = "timerange";
 constexpr uint32_t NAME_MAX_BYTES = 1024;
 constexpr uint32_t CONTEXT_MAX_BYTES = 4096;
 constexpr uint32_t ID_MIN = 1;           // 0 is no range to the daemon
@@ -97,14 +99,54 @@ json opReplaceAll(const json &request) {
     return json::object();
 }
 
+// What the journal keeps: schedules and switches by hand.
+std::map<std::string, std::string> rangeTexts() {
+    std::map<std::string, std::string> texts;
+    for (const TimerangeRow &row : timerangeService().rows()) {
+        if (row.schedule || row.byHand) {
+            texts[std::to_string(row.id)] = json{{"schedule", row.schedule ? scheduleMembers(*row.schedule) : json()},
+                                                 {"byHand", row.byHand ? json(*row.byHand) : json()}}
+                                                .dump();
+        }
+    }
+    return texts;
+}
+
+// An operation that changes something: not made when it could not be kept.
+MgmtHandler kept(json (*op)(const json &)) {
+    return [op](const json &request) {
+        journalMustBeReady();
+        json answer = op(request);
+        journalKeepAll(JOURNAL_SERVICE, rangeTexts());
+        return answer;
+    };
+}
+
 } // namespace
+
+void timerangeRestore() {
+    for (const auto &[key, text] : journalTexts(JOURNAL_SERVICE)) {
+        try {
+            const uint32_t id = mgmtKeyNumber(key, "time range", ID_MIN, ID_MAX);
+            const json range = json::parse(text);
+            if (!range.at("schedule").is_null()) {
+                timerangeService().define(id, scheduleRead(range.at("schedule")));
+            }
+            if (!range.at("byHand").is_null()) {
+                timerangeService().set(id, range.at("byHand").get<bool>());
+            }
+        } catch (const std::exception &refusal) {
+            journalNotRestored("time range " + key, refusal.what());
+        }
+    }
+}
 
 void timerangeMgmtRegister() {
     mgmtRegister("timeranges", false, opTimeranges);
-    mgmtRegister("timerange.set", true, opSet);
-    mgmtRegister("timerange.define", true, opDefine);
-    mgmtRegister("timerange.remove", true, opRemove);
-    mgmtRegister("timerange.replaceAll", true, opReplaceAll);
+    mgmtRegister("timerange.set", true, kept(opSet));
+    mgmtRegister("timerange.define", true, kept(opDefine));
+    mgmtRegister("timerange.remove", true, kept(opRemove));
+    mgmtRegister("timerange.replaceAll", true, kept(opReplaceAll));
 }
 
 } // namespace host

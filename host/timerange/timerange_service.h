@@ -155,6 +155,9 @@ TimerangeService &timerangeService();
 // Registers the operations of time ranges on the management socket. Lock: none
 void timerangeMgmtRegister();
 
+// Brings back the time ranges that the journal has. Lock: none
+void timerangeRestore();
+
 } // namespace host
 
 #endif

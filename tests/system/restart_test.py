@@ -70,7 +70,7 @@ class SurvivesTheDaemon(system_case.LabCase):
 
 
 class WithoutApply(system_case.LabCase):
-    options = ("host.neighbour-probe-ms=400", "host.adopt-wait-ms=1000")
+    options = ("host.neighbour-probe-ms=400", "host.adopt-wait-ms=1000", "host.journal=off")
 
     def test_a_policy_nobody_applies_again_is_let_go_after_the_wait(self):
         self.daemon.apply(policy(both("upa")))
