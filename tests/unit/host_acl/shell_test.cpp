@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdio>
 #include <future>
+#include <memory>
 #include <thread>
 
 #include <unistd.h>
@@ -75,9 +76,10 @@ protected:
         mostRunning = 0;
         level = 3;
     }
-    // A task of its own; tasks live as long as the process.
+    // A task of its own; tasks live as long as the process, and so does what keeps them.
     static ShellTask &make(size_t mostWaiting = 4, size_t mostBytes = 2 << 20) {
-        return *new ShellTask(TABLE, mostWaiting, mostBytes);
+        static auto *pTasks = new std::vector<std::unique_ptr<ShellTask>>;
+        return *pTasks->emplace_back(std::make_unique<ShellTask>(TABLE, mostWaiting, mostBytes));
     }
     static std::future<ShellAnswer> start(ShellTask &shell, const std::string &name,
                                           const std::vector<std::string> &args = {}) {
