@@ -65,6 +65,7 @@ private:
     std::string path_;
     PolicyState state_;
     std::map<std::string, std::map<std::string, std::string>> texts_; // as written
+    std::map<std::string, JournalTexts> owed_; // by service: not written, because the file could not be
     std::optional<PolicySet> pending_; // accepted, not answered
     std::set<uint32_t> left_;          // interfaces that left meanwhile
     bool mustTakeBack_ = false;        // the set appended last failed, and could not be taken back yet
@@ -114,7 +115,14 @@ bool Journal::repair() {
     if (failure_.empty()) {
         return true;
     }
-    return written(note(MACHINE, {{"writable", "yes"}}));
+    // What a service changed and could not keep comes first; without any such thing a word is written.
+    const auto owed = std::exchange(owed_, {});
+    std::string why = owed.empty() ? note(MACHINE, {{"writable", "yes"}}) : "";
+    for (const auto &[service, texts] : owed) {
+        const std::string one = note(service, texts); // owed again when it fails
+        why = why.empty() ? one : why;
+    }
+    return written(why);
 }
 
 // Writes texts that differ from those written. The lock is held.
@@ -129,8 +137,10 @@ std::string Journal::note(const std::string &service, const JournalTexts &texts)
         }
     }
     const std::string why = differing.empty() ? "" : file_.textsPut(service, differing);
-    for (const auto &[key, text] : why.empty() ? differing : JournalTexts{}) {
-        if (text) {
+    for (const auto &[key, text] : differing) {
+        if (!why.empty()) {
+            owed_[service][key] = text;
+        } else if (text) {
             held[key] = *text;
         } else {
             held.erase(key);

@@ -2,6 +2,7 @@
 import os
 import random
 import signal
+import sqlite3
 import subprocess
 import tempfile
 import threading
@@ -26,6 +27,10 @@ def node_key(name, node, hop=0):
 
 
 class ComesBack(system_case.MemoryCase):
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(lambda: self.client.close())  # the one of the latest start
+
     def export(self):
         return self.daemon.ctl("export").stdout
 
@@ -232,6 +237,47 @@ class KeepsPackets(system_case.LabCase):
         for family in (4, 6):
             self.all_by("upc", family=family)
 
+    def veth(self):
+        netlab.run("ip link add gone0 type veth peer name gone1", "rtr")
+        self.addCleanup(netlab.run, "ip link del gone0", "rtr", check=False)
+
+    def bound(self):
+        return {row["interface"] for row in self.daemon.json("show", "bindings")}
+
+    def test_an_interface_that_left_while_the_daemon_ran_stays_unbound(self):
+        self.veth()
+        netlab.run("ip link add mine0 type bridge", "rtr")
+        self.addCleanup(netlab.run, "ip link del mine0", "rtr")
+        self.daemon.apply(policy(both("upa"), bindings="lan0: wan, gone0: wan, gone1: wan"))
+        netlab.run("ip link set gone1 master mine0", "rtr")
+        self.assertTrue(self.daemon.until(lambda: self.bound() == {"lan0", "gone0"}), self.bound())
+        netlab.run("ip link del gone0", "rtr")
+        self.assertTrue(self.daemon.until(lambda: self.bound() == {"lan0"}), self.bound())
+        self.daemon.kill()
+        self.daemon.start()
+        self.assertEqual({"lan0"}, self.bound())
+        self.assertEqual([], self.daemon.json("show", "journal")["notRestored"])
+
+    def test_after_a_reboot_interfaces_are_found_by_their_names(self):
+        self.veth()
+        lists = both("upa")
+        self.daemon.apply(policy(lists, bindings="lan0: wan, gone0: wan"))
+        before = self.daemon.ctl("export").stdout
+        self.daemon.kill()
+        netlab.run("ip link del gone0", "rtr")
+        journal = sqlite3.connect(self.daemon.root + "/var/lib/policyroute/journal.db")
+        with journal:
+            changed = journal.execute("UPDATE service SET text = 'another' WHERE service = 'machine' AND key = 'run'")
+            self.assertEqual(1, changed.rowcount)
+        journal.close()
+        netlab.run("ip link add gone0 type veth peer name gone1", "rtr")
+        self.daemon.start()
+        self.assertEqual(before, self.daemon.ctl("export").stdout)
+        self.assertEqual({"lan0", "gone0"}, self.bound())
+        self.daemon.kill()  # the units of now are kept
+        self.daemon.start()
+        self.assertEqual(before, self.daemon.ctl("export").stdout)
+
     def test_an_interface_that_went_is_named_and_the_rest_comes_back(self):
         netlab.run("ip link add gone0 type veth peer name gone1", "rtr")
         self.addCleanup(netlab.run, "ip link del gone0", "rtr", check=False)
@@ -241,8 +287,12 @@ class KeepsPackets(system_case.LabCase):
         netlab.run("ip link del gone0", "rtr")
         self.daemon.start()
         self.all_by("upa")
-        mgmt = self.daemon.json("show", "journal")
-        self.assertEqual(["interface gone0"], [row["what"] for row in mgmt["notRestored"]])
+        for _ in range(2):  # it is tried at each start
+            shown = self.daemon.json("show", "journal")
+            self.assertEqual(["interface gone0"], [row["what"] for row in shown["notRestored"]])
+            self.assertIn("gone0", self.daemon.ctl("show", "journal").stdout)
+            self.daemon.kill()
+            self.daemon.start()
 
 
 if __name__ == "__main__":
