@@ -18,6 +18,7 @@
 #include "cli/default_root.h"
 #include "cli/errors.h"
 #include "cli/event.h"
+#include "cli/explain.h"
 #include "cli/export.h"
 #include "cli/numbers.h"
 #include "cli/probe_commands.h"
@@ -246,6 +247,7 @@ void showAdd(CLI::App &app, Context &context) {
         {"probes", "Probes: state, round trips, loss, last failure", showProbes},
         {"time-ranges", "Time ranges: schedule, active or not, next change", showTimeRanges},
         {"counters", "Counters and limits", showCounters},
+        {"policy-counters", "Packets and bytes of each node and rule", showPolicyCounters},
         {"journal", "What comes back at the next start, and what did not at the last one", showJournal}};
     for (const auto &[pName, pHelp, pFunction] : reports) {
         const Show function = pFunction;
@@ -262,6 +264,27 @@ void showAdd(CLI::App &app, Context &context) {
     auto pAcl = holder<uint32_t>();
     pSub->add_option("acl", *pAcl, "Number of the ACL; default all");
     runs(context, pSub, [=, &context] { showAcls(context.daemon(), *pAcl, context.json, context.out); });
+}
+
+void explainAdd(CLI::App &app, Context &context) {
+    CLI::App *pSub = app.add_subcommand("explain", "What would happen to a packet, and why");
+    auto pOptions = holder<ExplainOptions>();
+    pSub->add_option("--in", pOptions->interface, "Interface it enters through: name, or unit:N")->required();
+    pSub->add_option("--src", pOptions->source, "Source address")->required();
+    pSub->add_option("--dst", pOptions->destination, "Destination address")->required();
+    pSub->add_option("--proto", pOptions->protocol, "tcp, udp, icmp ... or 0 to 255");
+    pSub->add_option("--sport", pOptions->sourcePort, "Source port")->check(CLI::Range(0, 65535));
+    pSub->add_option("--dport", pOptions->destinationPort, "Destination port")->check(CLI::Range(0, 65535));
+    pSub->add_option("--flags", pOptions->flags, "TCP flags that are set, such as syn,ack; none: no flag");
+    pSub->add_option("--type", pOptions->type, "ICMP type: a name or 0 to 255");
+    pSub->add_option("--code", pOptions->code, "ICMP code")->check(CLI::Range(0, 255));
+    pSub->add_option("--dscp", pOptions->dscp, "A name or 0 to 63; default 0");
+    pSub->add_option("--length", pOptions->length, "Bytes with the IP header");
+    pSub->add_option("--source-mac", pOptions->sourceMac, "Source of the Ethernet frame");
+    pSub->add_option("--mark", pOptions->mark, "Mark that another program gave it; default 0");
+    pSub->add_flag("--fragment", pOptions->fragment, "A later fragment");
+    pSub->add_flag("--verbose", pOptions->verbose, "Also every node and rule that was looked at");
+    runs(context, pSub, [=, &context] { explain(context.daemon(), *pOptions, context.json, context.out); });
 }
 
 void rawAdd(CLI::App &app, Context &context) {
@@ -304,6 +327,11 @@ void otherAdd(CLI::App &app, Context &context) {
     runs(context, pSub, [&context] { (void)context.daemon().mgmt("device.flush"); });
     pSub = pDevice->add_subcommand("settle", "Say that the policy is complete: adopted remains are let go of");
     runs(context, pSub, [&context] { (void)context.daemon().mgmt("device.settle"); });
+
+    CLI::App *pCounters = app.add_subcommand("counters", "Packets and bytes of nodes and rules");
+    pCounters->require_subcommand(1);
+    pSub = pCounters->add_subcommand("clear", "Let them begin at 0");
+    runs(context, pSub, [&context] { (void)context.daemon().mgmt("device.countersClear"); });
 
     CLI::App *pDebug = app.add_subcommand("debug", "Debug texts of the daemon");
     pDebug->require_subcommand(1);
@@ -462,7 +490,7 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.add_option("--root", context.root, "Folder of the daemon's run; default: POLICYROUTE_ROOT, else host.root of\n" +
                        std::string(OPTION_FILE));
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, eventAdd,
+    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, explainAdd, eventAdd,
                            shellAdd, rawAdd}) {
         add(app, context);
     }

@@ -255,4 +255,32 @@ void showCounters(Daemon &daemon, bool asJson, std::ostream &out) {
     out << tableText({{"COUNTER", "name"}, {"VALUE", "value"}}, rows);
 }
 
+void showPolicyCounters(Daemon &daemon, bool asJson, std::ostream &out) {
+    json answer = daemon.mgmt("device.counters");
+    answer.erase("ok");
+    if (asJson) {
+        return printJson(answer, out);
+    }
+    if (answer.contains("note")) {
+        out << answer["note"].get<std::string>() << "\n";
+        return;
+    }
+    json rows = json::array();
+    for (const json &node : answer["counters"]) {
+        json row = node;
+        row["text"] = "(all that the node decided)";
+        rows.push_back(row);
+        for (const json &rule : node["rules"]) {
+            json ruleRow = rule;
+            for (const char *pKey : {"list", "node", "ipVersion", "acl"}) {
+                ruleRow[pKey] = node[pKey];
+            }
+            rows.push_back(ruleRow);
+        }
+    }
+    printTable({{"LIST", "list"}, {"NODE", "node", true}, {"IP", "ipVersion", true}, {"ACL", "acl", true},
+                {"RULE", "rule", true}, {"TEXT", "text"}, {"PACKETS", "packets", true}, {"BYTES", "bytes", true}},
+               rows, 4, "no entries", out);
+}
+
 } // namespace cli

@@ -17,6 +17,7 @@ void showAcls(Daemon &daemon, uint32_t acl, bool json, std::ostream &out); // ac
 void showDevice(Daemon &daemon, bool json, std::ostream &out);
 void showRecords(Daemon &daemon, bool json, std::ostream &out); // of the device, decoded and as bytes
 void showCounters(Daemon &daemon, bool json, std::ostream &out);
+void showPolicyCounters(Daemon &daemon, bool json, std::ostream &out); // packets and bytes of nodes and rules
 
 } // namespace cli
 

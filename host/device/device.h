@@ -19,6 +19,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "aclrule/acl_packet.h"
 #include "hw/pbr_redirect_view.h"
 
 namespace host {
@@ -61,6 +62,13 @@ struct DeviceNotice {
     bool operator==(const DeviceNotice &) const = default;
 };
 nlohmann::json deviceNoticesShow(const std::vector<DeviceNotice> &notices); // [{"code", "text", "advice"}...]
+
+// A packet that is thought of, on its way in.
+struct PacketQuestion {
+    uint32_t ifUnit = 0;     // the interface it enters through
+    uint32_t mark = 0;       // its mark, as another program may have set it
+    aclrule::AclPacket packet;
+};
 
 class Device {
 public:
@@ -127,6 +135,20 @@ public:
     // "ecmp","nextHops":[text...],"outInterface","vrf","priority","installed": bool,"error": text}],
     // "counters": {...}, ...device's own}. Event thread.
     virtual nlohmann::json show() = 0;
+
+    // For `pbrctl explain`: what the plane does with such a packet, as programExplainShow has it, and
+    // "notes": texts that go with the answer, "verdict" also "not policy" (never compared with the nodes);
+    // of verdict "policy": "paths": [{"interface", "gateway", "weight"}] (none: routed as usual, "why"),
+    // "action", "nextHops", "priority", "table". Event thread.
+    virtual nlohmann::json explain(const PacketQuestion &question) = 0;
+
+    // For `pbrctl show policy-counters`: {"counters": [{"list", "node", "ipVersion", "acl", "packets", "bytes",
+    // "rules": [{"rule", "text", "packets", "bytes"}]}]}; of a device that counts nothing an empty list and
+    // "note". Event thread.
+    virtual nlohmann::json policyCounters();
+
+    // Lets them begin at 0. Event thread. Result: empty, or why not.
+    virtual std::string policyCountersClear();
 
     // For `pbrctl show device --records`: {"records": [...], "ruleRecords": [...]}, each as the daemon wrote
     // it; {"records": null, "note": why} of a device that keeps none. Event thread.

@@ -78,6 +78,14 @@ void hostStoreAsk() {
     storeAsked() = true;
 }
 
+nlohmann::json Device::policyCounters() {
+    return {{"counters", nlohmann::json::array()}, {"note", "this device forwards nothing and counts no packets"}};
+}
+
+std::string Device::policyCountersClear() {
+    return "this device forwards nothing and counts no packets";
+}
+
 std::string hostDeviceStart() {
     return chosenDevice().error;
 }

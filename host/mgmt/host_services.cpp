@@ -13,6 +13,7 @@
 #include "host/journal/journal.h"
 #include "host/logging/host_log.h"
 #include "host/mgmt/confirm_ops.h"
+#include "host/mgmt/explain_ops.h"
 #include "host/mgmt/hold_ops.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/service_ops.h"
@@ -37,6 +38,7 @@ void registerAll() {
     timerangeMgmtRegister();
     nqaStart();
     serviceOpsRegister();
+    explainOpsRegister();
     holdOpsRegister();
     confirmOpsRegister();
     shellMgmtRegister();

@@ -34,6 +34,7 @@
 #include "host/device/device.h"
 #include "host/device/kernel/kernel_plane.h"
 #include "host/device/kernel/surroundings.h"
+#include "host/device/kernel/program_explain.h"
 #include "host/event/event_loop.h"
 #include "host/netlink/netlink_monitor.h"
 
@@ -72,6 +73,9 @@ public:
     void storeCompare() override;
     std::vector<DeviceNotice> warnings() override;
     nlohmann::json show() override;
+    nlohmann::json explain(const PacketQuestion &question) override;
+    nlohmann::json policyCounters() override;
+    std::string policyCountersClear() override;
 
     // Routes or links changed: resolves everything again and looks what the kernel dropped. Event thread.
     void worldChanged();
@@ -105,6 +109,8 @@ private:
     std::string linkName(uint32_t unit) const;
     nlohmann::json entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const;
     nlohmann::json decisionsShow() const;
+    std::string passedBy(const PacketQuestion &question) const;
+    void deciderShow(const ExplainNode &node, nlohmann::json &shown) const;
     uint64_t packetsOf(const std::string &list, const EntryKey &key,
                        const std::map<std::string, std::vector<uint64_t>> &packets) const;
 

@@ -426,6 +426,21 @@ std::vector<NftChange> KernelModel::changes(const NftImage &installed) {
     return changes;
 }
 
+std::vector<NftChange> KernelModel::rewriteCounting() const {
+    std::vector<NftChange> changes;
+    for (const auto &[name, chain] : chains_) {
+        if (!chain.node) {
+            continue;
+        }
+        changes.push_back(step(NftChange::Kind::ChainFlush, name, name));
+        for (NftRule &rule : rulesOf(name, chain)) {
+            changes.push_back(step(NftChange::Kind::RuleAdd, name, name));
+            changes.back().rule = std::move(rule);
+        }
+    }
+    return changes;
+}
+
 void KernelModel::clean() {
     for (const std::string &name : dirtyChains_) {
         auto it = chains_.find(name);
@@ -472,6 +487,11 @@ std::vector<NodeKey> KernelModel::nodesOf(const std::string &list, const EntryKe
 uint32_t KernelModel::decisionOf(const NodeKey &key) const {
     auto it = nodes_.find(key);
     return it == nodes_.end() ? 0 : effective(key, it->second);
+}
+
+std::string KernelModel::refusedOf(const NodeKey &key) const {
+    auto it = nodes_.find(key);
+    return it == nodes_.end() ? "unknown to the device" : it->second.refused;
 }
 
 KernelEntryStatus KernelModel::status(const std::string &list, const EntryKey &key) const {

@@ -61,6 +61,9 @@ public:
     // The steps that lead from the installed image to the wanted one; none when they are equal.
     std::vector<NftChange> changes(const NftImage &installed);
 
+    // The steps that write all counting rules anew as they are.
+    std::vector<NftChange> rewriteCounting() const;
+
     // The kernel did the steps: nothing is dirty any more.
     void clean();
 
@@ -82,6 +85,7 @@ public:
     const DecisionTable &decisions() const { return decisions_; }
     const std::map<std::string, ProgramList> &lists() const { return lists_; }
     uint32_t decisionOf(const NodeKey &key) const; // 0: routed as usual
+    std::string refusedOf(const NodeKey &key) const; // why the node's rules are left out; empty: they are not
 
 private:
     struct Node {

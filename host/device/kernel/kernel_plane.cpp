@@ -15,6 +15,7 @@ namespace host {
 
 namespace {
 
+constexpr size_t COUNTS_ONE_BY_ONE = 8; // chains whose counters are read each for itself; more: all together
 constexpr int APPLY_ROUNDS = 16; // every round leaves out at least one node, or resynchronises
 constexpr const char *MODULE = "kernel-device";
 
@@ -37,7 +38,28 @@ bool holdsAll(const RtImage &image, const DecisionObjects &objects) {
            inside(image.routes, objects.routes) && image.rules.count(objects.rule) != 0;
 }
 
-void encode(NftBatch &batch, const NftChange &change) {
+// Chains whose rules count for the operator.
+bool isCountingChain(const std::string &name) { return name.rfind("match", 0) == 0 || name.rfind("do", 0) == 0; }
+
+// What the rule that stood in this one's place counted: an ACL rule's place is its number, a node's action
+// is the only rule of its chain.
+NftCount countBefore(const std::map<std::string, NftChainCounts> &counts, const NftChange &change) {
+    const auto chain = counts.find(change.name);
+    if (chain == counts.end() || chain->second.empty()) {
+        return {};
+    }
+    if (change.name.rfind("do", 0) == 0) {
+        return chain->second.front().second;
+    }
+    for (const auto &[comment, count] : chain->second) {
+        if (comment == change.rule.comment) {
+            return count;
+        }
+    }
+    return {};
+}
+
+void encode(NftBatch &batch, const NftChange &change, const NftCount &count) {
     batch.ownerSet(change.owner);
     switch (change.kind) {
     case NftChange::Kind::TableDel: batch.tableDel(); break;
@@ -45,7 +67,7 @@ void encode(NftBatch &batch, const NftChange &change) {
     case NftChange::Kind::SetAdd: batch.setAdd(change.name); break;
     case NftChange::Kind::ChainAdd: batch.chainAdd(change.name); break;
     case NftChange::Kind::ChainFlush: batch.chainFlush(change.name); break;
-    case NftChange::Kind::RuleAdd: batch.ruleAdd(change.name, change.rule); break;
+    case NftChange::Kind::RuleAdd: batch.ruleAdd(change.name, change.rule, count); break;
     case NftChange::Kind::ElementDel: batch.elementDel(change.key); break;
     case NftChange::Kind::ElementAdd: batch.elementAdd(change.key, change.name); break;
     case NftChange::Kind::ChainDel: batch.chainDel(change.name); break;
@@ -255,11 +277,36 @@ void KernelPlane::decisionsInstall() {
 
 // ---- nftables half ----
 
-// Result: what failed; empty when the transaction was done.
-std::vector<NftRefusal> KernelPlane::nftSend(const std::vector<NftChange> &changes) {
+// What the rules counted that are about to be written anew. What cannot be read counts from 0.
+std::map<std::string, NftChainCounts> KernelPlane::countsRead(const std::vector<NftChange> &changes) const {
+    std::set<std::string> chains;
+    bool isAll = false;
+    for (const NftChange &change : changes) {
+        isAll = isAll || (change.kind == NftChange::Kind::TableDel && installed_.nft.stale);
+        if (change.kind == NftChange::Kind::ChainFlush && isCountingChain(change.name)) {
+            chains.insert(change.name);
+        }
+    }
+    std::map<std::string, NftChainCounts> counts;
+    if (isAll || chains.size() > COUNTS_ONE_BY_ONE) {
+        chains = {""}; // all in one dump
+    }
+    for (const std::string &chain : chains) {
+        const std::string error = nftCountsRead(sockets_->nft, chain, &counts);
+        if (!error.empty()) {
+            hostLog(LOG_LEVEL_WARNING, MODULE, "%s", error.c_str());
+        }
+    }
+    return counts;
+}
+
+// isCounting: rules that are written anew count on from what they had. Result: what failed; empty when the
+// transaction was done.
+std::vector<NftRefusal> KernelPlane::nftSend(const std::vector<NftChange> &changes, bool isCounting) {
+    const auto counts = isCounting ? countsRead(changes) : std::map<std::string, NftChainCounts>{};
     NftBatch batch(sockets_->nft);
     for (const NftChange &change : changes) {
-        encode(batch, change);
+        encode(batch, change, countBefore(counts, change));
     }
     counters_.applies++;
     const NetlinkBatchResult result = batch.send();
@@ -446,6 +493,19 @@ bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt) {
         counters_.driftRepaired++;
     }
     return isDrift;
+}
+
+std::string KernelPlane::countsClear() {
+    std::string error = apply();
+    if (error.empty() && model_.isDirty()) {
+        error = "the rules are being changed";
+    }
+    const std::vector<NftChange> changes = error.empty() ? model_.rewriteCounting() : std::vector<NftChange>{};
+    if (changes.empty()) {
+        return error;
+    }
+    const std::vector<NftRefusal> refusals = nftSend(changes, false);
+    return refusals.empty() ? "" : "the kernel refused the rules: " + refusals.front().second;
 }
 
 std::string KernelPlane::flush() {

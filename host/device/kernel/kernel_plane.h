@@ -10,12 +10,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/device/kernel/kernel_model.h"
+#include "host/device/kernel/nft_codec.h"
 #include "host/device/kernel/nft_value.h"
 #include "host/device/kernel/rt_codec.h"
 #include "host/netlink/netlink_socket.h"
@@ -83,6 +85,9 @@ public:
     // merely waits to be collected is no difference. Changes nothing.
     std::vector<std::string> differences(const KernelSnapshot &snapshot) const;
 
+    // Lets all counters of rules begin at 0. Result: empty, or why not.
+    std::string countsClear();
+
     // Removes everything of ours. Result: empty, or what remains and why.
     std::string flush();
 
@@ -102,7 +107,8 @@ private:
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
     bool stepsSend(std::vector<RtStep> &steps);
     std::string nftApply();
-    std::vector<NftRefusal> nftSend(const std::vector<NftChange> &changes);
+    std::vector<NftRefusal> nftSend(const std::vector<NftChange> &changes, bool isCounting = true);
+    std::map<std::string, NftChainCounts> countsRead(const std::vector<NftChange> &changes) const;
     bool nodesRefuse(const std::vector<NftRefusal> &refusals);
     std::string resync();
     void decisionsMark();

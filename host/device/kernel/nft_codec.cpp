@@ -278,8 +278,11 @@ void setTake(const nlmsghdr *pMessage, NftImage *pImage) {
 
 using RuleVisitor = std::function<void(const std::string &chain, nftnl_rule *pRule)>;
 
-NetlinkError rulesVisit(NetlinkSocket &socket, const RuleVisitor &visit) {
+NetlinkError rulesVisit(NetlinkSocket &socket, const RuleVisitor &visit, const std::string &chain = "") {
     NetlinkMessage message = request(NFT_MSG_GETRULE, KERNEL_TABLE, NFTA_RULE_TABLE);
+    if (!chain.empty()) {
+        message.putString(NFTA_RULE_CHAIN, chain);
+    }
     return socket.dump(message, [&](const nlmsghdr *pMessage) {
         Rule rule(nftnl_rule_alloc());
         if (nftnl_rule_nlmsg_parse(pMessage, rule.get()) == 0 &&
@@ -315,16 +318,36 @@ NetlinkError elementsRead(NetlinkSocket &socket, const std::string &name, NftIma
     }).error;
 }
 
-uint64_t packetsOf(nftnl_rule *pRule) {
-    uint64_t packets = 0;
+int ruleCommentTake(const nftnl_udata *pAttr, void *pData) {
+    const auto *pText = static_cast<const char *>(nftnl_udata_get(pAttr));
+    if (nftnl_udata_type(pAttr) == NFTNL_UDATA_RULE_COMMENT) {
+        static_cast<std::string *>(pData)->assign(pText, strnlen(pText, nftnl_udata_len(pAttr)));
+    }
+    return 0;
+}
+
+std::string commentOf(const nftnl_rule *pRule) {
+    uint32_t len = 0;
+    std::string comment;
+    const void *pData = nftnl_rule_get_data(pRule, NFTNL_RULE_USERDATA, &len);
+    if (pData != nullptr) {
+        (void)nftnl_udata_parse(pData, len, ruleCommentTake, &comment); // malformed: not our rule
+    }
+    return comment;
+}
+
+NftCount countOf(nftnl_rule *pRule) {
+    NftCount count;
     nftnl_expr_foreach(pRule, [](nftnl_expr *pExpr, void *pData) {
         const char *pName = nftnl_expr_get_str(pExpr, NFTNL_EXPR_NAME);
         if (pName != nullptr && strcmp(pName, "counter") == 0) {
-            *static_cast<uint64_t *>(pData) = nftnl_expr_get_u64(pExpr, NFTNL_EXPR_CTR_PACKETS);
+            auto *pCount = static_cast<NftCount *>(pData);
+            pCount->packets = nftnl_expr_get_u64(pExpr, NFTNL_EXPR_CTR_PACKETS);
+            pCount->bytes = nftnl_expr_get_u64(pExpr, NFTNL_EXPR_CTR_BYTES);
         }
         return 0;
-    }, &packets);
-    return packets;
+    }, &count);
+    return count;
 }
 
 } // namespace
@@ -416,13 +439,18 @@ void NftBatch::chainFlush(const std::string &name) {
     add(NFT_MSG_DELRULE, 0, [&](nlmsghdr *p) { nftnl_rule_nlmsg_build_payload(p, rule.get()); });
 }
 
-void NftBatch::ruleAdd(const std::string &chain, const NftRule &rule) {
+void NftBatch::ruleAdd(const std::string &chain, const NftRule &rule, const NftCount &from) {
     Rule built(nftnl_rule_alloc());
     nftnl_rule_set_str(built.get(), NFTNL_RULE_TABLE, KERNEL_TABLE);
     nftnl_rule_set_str(built.get(), NFTNL_RULE_CHAIN, chain.c_str());
     ruleUdataSet(built.get(), rule);
     for (const NftExpr &expr : rule.exprs) {
-        nftnl_rule_add_expr(built.get(), exprOf(expr));
+        nftnl_expr *pExpr = exprOf(expr);
+        if (expr.op == NftOp::Counter && from.packets != 0) {
+            nftnl_expr_set_u64(pExpr, NFTNL_EXPR_CTR_PACKETS, from.packets);
+            nftnl_expr_set_u64(pExpr, NFTNL_EXPR_CTR_BYTES, from.bytes);
+        }
+        nftnl_rule_add_expr(built.get(), pExpr);
     }
     add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND,
         [&](nlmsghdr *p) { nftnl_rule_nlmsg_build_payload(p, built.get()); });
@@ -491,9 +519,18 @@ std::string nftRead(NetlinkSocket &socket, NftImage *pImage) {
 
 std::string nftCounters(NetlinkSocket &socket, std::map<std::string, std::vector<uint64_t>> *pCounters) {
     const NetlinkError error = rulesVisit(socket, [&](const std::string &chain, nftnl_rule *pRule) {
-        (*pCounters)[chain].push_back(packetsOf(pRule));
+        (*pCounters)[chain].push_back(countOf(pRule).packets);
     });
     return netlinkErrorText("cannot read the rules' counters", error);
+}
+
+std::string nftCountsRead(NetlinkSocket &socket, const std::string &chain,
+                          std::map<std::string, NftChainCounts> *pCounts) {
+    const auto take = [&](const std::string &name, nftnl_rule *pRule) {
+        (*pCounts)[name].emplace_back(commentOf(pRule), countOf(pRule));
+    };
+    const NetlinkError error = rulesVisit(socket, take, chain);
+    return error.code == ENOENT ? "" : netlinkErrorText("cannot read the rules' counters", error);
 }
 
 bool nftIsOfOurTable(const nlmsghdr *pMessage) {

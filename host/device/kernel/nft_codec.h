@@ -33,7 +33,7 @@ public:
     void chainAdd(const std::string &name);
     void chainDel(const std::string &name);
     void chainFlush(const std::string &name);
-    void ruleAdd(const std::string &chain, const NftRule &rule);
+    void ruleAdd(const std::string &chain, const NftRule &rule, const NftCount &from = {}); // from: counts on from
     void elementAdd(const NftElementKey &key, const std::string &chain);
     void elementDel(const NftElementKey &key);
 
@@ -62,6 +62,12 @@ std::string nftRead(NetlinkSocket &socket, NftImage *pImage);
 
 // Packets that each rule of ours counted: chain -> counters in rule order (0 for rules without).
 std::string nftCounters(NetlinkSocket &socket, std::map<std::string, std::vector<uint64_t>> *pCounters);
+
+// The counts of our rules, by chain and, in the rules' order, each under its rule's comment. chain: of this
+// one only; empty: of all. A chain that is not there has none.
+using NftChainCounts = std::vector<std::pair<std::string, NftCount>>;
+std::string nftCountsRead(NetlinkSocket &socket, const std::string &chain,
+                          std::map<std::string, NftChainCounts> *pCounts);
 
 // Whether a notification tells of our table. Lock: none
 bool nftIsOfOurTable(const nlmsghdr *pMessage);

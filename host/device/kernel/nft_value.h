@@ -50,6 +50,13 @@ struct NftRule {
     bool operator==(const NftRule &) const = default;
 };
 
+// What a rule counted. No part of a rule: equal rules have equal fingerprints whatever they counted.
+struct NftCount {
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+    bool operator==(const NftCount &) const = default;
+};
+
 // A number that differs when rules differ (64-bit FNV-1a of everything in it); never 0. Lock: none
 uint64_t nftFingerprint(const NftRule &rule);
 

@@ -196,6 +196,30 @@ std::string rtRead(NetlinkSocket &socket, RtImage *pImage) {
     return netlinkErrorText("cannot read rules, routes and next hops", error);
 }
 
+std::string rtAddressKind(NetlinkSocket &socket, uint8_t family, const std::array<uint8_t, 16> &address) {
+    if (family == 6 ? address[0] == 0xff : address[0] >> 4 == 0xe) {
+        return "multicast";
+    }
+    if (family == 4 && (address[0] == 0 || (address[0] & address[1] & address[2] & address[3]) == 0xff)) {
+        return "broadcast";
+    }
+    NetlinkMessage message(RTM_GETROUTE, 0);
+    rtmsg header = {};
+    header.rtm_family = familyNumber(family);
+    header.rtm_dst_len = family == 6 ? 128 : 32;
+    message.header(header);
+    message.put(RTA_DST, address.data(), family == 6 ? 16 : 4);
+    uint8_t type = RTN_UNICAST;
+    const NetlinkError error = socket.request(message, [&](const nlmsghdr *pMessage) {
+        const auto *pHeader = netlinkHeader<rtmsg>(pMessage);
+        type = pMessage->nlmsg_type == RTM_NEWROUTE && pHeader != nullptr ? pHeader->rtm_type : type;
+    });
+    if (error) {
+        return ""; // no route: not ours
+    }
+    return type == RTN_LOCAL ? "local" : type == RTN_BROADCAST ? "broadcast" : type == RTN_ANYCAST ? "anycast" : "";
+}
+
 bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table) {
     bool isForeign = false;
     // A table that does not exist is an error to the kernel and free to us.

@@ -67,6 +67,9 @@ NetlinkMessage rtNextHopDelMessage(uint32_t id);
 // Reads what is ours, and the places of others. Result: empty, or why it cannot be read.
 std::string rtRead(NetlinkSocket &socket, RtImage *pImage);
 
+// What the machine takes an address for: "local", "broadcast", "anycast", "multicast", or empty: others'.
+std::string rtAddressKind(NetlinkSocket &socket, uint8_t family, const std::array<uint8_t, 16> &address);
+
 // Whether a table holds routes that are not ours. Lock: none
 bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table);
 

@@ -58,6 +58,7 @@ public:
     // Forgets the records; the daemon still counts its entries as programmed, as after any flush.
     std::string flush() override;
     nlohmann::json show() override;
+    nlohmann::json explain(const PacketQuestion &question) override;
     nlohmann::json recordsShow() override;
 
     // Adds a scripted failure behind those that are there; a count of 0 removes them all. Lock: takes

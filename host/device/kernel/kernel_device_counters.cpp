@@ -1,0 +1,69 @@
+// What the policy counted: the part of KernelDevice behind `pbrctl show policy-counters`. The counters are
+// those of the kernel's rules; the program says whose they are.
+#include <nlohmann/json.hpp>
+
+#include "host/device/kernel/kernel_device.h"
+#include "host/device/kernel/nft_codec.h"
+
+namespace host {
+
+namespace {
+
+using nlohmann::json;
+using Counts = std::map<std::string, NftChainCounts>;
+
+json countShow(const NftCount &count) { return {{"packets", count.packets}, {"bytes", count.bytes}}; }
+
+json rulesShow(const NodeKey &key, const ProgramNode &node, const Counts &counts) {
+    json shown = json::array();
+    const auto chain = counts.find(kernelMatchChain(key));
+    if (!node.rules || chain == counts.end()) {
+        return shown;
+    }
+    // The chain has the rules in the program's order; while it is being changed it may be shorter.
+    size_t i = 0;
+    for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, key.family)) {
+        json row = countShow(i < chain->second.size() ? chain->second[i].second : NftCount{});
+        row["rule"] = number;
+        row["text"] = aclRuleFormat(node.aclNum, rule);
+        shown.push_back(std::move(row));
+        i++;
+    }
+    return shown;
+}
+
+} // namespace
+
+json KernelDevice::policyCounters() {
+    Counts counts;
+    const std::string error = readers_ == nullptr ? "" : nftCountsRead(readers_->nft, "", &counts);
+    if (!error.empty()) {
+        throw std::runtime_error(error);
+    }
+    std::lock_guard guard(lock_);
+    json shown = json::array();
+    for (const auto &[list, program] : plane_.model().lists()) {
+        for (const auto &[key, node] : program.nodes) {
+            const auto action = counts.find(kernelActionChain(key));
+            const bool isCounted = action != counts.end() && !action->second.empty();
+            json row = countShow(isCounted ? action->second.front().second : NftCount{});
+            row["list"] = list;
+            row["node"] = key.nodeIndex;
+            row["ipVersion"] = key.family;
+            row["acl"] = node.aclNum;
+            row["rules"] = rulesShow(key, node, counts);
+            shown.push_back(std::move(row));
+        }
+    }
+    return {{"counters", std::move(shown)}};
+}
+
+std::string KernelDevice::policyCountersClear() {
+    std::lock_guard guard(lock_);
+    if (isHeld_) {
+        return "the policy of an earlier run is still in force; try again when the next hops are known";
+    }
+    return isFlushed_ || !isStarted_ ? "" : plane_.countsClear();
+}
+
+} // namespace host
