@@ -28,6 +28,7 @@
 #include "cli/show_journal.h"
 #include "cli/time_range_commands.h"
 #include "cli/version.h"
+#include "cli/watch.h"
 
 namespace cli {
 
@@ -287,6 +288,11 @@ void explainAdd(CLI::App &app, Context &context) {
     runs(context, pSub, [=, &context] { explain(context.daemon(), *pOptions, context.json, context.out); });
 }
 
+void watchAdd(CLI::App &app, Context &context) {
+    CLI::App *pSub = app.add_subcommand("watch", "Events as they happen, a line each, until interrupted");
+    runs(context, pSub, [&context] { watch(context.daemon(), context.json, context.out); });
+}
+
 void rawAdd(CLI::App &app, Context &context) {
     CLI::App *pSub = app.add_subcommand("raw", "One frame of the command socket; prints result and value");
     auto pOptions = holder<RawOptions>();
@@ -490,7 +496,7 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.add_option("--root", context.root, "Folder of the daemon's run; default: POLICYROUTE_ROOT, else host.root of\n" +
                        std::string(OPTION_FILE));
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, explainAdd, eventAdd,
+    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, explainAdd, watchAdd, eventAdd,
                            shellAdd, rawAdd}) {
         add(app, context);
     }

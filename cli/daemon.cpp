@@ -53,20 +53,27 @@ void sendAll(int fd, const std::string &text) {
     }
 }
 
-std::string receiveLine(int fd) {
-    std::string line;
+// One line with its end; rest: what came behind it, for the next call. A negative time: without limit.
+std::string receiveLine(int fd, std::string &rest, int timeoutMs = MGMT_TIMEOUT_MS) {
     char chunk[16384];
-    while (line.empty() || line.back() != '\n') {
-        waitFor(fd, POLLIN);
+    size_t end = rest.find('\n');
+    while (end == std::string::npos) {
+        if (!isReady(fd, POLLIN, timeoutMs)) {
+            throw NoDaemon("the daemon does not answer on its management socket");
+        }
         const ssize_t count = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
         if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
             continue;
         }
-        if (count <= 0 || line.size() > MGMT_ANSWER_MAX) {
+        if (count <= 0 || rest.size() > MGMT_ANSWER_MAX) {
             throw NoDaemon("the daemon closed its management socket");
         }
-        line.append(chunk, static_cast<size_t>(count));
+        rest.append(chunk, static_cast<size_t>(count));
+        const size_t before = rest.size() - static_cast<size_t>(count);
+        end = rest.find('\n', before);
     }
+    std::string line = rest.substr(0, end + 1);
+    rest.erase(0, end + 1);
     return line;
 }
 
@@ -121,6 +128,7 @@ template <typename Work> auto Daemon::mgmtGuarded(Work work) {
     } catch (const NoDaemon &) {
         close(mgmtFd);
         mgmtFd = -1;
+        mgmtRest.clear();
         throw;
     }
 }
@@ -133,8 +141,8 @@ std::string requestLine(const std::string &op, nlohmann::json request) {
     return request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-nlohmann::json answerRead(int fd) {
-    nlohmann::json answer = nlohmann::json::parse(receiveLine(fd), nullptr, false);
+nlohmann::json answerRead(int fd, std::string &rest) {
+    nlohmann::json answer = nlohmann::json::parse(receiveLine(fd, rest), nullptr, false);
     if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean()) {
         throw NoDaemon("the daemon's answer on its management socket is not understood");
     }
@@ -157,7 +165,7 @@ nlohmann::json mustBeOk(nlohmann::json answer) {
 nlohmann::json Daemon::mgmtAsk(const std::string &op, nlohmann::json request) {
     return mgmtGuarded([&] {
         sendAll(mgmtFd, requestLine(op, std::move(request)));
-        return answerRead(mgmtFd);
+        return answerRead(mgmtFd, mgmtRest);
     });
 }
 
@@ -178,10 +186,20 @@ void Daemon::mgmtSend(const std::string &op, nlohmann::json request) {
 }
 
 std::optional<nlohmann::json> Daemon::mgmtAnswer(int timeoutMs) {
-    if (!isReady(mgmtFd, POLLIN, timeoutMs)) {
+    if (mgmtRest.empty() && !isReady(mgmtFd, POLLIN, timeoutMs)) {
         return std::nullopt;
     }
-    return mgmtGuarded([&] { return std::optional(mustBeOk(answerRead(mgmtFd))); });
+    return mgmtGuarded([&] { return std::optional(mustBeOk(answerRead(mgmtFd, mgmtRest))); });
+}
+
+nlohmann::json Daemon::mgmtLine() {
+    return mgmtGuarded([&] {
+        nlohmann::json line = nlohmann::json::parse(receiveLine(mgmtFd, mgmtRest, -1), nullptr, false);
+        if (!line.is_object()) {
+            throw NoDaemon("the daemon's line on its management socket is not understood");
+        }
+        return line;
+    });
 }
 
 void Daemon::disconnect() {
@@ -190,6 +208,7 @@ void Daemon::disconnect() {
         close(mgmtFd);
     }
     mgmtFd = -1;
+    mgmtRest.clear();
 }
 
 std::optional<nlohmann::json> Daemon::mgmtIfThere(const std::string &op) {

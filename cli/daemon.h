@@ -40,6 +40,9 @@ public:
     void mgmtSend(const std::string &op, nlohmann::json request = nlohmann::json::object());
     std::optional<nlohmann::json> mgmtAnswer(int timeoutMs);
 
+    // Waits for the next line that comes without being asked for, after mgmt("watch"). Throws NoDaemon.
+    nlohmann::json mgmtLine();
+
     // Ends both connections, and with them what belongs to them; the next request connects anew.
     void disconnect();
 
@@ -53,6 +56,7 @@ private:
     std::string root;
     client::CommandClient client;
     int mgmtFd = -1;
+    std::string mgmtRest; // received behind the latest line
 };
 
 // Throws Refused ("WHAT: why (code). What to do: ...") or NoDaemon unless the status is done.

@@ -11,6 +11,7 @@
 #include "host/journal/journal.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
+#include "host/mgmt/watch_feed.h"
 #include "platform/qrv_rtm.h"
 #include "platform/qrv_socket.h"
 
@@ -75,6 +76,24 @@ AclStore::Contents contentsOf(const json &acls) {
     return contents;
 }
 
+void watchChange(const AclChange &change) {
+    if (!watchIsOn()) {
+        return;
+    }
+    nlohmann::json members = {{"acl", change.aclNum}};
+    if (change.kind == AclChange::ACL_GONE) {
+        members["change"] = "gone";
+        return watchTell("acl", aclName(change.aclNum) + " is gone", std::move(members));
+    }
+    const bool isNew = change.kind == AclChange::RULE_NEW;
+    const auto rules = aclSnapshot(change.aclNum);
+    const bool isKnown = isNew && rules && rules->count(change.ruleNum) != 0;
+    const std::string text = isKnown ? aclRuleFormat(change.aclNum, rules->at(change.ruleNum)) : "";
+    members.update({{"rule", change.ruleNum}, {"change", isNew ? "rule new" : "rule gone"}, {"ruleText", text}});
+    watchTell("acl", aclName(change.aclNum) + " rule " + std::to_string(change.ruleNum) +
+                         (isNew ? " is new: " + text : " is gone"), std::move(members));
+}
+
 void publish(const AclChange &change) {
     if (change.kind == AclChange::ACL_GONE) {
         const AclNumMsg payload{change.aclNum};
@@ -127,6 +146,7 @@ json tell(const AclStore::Changes &changes) {
     }
     for (const AclChange &change : changes) {
         publish(change);
+        watchChange(change);
     }
     return warnings;
 }

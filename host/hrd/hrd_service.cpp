@@ -20,12 +20,14 @@
 #include <utility>
 
 #include "host/bus/bus.h"
+#include "host/device/desired/desired_show.h"
 #include "host/event/event_loop.h"
 #include "host/fib/fib.h"
 #include "host/hrd/hrd_neighbour.h"
 #include "host/hrd/hrd_peers.h"
 #include "host/ifnet/ifnet.h"
 #include "host/logging/host_log.h"
+#include "host/mgmt/watch_feed.h"
 #include "host/netlink/netlink_monitor.h"
 #include "host/option/option.h"
 #include "platform/qrv_rtm.h"
@@ -148,12 +150,25 @@ Decision decide(const Peer &peer) {
     return {peer.state, peer.state == HrdState::Up ? "" : "no answer yet", false, {}};
 }
 
+// For those who watch. state: "up", "down", "changed".
+void watchPeer(const Peer &peer, const char *pState, const std::string &text) {
+    watchTell("next-hop", "next hop " + peerText(peer.key) + " " + text,
+              {{"address", ipAddressText(peer.key.version == 6 ? 2 : 1, peer.key.address)},
+               {"vrf", peer.key.vrfid},
+               {"state", pState},
+               {"reason", peer.reason},
+               {"interface", peer.egress ? ifnetName(peer.egress->ifIndex) : ""},
+               {"lladdr", peer.state == HrdState::Up ? hrdLladdrText(peer.upLladdr) : ""}});
+}
+
 void logTransition(const Peer &peer) {
     if (!peer.isRegistered) {
         return;
     }
     const std::string who = peerText(peer.key);
     const std::string where = peer.egress ? ifnetName(peer.egress->ifIndex) : "no interface";
+    const bool isUp = peer.state == HrdState::Up;
+    watchPeer(peer, isUp ? "up" : "down", (isUp ? "is up: " + where : std::string("is down: ") + peer.reason + " (" + where + ")"));
     if (peer.state == HrdState::Up) {
         hostLog(LOG_LEVEL_NOTICE, "hrd", "next hop %s is up: %s %s", who.c_str(), where.c_str(),
                 hrdLladdrText(peer.upLladdr).c_str());
@@ -181,6 +196,7 @@ bool evaluate(Peer &peer) {
         if (peer.isRegistered) {
             hostLog(LOG_LEVEL_NOTICE, "hrd", "next hop %s changed: %s %s", peerText(peer.key).c_str(),
                     ifnetName(peer.upIfIndex).c_str(), hrdLladdrText(peer.upLladdr).c_str());
+            watchPeer(peer, "changed", "changed: " + ifnetName(peer.upIfIndex) + " " + hrdLladdrText(peer.upLladdr));
         }
         post(peer, QRV_RTM_HRD_CHANGE);
     }

@@ -25,6 +25,7 @@
 #include "host/ifnet/ifnet_state.h"
 #include "host/ifnet/link_messages.h"
 #include "host/logging/host_log.h"
+#include "host/mgmt/watch_feed.h"
 #include "host/netlink/netlink_monitor.h"
 #include "host/netlink/netlink_socket.h"
 
@@ -106,6 +107,11 @@ void report(const std::optional<IfnetLink> &before, const std::optional<IfnetLin
     }
     for (const auto &call : changed) {
         call(link);
+    }
+    const char *pState = !after ? "gone" : after->up ? "up" : "down";
+    if (!before || !after || before->up != after->up) {
+        watchTell("link", "interface " + link.name + " is " + (before ? "" : "new and ") + pState,
+                  {{"interface", link.name}, {"unit", link.unit}, {"state", pState}, {"new", !before}});
     }
     policyTell(before, after);
     if (before && (!after || (after->aggregation != 0 && after->aggregation != before->aggregation))) {

@@ -17,6 +17,7 @@
 #include "host/mgmt/hold_ops.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/service_ops.h"
+#include "host/mgmt/watch_ops.h"
 #include "host/nqa/nqa_service.h"
 #include "host/option/option.h"
 #include "host/shell/shell_mgmt.h"
@@ -39,6 +40,7 @@ void registerAll() {
     nqaStart();
     serviceOpsRegister();
     explainOpsRegister();
+    watchOpsRegister();
     holdOpsRegister();
     confirmOpsRegister();
     shellMgmtRegister();

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 namespace host {
 
 void MgmtClient::onEnd(std::function<void()> ended) {
@@ -11,6 +13,14 @@ void MgmtClient::onEnd(std::function<void()> ended) {
         return;
     }
     onEnd_.push_back(std::move(ended));
+}
+
+bool MgmtClient::push(const nlohmann::json &line) { return !hasEnded_ && push_ && push_(line); }
+
+void MgmtClient::roomMade() {
+    if (onRoom_) {
+        onRoom_();
+    }
 }
 
 void MgmtClient::end() {

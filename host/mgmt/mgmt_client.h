@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -19,12 +20,25 @@ public:
     // Calls `ended` once when the connection has ended; at once when it has ended already.
     void onEnd(std::function<void()> ended);
 
-    // The server's: the connection has ended.
+    // Sends a line that answers nothing, behind what is still to be sent. From the first one on the client
+    // may take its time: what waits for it is kept, and its connection is not closed for not reading or
+    // for sending nothing more. Result: false, and nothing is sent, when too much waits, or the connection
+    // has ended.
+    bool push(const nlohmann::json &line);
+
+    // Calls `room` whenever everything has been sent that waited. One function a connection.
+    void onRoom(std::function<void()> room) { onRoom_ = std::move(room); }
+
+    // The server's: how lines are pushed; everything that waited has been sent; the connection has ended.
+    void pushBy(std::function<bool(const nlohmann::json &line)> push) { push_ = std::move(push); }
+    void roomMade();
     void end();
 
 private:
     bool hasEnded_ = false;
     std::vector<std::function<void()>> onEnd_;
+    std::function<void()> onRoom_;
+    std::function<bool(const nlohmann::json &line)> push_;
 };
 using MgmtClientPtr = std::shared_ptr<MgmtClient>;
 

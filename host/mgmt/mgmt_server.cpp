@@ -35,6 +35,7 @@ struct Connection {
     bool underWay = false;  // a request has no answer yet
     bool calling = false;   // its operation is being called: what follows is left to the caller
     bool atEnd = false;     // no more input; close when everything is sent
+    bool isPushed = false;  // it gets lines that answer nothing
     bool turnPosted = false;
     bool timed = false;     // `stall` runs
     EventLoop::TimerId stall = 0;
@@ -77,6 +78,7 @@ struct MgmtServer::Core : std::enable_shared_from_this<Core> {
     bool takeLine(const ConnectionPtr &c);
     void request(const ConnectionPtr &c, std::string_view line);
     void answer(const ConnectionPtr &c, const json &value);
+    bool push(const ConnectionPtr &c, const json &line);
     void refuseAndEnd(const ConnectionPtr &c, const std::string &why);
     void flush(const ConnectionPtr &c);
     void settle(const ConnectionPtr &c);
@@ -110,6 +112,11 @@ void MgmtServer::Core::admit(int fd) {
     auto c = std::make_shared<Connection>();
     c->fd = fd;
     c->caller = {rightOf(fd), std::make_shared<MgmtClient>()};
+    c->caller.client->pushBy([weak = weak_from_this(), connection = std::weak_ptr(c)](const json &line) {
+        const auto core = weak.lock();
+        const auto held = connection.lock();
+        return core != nullptr && held != nullptr && core->push(held, line);
+    });
     connections[fd] = c;
     const auto readers = std::count_if(connections.begin(), connections.end(), [](const auto &entry) {
         return entry.second->caller.right != PeerRight::Write;
@@ -228,6 +235,21 @@ void MgmtServer::Core::answer(const ConnectionPtr &c, const json &value) {
     flush(c);
 }
 
+// Result: false when too much waits already.
+bool MgmtServer::Core::push(const ConnectionPtr &c, const json &line) {
+    const std::string text = lineOf(line);
+    if (c->fd < 0 || c->out.size() - c->sent + text.size() > limits.pushBytes) {
+        return false;
+    }
+    c->isPushed = true;
+    c->out.erase(0, c->sent); // else what was sent would pile up before a slow reader's rest
+    c->sent = 0;
+    c->out += text;
+    flush(c);
+    settle(c);
+    return c->fd >= 0;
+}
+
 void MgmtServer::Core::refuseAndEnd(const ConnectionPtr &c, const std::string &why) {
     c->in.clear();
     c->begin = 0;
@@ -256,8 +278,12 @@ void MgmtServer::Core::flush(const ConnectionPtr &c) {
         c->sent += static_cast<size_t>(n);
         timeOut(c, false); // it goes on: the time counts anew
     }
+    const bool hasSent = !c->out.empty();
     c->out.clear();
     c->sent = 0;
+    if (hasSent && c->isPushed) {
+        c->caller.client->roomMade();
+    }
 }
 
 // Watches for what the connection waits for now, and ends it when there is nothing left.
@@ -266,7 +292,7 @@ void MgmtServer::Core::settle(const ConnectionPtr &c) {
         return;
     }
     const bool hasLine = c->in.find('\n', c->scanned) != std::string::npos;
-    if (c->atEnd && !c->underWay && c->out.empty() && !hasLine) {
+    if (c->atEnd && !c->isPushed && !c->underWay && c->out.empty() && !hasLine) {
         shut(c);
         return;
     }
@@ -274,7 +300,7 @@ void MgmtServer::Core::settle(const ConnectionPtr &c) {
     const bool isReading = c->out.empty() && !c->underWay && !hasLine && !c->atEnd;
     const int events = isReading ? static_cast<int>(EPOLLIN) : 0;
     watch(c, c->out.empty() ? events : static_cast<int>(EPOLLOUT));
-    timeOut(c, !c->out.empty() || (isReading && c->begin < c->in.size()));
+    timeOut(c, (!c->out.empty() && !c->isPushed) || (isReading && c->begin < c->in.size()));
 }
 
 void MgmtServer::Core::watch(const ConnectionPtr &c, int events) {

@@ -7,6 +7,9 @@
 //
 //   reading --line complete--> under way --answer made--> answering --answer sent--> reading
 //   any --end of input, time limit, malformed line--> closed (after what is still to be sent)
+//
+// A client to which lines are pushed (watch) has no time limit for fetching them: what waits for it is
+// bounded. It may end its input and still read.
 #ifndef HOST_MGMT_MGMT_SERVER_H
 #define HOST_MGMT_MGMT_SERVER_H
 
@@ -25,6 +28,7 @@ namespace host {
 
 struct MgmtLimits {
     size_t lineBytes = 1 << 20;                // longest request line, without its end
+    size_t pushBytes = 1 << 18;                // of pushed lines that may wait for a client
     size_t clients = 128;                      // connections at a time
     size_t readers = 96;                       // of which may be from those who may only read
     std::chrono::milliseconds stall{30000};    // longest time for one line to come or an answer to go

@@ -12,6 +12,7 @@
 #include "host/fib/fib.h"
 #include "host/ifnet/ifnet.h"
 #include "host/logging/host_log.h"
+#include "host/mgmt/watch_feed.h"
 #include "host/nqa/nqa_asker.h"
 #include "host/option/option.h"
 #include "platform/qrv_socket.h"
@@ -132,6 +133,9 @@ void changed(uint32_t id) {
     } else {
         hostLog(LOG_LEVEL_NOTICE, "nqa", "probe %s is failing: %s", text.c_str(), run.error.c_str());
     }
+    const bool isPassing = run.state == NqaState::Passing;
+    watchTell("probe", "probe " + text + (isPassing ? " is passing" : " is failing: " + run.error),
+              {{"probe", text}, {"state", isPassing ? "passing" : "failing"}, {"reason", isPassing ? "" : run.error}});
     publishState(name, run.state);
 }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "host/mgmt/watch_feed.h"
 #include "host/timerange/timerange_service.h"
 
 namespace host {
@@ -32,6 +33,8 @@ void TimerangeService::change(uint32_t id, const Range &after) {
         ranges.erase(id);
     }
     if (isActiveNow(id) != before) {
+        watchTell("time-range", "time range " + std::to_string(id) + (before ? " is not active any more" : " is active"),
+                  {{"id", id}, {"active", !before}});
         tell(id, false);
     }
 }
@@ -98,6 +101,7 @@ std::string TimerangeService::usersOf(uint32_t id) const {
 
 // Removes a range; its bindings are told that it is gone. The lock is held.
 void TimerangeService::removeRange(uint32_t id) {
+    watchTell("time-range", "time range " + std::to_string(id) + " is removed", {{"id", id}, {"active", false}});
     ranges.erase(id);
     tell(id, true);
 }

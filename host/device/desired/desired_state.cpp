@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/device/desired/desired_show.h"
 #include "host/device/device.h"
+#include "host/ifnet/ifnet.h"
+#include "host/mgmt/watch_feed.h"
 
 namespace host {
 
@@ -33,11 +36,58 @@ void visitEntry(void *pContext, const PbrRedirect *pRedirect) {
     }
 }
 
+// What an entry makes of its packets, in words.
+std::string outcomeText(const RedirectEntry &entry) {
+    std::string hops;
+    for (const IpAddress &address : entry.nextHops) {
+        hops += (hops.empty() ? "" : ", ") + ipAddressText(entry.ipVer, address);
+    }
+    switch (entry.kind) {
+    case PBR_REDIRECT_ABSENT: return "not in force";
+    case PBR_REDIRECT_OUT_IF: return "out of " + ifnetName(entry.outIfUnit);
+    case PBR_REDIRECT_NEXT_HOPS: return (entry.nextHops.size() > 1 ? "next hops " : "next hop ") + hops;
+    case PBR_REDIRECT_PRIORITY_ONLY: return "priority " + std::to_string(entry.newIpPri);
+    case PBR_REDIRECT_INERT: return "routed as usual, nothing usable";
+    }
+    return "";
+}
+
+using Outcomes = std::map<uint32_t, std::string>; // node -> what it makes of its packets
+
+// Every link of a node has the same; the last one told stands for all.
+Outcomes outcomesOf(const Entries &entries) {
+    Outcomes outcomes;
+    for (const auto &[key, entry] : entries) {
+        outcomes[key.second] = outcomeText(entry);
+    }
+    return outcomes;
+}
+
+// Tells those who watch which nodes of a list decide otherwise than before.
+void decisionsTell(const std::string &list, const Entries &before, const Entries &after) {
+    const Outcomes old = outcomesOf(before);
+    Outcomes all = outcomesOf(after);
+    for (const auto &[node, outcome] : old) {
+        all.try_emplace(node, "not bound");
+    }
+    for (const auto &[node, now] : all) {
+        const auto was = old.find(node);
+        const std::string then = was == old.end() ? "not bound" : was->second;
+        if (then != now) {
+            watchTell("decision", "list " + list + " node " + std::to_string(node) + ": " + now + " (was: " + then + ")",
+                      {{"list", list}, {"node", node}, {"old", then}, {"new", now}});
+        }
+    }
+}
+
 // Puts the visited entries of one list into the state. Result: whether they differ from those held.
 bool put(DesiredState &state, const std::string &name, Entries &&entries) {
     const auto held = state.lists.find(name);
     if (held == state.lists.end() ? entries.empty() : held->second == entries) {
         return false;
+    }
+    if (watchIsOn()) {
+        decisionsTell(name, held == state.lists.end() ? Entries{} : held->second, entries);
     }
     if (entries.empty()) {
         state.lists.erase(held);

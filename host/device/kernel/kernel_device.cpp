@@ -14,6 +14,7 @@
 #include "host/device/kernel/nft_codec.h"
 #include "host/hrd/hrd_service.h"
 #include "host/logging/host_log.h"
+#include "host/mgmt/watch_feed.h"
 #include "host/option/option.h"
 
 namespace host {
@@ -448,6 +449,8 @@ void KernelDevice::readBack(unsigned parts) {
         while (hooks_.now() - repairs_.front() > REPAIRS_SPAN) {
             repairs_.pop_front();
         }
+        watchTell("drift", "the kernel held something else than was installed; it is repaired",
+                  {{"repaired", plane_.counters().driftRepaired}});
     }
     apply();
 }

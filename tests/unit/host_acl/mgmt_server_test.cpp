@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <mutex>
 
@@ -26,6 +27,7 @@ protected:
         path = hosttest::root() + "/m" + std::to_string(counter++) + ".socket";
         const auto dispatch = [this](const json &request, const MgmtCaller &caller, MgmtDone done) {
             seenRight = caller.right;
+            seenClient = caller.client;
             if (requests == 0) {
                 caller.client->onEnd([this] { ended.set_value(); });
             }
@@ -57,6 +59,7 @@ protected:
     std::promise<void> holding, ended; // outlive the server, whose end ends its clients
     std::unique_ptr<MgmtServer> pServer;
     std::atomic<PeerRight> seenRight{PeerRight::None};
+    MgmtClientPtr seenClient; // of the latest request; it is answered by the time a test looks
     std::atomic<int> requests{0};
     std::mutex lock;
     std::vector<MgmtDone> held;
@@ -229,6 +232,74 @@ TEST_F(MgmtServerOf, ServesOthersWhileOneRequestTakesLong) {
     release();
     EXPECT_EQ(patient.answer().value().value("released", false), true);
     EXPECT_EQ(patient.answer().value().value("echo", 0), 9);
+}
+
+// Calls `work` with the connection on the event thread.
+void onLoop(const std::function<void()> &work) {
+    std::promise<void> done;
+    hostEventLoop().post([&] {
+        work();
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
+TEST_F(MgmtServerOf, PushesLinesBehindTheAnswersAndStillAnswers) {
+    start();
+    Client client(path);
+    client.call(echo(1));
+    bool isPushed = false;
+    onLoop([&] { isPushed = seenClient->push({{"event", "first"}}) && seenClient->push({{"event", "second"}}); });
+    EXPECT_TRUE(isPushed);
+    EXPECT_EQ(client.answer().value().value("event", ""), "first");
+    EXPECT_EQ(client.answer().value().value("event", ""), "second");
+    EXPECT_EQ(client.call(echo(2)).value("echo", 0), 2);
+}
+
+TEST_F(MgmtServerOf, AClientThatDoesNotReadItsPushedLinesKeepsItsConnectionAndBoundsTheirNumber) {
+    MgmtLimits limits;
+    limits.pushBytes = 100000;
+    limits.stall = std::chrono::milliseconds(50);
+    start(limits);
+    Client client(path), other(path);
+    client.call(echo(1));
+    const MgmtClientPtr watcher = seenClient;
+    int pushed = 0, rooms = 0;
+    bool isRefused = false;
+    onLoop([&] {
+        watcher->onRoom([&] { rooms++; });
+        while (!isRefused && pushed < 100000) {
+            isRefused = !watcher->push({{"event", std::string(1000, 'x')}});
+            pushed += isRefused ? 0 : 1;
+        }
+    });
+    EXPECT_TRUE(isRefused);
+    // Longer than the time limit for answers, as the loop counts it.
+    std::promise<void> waited;
+    onLoop([&] { hostEventLoop().timerStart(std::chrono::milliseconds(200), [&] { waited.set_value(); }); });
+    waited.get_future().wait();
+    EXPECT_EQ(other.call(echo(3)).value("echo", 0), 3);
+    for (int i = 0; i < pushed; i++) {
+        ASSERT_EQ(client.answer().value().value("event", "").size(), 1000u) << i;
+    }
+    bool isPushed = false;
+    onLoop([&] { isPushed = watcher->push({{"event", "after"}}); });
+    EXPECT_TRUE(isPushed);
+    EXPECT_EQ(client.answer().value().value("event", ""), "after");
+    EXPECT_GE(rooms, 1);
+}
+
+TEST_F(MgmtServerOf, PushesNothingToAClientThatHasGone) {
+    start();
+    std::future<void> end = ended.get_future();
+    {
+        Client client(path);
+        client.call(echo(1));
+    }
+    end.wait();
+    bool isPushed = true;
+    onLoop([&] { isPushed = seenClient->push({{"event", "late"}}); });
+    EXPECT_FALSE(isPushed);
 }
 
 TEST_F(MgmtServerOf, WhatAClientLeavesBehindIsToldWhenItGoesAwayIdle) {

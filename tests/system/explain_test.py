@@ -1,0 +1,133 @@
+"""pbrctl explain, watch and show policy-counters on a running daemon."""
+import json
+import subprocess
+import threading
+import unittest
+
+import system_case
+
+POLICY = """
+acls:
+  1501: {10: deny udp from any to any port 6000, 20: permit udp from any to any port 5000-6999}
+lists:
+  wan:
+    10: {acl: 1501, next-hops: [198.51.100.1, 203.0.113.1]}
+bindings:
+  lo: wan
+"""
+
+
+class Watcher:
+    """A running `pbrctl watch --json`; what it printed so far is in `events`."""
+
+    def __init__(self, daemon):
+        self.events = []
+        self.process = subprocess.Popen([daemon.build + "/pbrctl", "--root", daemon.root, "watch", "--json"],
+                                        stdout=subprocess.PIPE, text=True)
+        self.thread = threading.Thread(target=self.read)
+        self.thread.start()
+
+    def read(self):
+        for line in self.process.stdout:
+            self.events.append(json.loads(line))
+
+    def of(self, kind):
+        return [event for event in list(self.events) if event["event"] == kind]
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait()
+        self.thread.join()
+        self.process.stdout.close()
+
+
+class OnADesk(system_case.MemoryCase):
+    def explain(self, *words):
+        return self.daemon.ctl("explain", "--in", "lo", "--src", "10.0.0.1", "--dst", "192.0.2.9", *words).stdout
+
+    def test_explains_by_the_policy(self):
+        self.assertEqual("not policy, routed as usual: no list is bound to the interface\n",
+                         self.explain().split("note:")[0])
+        self.daemon.apply(POLICY)
+        text = self.explain("--proto", "udp", "--dport", "5000")
+        self.assertIn("list wan node 10: ACL 1501 rule 20: permit udp from any to any port 5000-6999\n", text)
+        self.assertIn("note: the memory device forwards nothing", text)
+        self.assertIn("next hop 1 198.51.100.1: not used: ", text)
+        text = self.explain("--proto", "udp", "--dport", "6000", "--verbose")
+        self.assertIn("  rule 10 deny udp from any to any port 6000: match\n", text)
+        self.assertIn("routed as usual: no node matches it\n", text)
+        self.assertIn("it cannot be told: ACL 1501 rule 10: it asks for the protocol", self.explain())
+
+    def test_refuses_what_is_no_packet(self):
+        for words, status in ((("--src", "10.0.0.1", "--dst", "2001:db8::1"), 1), (("--src", "x", "--dst", "10.0.0.1"), 1),
+                              (("--src", "10.0.0.1", "--dst", "10.0.0.2", "--proto", "tpc"), 2)):
+            with self.subTest(words=words):
+                refused = self.daemon.ctl("explain", "--in", "lo", *words, check=False)
+                self.assertEqual(status, refused.returncode, refused.stderr)
+        self.assertEqual(2, self.daemon.ctl("explain", "--in", "nosuch0", "--src", "10.0.0.1", "--dst", "10.0.0.2",
+                                            check=False).returncode)
+
+    def test_counts_nothing_and_says_so(self):
+        self.assertEqual("this device forwards nothing and counts no packets\n",
+                         self.daemon.ctl("show", "policy-counters").stdout)
+        self.assertEqual(1, self.daemon.ctl("counters", "clear", check=False).returncode)
+
+    def test_watch_tells_acls_time_ranges_and_decisions(self):
+        watcher = Watcher(self.daemon)
+        self.addCleanup(watcher.close)
+
+        def begun():  # its first event shows that it watches
+            self.daemon.ctl("time-range", "9", "on")
+            self.daemon.ctl("time-range", "9", "off")
+            return watcher.of("time-range")
+        self.assertTrue(self.daemon.until(begun))
+        self.daemon.apply(POLICY)
+        self.assertTrue(self.daemon.until(lambda: watcher.of("decision")), watcher.events)
+        self.assertEqual(["permit udp from any to any port 5000-6999"],
+                         [event["ruleText"] for event in watcher.of("acl") if event["rule"] == 20])
+        decision = watcher.of("decision")[0]
+        self.assertEqual(("wan", 10, "not bound"), (decision["list"], decision["node"], decision["old"]))
+        self.daemon.ctl("acl", "del", "1501", "10")
+        self.assertTrue(self.daemon.until(lambda: [e for e in watcher.of("acl") if e["change"] == "rule gone"]))
+        self.assertRegex(watcher.events[0]["time"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+
+    def test_a_watcher_that_does_not_read_holds_nobody_up(self):
+        watcher = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, "watch", "--json"],
+                                   stdout=subprocess.PIPE)
+        self.addCleanup(watcher.stdout.close)
+        self.addCleanup(watcher.wait)
+        self.addCleanup(watcher.kill)
+        rules = {str(number): f"permit tcp from any to any port {number}" for number in range(1, 4001)}
+        for _ in range(2):
+            self.manage({"op": "acl.replace", "acl": 1501, "rules": rules})
+            self.manage({"op": "acl.replace", "acl": 1501, "rules": {}})
+        events = []
+        while not [event for event in events if event["event"] == "lost"]:
+            line = watcher.stdout.readline()
+            self.assertTrue(line, "the watcher ended")
+            events.append(json.loads(line))
+        self.assertGreater(events[-1]["count"], 0)
+
+
+class InTheLab(system_case.LabCase):
+    def test_explain_watch_and_counters_follow_the_packets(self):
+        hops = [self.next_hop("up1"), self.next_hop("up2")]
+        self.daemon.apply(f"""
+acls: {{1501: {{10: permit udp from any to any}}}}
+lists: {{wan: {{10: {{acl: 1501, next-hops: [{hops[0]}, {hops[1]}]}}}}}}
+bindings: {{lan0: wan}}
+""")
+        self.assertTrue(self.all_by("up1"))
+        before = self.daemon.json("show", "policy-counters")["counters"][0]["packets"]
+        self.assertEqual({"up1": 20}, {up: n for up, n in self.by_uplink(count=20).items() if n})
+        after = self.daemon.json("show", "policy-counters")["counters"][0]
+        self.assertEqual((before + 20, before + 20), (after["packets"], after["rules"][0]["packets"]))
+        said = self.daemon.json("explain", "--in", "lan0", "--src", "10.0.0.2", "--dst", "198.18.0.1", "--proto", "udp")
+        self.assertEqual(("policy", hops[0]), (said["verdict"], said["paths"][0]["gateway"]))
+        self.assertIn("comes first", said["hops"][1]["why"])
+        self.daemon.ctl("counters", "clear")
+        self.assertEqual(0, self.daemon.json("show", "policy-counters")["counters"][0]["packets"])
+
+
+if __name__ == "__main__":
+    system_case.main()
