@@ -44,8 +44,8 @@ std::string quoted(const std::string &word) {
 }
 
 // A decimal number of digits only, at most `most`; -1 for anything else.
-long numberOf(const std::string &word, long most) {
-    long value = -1;
+int64_t numberOf(const std::string &word, int64_t most) {
+    int64_t value = -1;
     const char *pEnd = word.data() + word.size();
     const auto result = std::from_chars(word.data(), pEnd, value);
     const bool isNumber = !word.empty() && word[0] != '-' && result.ec == std::errc() && result.ptr == pEnd;
@@ -146,7 +146,7 @@ private:
             return;
         }
         const int named = aclProtocolNumber(protocolWord);
-        const long number = named >= 0 ? named : numberOf(protocolWord, 255);
+        const int64_t number = named >= 0 ? named : numberOf(protocolWord, 255);
         if (number < 0) {
             refuse(std::string("expected ") + PROTOCOL_WORDS);
         }
@@ -189,8 +189,8 @@ private:
             parseWildcard(family, prefix);
             return prefix;
         }
-        const long most = family == 4 ? 32 : 128;
-        const long length = slash == std::string::npos ? most : numberOf(word.substr(slash + 1), most);
+        const int64_t most = family == 4 ? 32 : 128;
+        const int64_t length = slash == std::string::npos ? most : numberOf(word.substr(slash + 1), most);
         if (length < 0) {
             refuse("the prefix length must be a number 0 to " + std::to_string(most));
         }
@@ -278,10 +278,10 @@ private:
     // ---- ports and other ranges ----
 
     // N or N-M out of 0..most.
-    std::pair<long, long> parseRange(const std::string &word, const std::string &what, long most) const {
+    std::pair<int64_t, int64_t> parseRange(const std::string &word, const std::string &what, int64_t most) const {
         const size_t dash = word.find('-');
-        const long first = numberOf(word.substr(0, dash), most);
-        const long last = dash == std::string::npos ? first : numberOf(word.substr(dash + 1), most);
+        const int64_t first = numberOf(word.substr(0, dash), most);
+        const int64_t last = dash == std::string::npos ? first : numberOf(word.substr(dash + 1), most);
         if (first < 0 || last < 0) {
             refuse("expected " + what + ", numbers 0 to " + std::to_string(most));
         }
@@ -402,7 +402,7 @@ private:
         }
         const std::string word = take("an ICMP type");
         const int named = aclIcmpTypeNumber(version, word);
-        const long type = named >= 0 ? named : numberOf(word, 255);
+        const int64_t type = named >= 0 ? named : numberOf(word, 255);
         if (type < 0) {
             refuse("expected a type of " + versionName(version) + "'s ICMP: a number 0 to 255, or " +
                    aclIcmpTypeNames(version));
@@ -413,8 +413,8 @@ private:
         }
     }
 
-    long number(const char *pWhat, long most) {
-        const long value = numberOf(take(pWhat), most);
+    int64_t number(const char *pWhat, int64_t most) {
+        const int64_t value = numberOf(take(pWhat), most);
         if (value < 0) {
             refuse(std::string("expected ") + pWhat + ", a number 0 to " + std::to_string(most));
         }
@@ -424,7 +424,7 @@ private:
     void parseDscp() {
         const std::string word = take("a DSCP");
         const int named = aclDscpNumber(word);
-        const long value = named >= 0 ? named : numberOf(word, 63);
+        const int64_t value = named >= 0 ? named : numberOf(word, 63);
         if (value < 0) {
             refuse("expected a DSCP: a number 0 to 63, cs0 to cs7, af11 to af43, ef, va or le");
         }
@@ -446,8 +446,8 @@ private:
     void parseFragments() { rule.fragments = true; }
 
     void parseLength() {
-        const uint32_t least = version == 6 ? ACL_LENGTH_LEAST_6 : ACL_LENGTH_LEAST_4;
-        const uint32_t most = version == 4 ? ACL_LENGTH_MOST_4 : ACL_LENGTH_MOST_6;
+        const int64_t least = version == 6 ? ACL_LENGTH_LEAST_6 : ACL_LENGTH_LEAST_4;
+        const int64_t most = version == 4 ? ACL_LENGTH_MOST_4 : ACL_LENGTH_MOST_6;
         const char *pWhat = "a length in bytes N or a range N-M";
         const auto [first, last] = parseRange(take(pWhat), pWhat, ACL_LENGTH_MOST_6);
         if (first < least || last > most) {
