@@ -45,6 +45,15 @@ const List &freeListMust(const Running &running, const std::string &name) {
     return list;
 }
 
+// A node made again under the same name begins anew. index: none stands for all of the list.
+void otherwiseForget(Daemon &daemon, const Running &running, const std::string &list, std::optional<uint32_t> index) {
+    for (const NodePlace &drop : running.policy.otherwiseDrop) {
+        if (drop.first == list && (!index || drop.second == *index)) {
+            otherwiseSet(daemon, drop, false);
+        }
+    }
+}
+
 const Node &nodeMust(const List &list, uint32_t index) {
     const auto found = list.nodes.find(index);
     if (found == list.nodes.end()) {
@@ -260,6 +269,7 @@ void changeListDel(Daemon &daemon, const std::string &name) {
     const Running running = runningRead(daemon);
     (void)freeListMust(running, name);
     listRemove(daemon, name);
+    otherwiseForget(daemon, running, name, std::nullopt);
 }
 
 void changeNodeAdd(Daemon &daemon, const NodeChange &change) {
@@ -298,6 +308,17 @@ void changeNodeDel(Daemon &daemon, const std::string &list, uint32_t index) {
     const Running running = runningRead(daemon);
     (void)nodeMust(freeListMust(running, list), index);
     nodeRemove(daemon, list, index);
+    otherwiseForget(daemon, running, list, index);
+}
+
+void changeNodeOtherwise(Daemon &daemon, const std::string &list, uint32_t index, const std::string &what) {
+    const Running running = runningRead(daemon);
+    const Node &node = nodeMust(listMust(running, list), index);
+    if (what == "drop" && node.nextHops.empty() && node.outIfUnit == 0) {
+        throw Refused(place(list, index) + " has no next hop and no interface, so that nothing of it can become unusable. "
+                      "What to do: add them first.");
+    }
+    otherwiseSet(daemon, {list, index}, what == "drop");
 }
 
 void changeNextHopAdd(Daemon &daemon, const NextHopChange &change, std::ostream &err) {

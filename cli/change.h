@@ -45,6 +45,8 @@ void changeListDel(Daemon &daemon, const std::string &name);
 
 void changeNodeAdd(Daemon &daemon, const NodeChange &change);
 void changeNodeSet(Daemon &daemon, const NodeChange &change);
+// What its packets do while nothing of it is usable: "drop" or "normal". Also of a bound list.
+void changeNodeOtherwise(Daemon &daemon, const std::string &list, uint32_t index, const std::string &what);
 void changeNodeClear(Daemon &daemon, const std::string &list, uint32_t index);
 void changeNodeDel(Daemon &daemon, const std::string &list, uint32_t index);
 

@@ -202,6 +202,13 @@ void nodeAdd(CLI::App &app, Context &context) {
     runs(context, pSub, [=, &context] { changeNodeSet(context.daemon(), *pChange); });
     pSub = declare("clear", "Remove all next hops of a node, its IP version and VRF");
     runs(context, pSub, [=, &context] { changeNodeClear(context.daemon(), pChange->list, pChange->index); });
+    pSub = declare("otherwise", "What its packets do while no next hop and no interface of it is usable");
+    auto pWhat = holder<std::string>();
+    pSub->add_option("what", *pWhat, "normal: routed by the routing table; drop: dropped")
+        ->required()
+        ->check(CLI::IsMember({"normal", "drop"}));
+    runs(context, pSub,
+         [=, &context] { changeNodeOtherwise(context.daemon(), pChange->list, pChange->index, *pWhat); });
     pSub = declare("del", "Remove a node");
     runs(context, pSub, [=, &context] { changeNodeDel(context.daemon(), pChange->list, pChange->index); });
 }

@@ -125,7 +125,7 @@ std::string hopText(const NextHop &nextHop) {
     return probe.empty() ? address : flow({{"address", address}, {"probe", quoted(probe)}});
 }
 
-std::string nodeLine(const Node &node) {
+std::string nodeLine(const Node &node, bool isDrop) {
     std::vector<std::pair<std::string, std::string>> pairs;
     const auto give = [&pairs](bool isSaid, const char *pKey, const std::string &value) {
         if (isSaid) {
@@ -142,6 +142,7 @@ std::string nodeLine(const Node &node) {
     give(node.outIfUnit != 0, "interface", quoted(node.outIfName));
     give(node.vrf != 0, "vrf", std::to_string(node.vrf));
     give(node.priority != 0, "priority", std::to_string(node.priority));
+    give(isDrop, "otherwise", "drop");
     give(node.timeRange.has_value(), "time-range", std::to_string(node.timeRange.value_or(0)));
     return flow(pairs);
 }
@@ -150,7 +151,7 @@ void listsWrite(const Policy &policy, Lines &lines) {
     for (const auto &[name, list] : policy.lists) {
         lines.push_back("  " + quoted(name) + ":" + (list.nodes.empty() ? " {}" : ""));
         for (const auto &[index, node] : list.nodes) {
-            lines.push_back("    " + std::to_string(index) + ": " + nodeLine(node));
+            lines.push_back("    " + std::to_string(index) + ": " + nodeLine(node, policy.otherwiseDrop.count({name, index}) != 0));
         }
     }
 }

@@ -331,11 +331,25 @@ void timeRangesPut(Daemon &daemon, const std::map<uint32_t, TimeRange> &ranges) 
     (void)daemon.mgmt("timerange.replaceAll", {{"timeRanges", all}});
 }
 
+void otherwisePut(Daemon &daemon, const std::set<NodePlace> &drops) {
+    nlohmann::json rows = nlohmann::json::array();
+    for (const auto &[list, node] : drops) {
+        rows.push_back({{"list", list}, {"node", node}});
+    }
+    (void)daemon.mgmt("otherwise.replaceAll", {{"drop", rows}});
+}
+
+void otherwiseSet(Daemon &daemon, const NodePlace &place, bool isDrop) {
+    (void)daemon.mgmt("otherwise.set",
+                      {{"list", place.first}, {"node", place.second}, {"otherwise", isDrop ? "drop" : "normal"}});
+}
+
 void stepDo(Daemon &daemon, const Step &step) {
     const Binding &binding = step.binding;
     switch (step.kind) {
     case StepKind::ProbesPut: return probesPut(daemon, step.probes);
     case StepKind::RangesPut: return timeRangesPut(daemon, step.ranges);
+    case StepKind::OtherwisePut: return otherwisePut(daemon, step.drops);
     case StepKind::AclPut: return aclPut(daemon, step.acl, step.rules);
     case StepKind::AclRemove: return aclRemove(daemon, step.acl);
     case StepKind::Unbind: return bindRemove(daemon, binding.unit, binding.interface);

@@ -39,6 +39,10 @@ void aclRemove(Daemon &daemon, uint32_t acl);
 void probesPut(Daemon &daemon, const std::map<std::string, Probe> &probes);
 void timeRangesPut(Daemon &daemon, const std::map<uint32_t, TimeRange> &ranges);
 
+// Exactly these nodes drop their packets while nothing of them is usable; one node.
+void otherwisePut(Daemon &daemon, const std::set<NodePlace> &drops);
+void otherwiseSet(Daemon &daemon, const NodePlace &place, bool isDrop);
+
 // Does a step of a plan.
 void stepDo(Daemon &daemon, const Step &step);
 

@@ -120,6 +120,16 @@ void probesPut(const std::map<std::string, Probe> &before, const std::map<std::s
     }
 }
 
+void otherwisePut(const std::set<NodePlace> &before, const std::set<NodePlace> &after, std::vector<Step> &steps) {
+    if (before != after) {
+        Step step;
+        step.kind = StepKind::OtherwisePut;
+        step.drops = after;
+        step.dropsBefore = before;
+        steps.push_back(step);
+    }
+}
+
 void rangesPut(const std::map<uint32_t, TimeRange> &before, const std::map<uint32_t, TimeRange> &after,
                std::vector<Step> &steps) {
     if (before != after) {
@@ -333,6 +343,16 @@ void listLines(const Difference &difference, std::vector<std::string> &lines) {
     }
 }
 
+void otherwiseLines(const Difference &difference, std::vector<std::string> &lines) {
+    const std::set<NodePlace> &now = difference.running.otherwiseDrop, &then = difference.wanted.otherwiseDrop;
+    for (const auto &[list, node] : united(now, then)) {
+        const bool isNow = now.count({list, node}) != 0, isThen = then.count({list, node}) != 0;
+        if (isNow != isThen) {
+            lines.push_back((isThen ? "+ node " : "- node ") + list + "/" + std::to_string(node) + ": otherwise drop");
+        }
+    }
+}
+
 void bindingLines(const Difference &difference, std::vector<std::string> &lines) {
     for (const auto &[unit, now] : difference.boundNow) {
         const auto then = difference.boundThen.find(unit);
@@ -354,12 +374,13 @@ template <typename Map> bool isSame(const Map &now, const Map &then, const typen
     return (before == now.end()) == (after == then.end()) && (before == now.end() || before->second == after->second);
 }
 
-// Whether the ACL, a probe or the time range of one of the list's nodes changes.
+// Whether the ACL, a probe, the time range or the last resort of one of the list's nodes changes.
 bool surroundingsChange(const Difference &difference, const List &list) {
     const Policy &now = difference.running, &then = difference.wanted;
     return std::any_of(list.nodes.begin(), list.nodes.end(), [&](const auto &each) {
         const Node &node = each.second;
-        return !isSame(now.acls, then.acls, node.acl) ||
+        const NodePlace place{list.name, node.index};
+        return now.otherwiseDrop.count(place) != then.otherwiseDrop.count(place) || !isSame(now.acls, then.acls, node.acl) ||
                (node.timeRange && !isSame(now.timeRanges, then.timeRanges, *node.timeRange)) ||
                std::any_of(node.nextHops.begin(), node.nextHops.end(), [&](const NextHop &nextHop) {
                    return !isSame(now.probes, then.probes, probeNameOf(nextHop));
@@ -452,7 +473,9 @@ Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits)
     std::vector<Step> binds;
     const auto allProbes = united(running.probes, wanted.probes);
     const auto allRanges = united(running.timeRanges, wanted.timeRanges);
+    const auto allDrops = united(running.otherwiseDrop, wanted.otherwiseDrop);
     probesPut(running.probes, allProbes, plan.steps);
+    otherwisePut(running.otherwiseDrop, allDrops, plan.steps);
     rangesPut(running.timeRanges, allRanges, plan.steps);
     aclPuts(difference, false, plan.steps);
     unbinds(difference, plan.steps, binds);
@@ -463,10 +486,12 @@ Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits)
     aclRemovals(difference, plan.steps);
     rangesPut(allRanges, wanted.timeRanges, plan.steps);
     probesPut(allProbes, wanted.probes, plan.steps);
+    otherwisePut(allDrops, wanted.otherwiseDrop, plan.steps);
     aclLines(difference, plan.lines);
     valueLines("probe", running.probes, wanted.probes, probeText, plan.lines);
     valueLines("time-range", running.timeRanges, wanted.timeRanges, timeRangeText, plan.lines);
     listLines(difference, plan.lines);
+    otherwiseLines(difference, plan.lines);
     bindingLines(difference, plan.lines);
     limitsCheck(wanted, limits, plan.problems);
     heldFind(difference, plan.held);
@@ -478,6 +503,7 @@ Step stepUndo(const Step &step) {
     Step undo = step;
     switch (step.kind) {
     case StepKind::ProbesPut: std::swap(undo.probes, undo.probesBefore); break;
+    case StepKind::OtherwisePut: std::swap(undo.drops, undo.dropsBefore); break;
     case StepKind::RangesPut: std::swap(undo.ranges, undo.rangesBefore); break;
     case StepKind::AclPut:
         undo.kind = step.aclWasThere ? StepKind::AclPut : StepKind::AclRemove;
@@ -506,6 +532,7 @@ std::string stepText(const Step &step) {
     switch (step.kind) {
     case StepKind::ProbesPut: return "set the probes";
     case StepKind::RangesPut: return "set the time ranges";
+    case StepKind::OtherwisePut: return "set which nodes drop with nothing usable";
     case StepKind::AclPut: return (step.aclWasThere ? "change " : "make ") + acl;
     case StepKind::AclRemove: return "remove " + acl;
     case StepKind::Unbind: return "take list " + step.binding.list + " off " + step.binding.interface;
@@ -530,6 +557,7 @@ std::vector<std::string> stepPlaces(const Step &step, const std::string &refusal
     switch (step.kind) {
     case StepKind::ProbesPut: return {"probe " + probeNamedIn(refusal, step.probes), "probes"};
     case StepKind::RangesPut: return {"time-range " + digitsAfter(refusal, "range "), "time-ranges"};
+    case StepKind::OtherwisePut: return {"lists"};
     case StepKind::AclPut:
     case StepKind::AclRemove: return {acl + " rule " + digitsAfter(refusal, " rule "), acl, "acls"};
     case StepKind::Unbind:

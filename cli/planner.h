@@ -2,14 +2,15 @@
 // order that the daemon accepts. Pure: values in, values out, no socket.
 //
 // The daemon refuses changes of a list that is bound, and an ACL serves one node only. So the order is:
-//   1. make and change probes and time ranges, so that they stand before a node refers to them;
+//   1. make and change probes and time ranges, so that they stand before a node refers to them; let nodes drop
+//      that are to do so with nothing usable, so that none ever acts without;
 //   2. make new ACLs, and change those that no changed list uses;
 //   3. take lists that change off their interfaces; bind interfaces whose lists stay as they are
 //      directly to their new list;
 //   4. remove nodes that change or go, and lists that go;
 //   5. change the other ACLs;
 //   6. make lists and nodes; 7. bind;
-//   8. remove ACLs, time ranges and probes that go.
+//   8. remove ACLs, time ranges and probes that go; let nodes that are to do so route normally again.
 // What does not differ is not touched. Each step has an inverse, which brings back what was. The device
 // holds the lists concerned around the steps, so that packets see one change, not its steps.
 #ifndef CLI_PLANNER_H
@@ -25,6 +26,7 @@ namespace cli {
 
 enum class StepKind {
     ProbesPut,   // have exactly `probes`, instead of `probesBefore`
+    OtherwisePut, // drop with nothing usable: exactly nodes `drops`, instead of `dropsBefore`
     RangesPut,   // have exactly the time ranges `ranges`, instead of `rangesBefore`
     AclPut,      // make or replace an ACL with `rules`
     AclRemove,   // remove an ACL; `before` are its rules
@@ -47,6 +49,8 @@ struct Step {
     std::map<std::string, Probe> probesBefore;
     std::map<uint32_t, TimeRange> ranges;
     std::map<uint32_t, TimeRange> rangesBefore;
+    std::set<NodePlace> drops;
+    std::set<NodePlace> dropsBefore;
     std::string list;     // of lists and nodes
     bool listActive = true; // ListMake, ListRemove: it is activated
     Node node;            // NodeMake, NodeRemove

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/acl_text.h"
@@ -60,12 +62,17 @@ struct Binding {
     std::string list;
 };
 
+using NodePlace = std::pair<std::string, uint32_t>; // list, node
+
 struct Policy {
     std::map<uint32_t, AclRules> acls;
     std::map<std::string, Probe> probes; // by "administrator/test"
     std::map<uint32_t, TimeRange> timeRanges;
     std::map<std::string, List> lists;
     std::vector<Binding> bindings;
+    // Nodes whose packets are dropped while nothing of them is usable: the host keeps it beside the daemon, so
+    // that a node which goes does not take it along.
+    std::set<NodePlace> otherwiseDrop;
 };
 
 // What the daemon may hold, for checks before anything is changed.

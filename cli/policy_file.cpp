@@ -60,6 +60,7 @@ struct NodeReader {
     Node node;
     std::optional<int> hopVersion;  // IP version of its next hops
     bool complete = true;           // every key could be read
+    bool drops = false;             // otherwise: drop
 
     std::optional<uint32_t> number(const YAML::Node &value, const char *pWhat, uint32_t least, uint32_t most) {
         const auto read = numberOf(reader, value, place + ": " + pWhat, least, most);
@@ -195,6 +196,15 @@ void nodeTimeRangeRead(NodeReader &of, const YAML::Node &value) {
     }
 }
 
+void otherwiseRead(NodeReader &of, const YAML::Node &value) {
+    const auto what = textRead(of.reader, value, of.place + ": otherwise");
+    if (what != "drop" && what != "normal") {
+        return of.problem(value, "otherwise must be normal (routed by the routing table) or drop: what happens to its "
+                                 "packets while nothing of it is usable");
+    }
+    of.drops = what == "drop";
+}
+
 void nodeKeyRead(NodeReader &of, const std::string &name, const YAML::Node &key, const YAML::Node &value) {
     if (name == "acl") {
         nodeAclRead(of, value);
@@ -210,8 +220,10 @@ void nodeKeyRead(NodeReader &of, const std::string &name, const YAML::Node &key,
         of.node.vrf = of.number(value, "vrf", 0, UINT32_MAX).value_or(0);
     } else if (name == "time-range") {
         nodeTimeRangeRead(of, value);
+    } else if (name == "otherwise") {
+        otherwiseRead(of, value);
     } else {
-        of.problem(key, "unknown key '" + name + "'; known are acl, ecmp, interface, next-hops, priority, "
+        of.problem(key, "unknown key '" + name + "'; known are acl, ecmp, interface, next-hops, otherwise, priority, "
                         "time-range, vrf");
     }
 }
@@ -239,6 +251,9 @@ void nodeCheck(NodeReader &of, const YAML::Node &at) {
     if (node.outIfName.empty() && node.nextHops.empty() && node.priority == 0) {
         of.problem(at, "the node has no action: give it next-hops, an interface or a priority");
     }
+    if (of.drops && node.outIfName.empty() && node.nextHops.empty()) {
+        of.problem(at, "otherwise: drop needs next-hops or an interface, which could become unusable");
+    }
     node.ipVersion = aclVersion;
 }
 
@@ -261,6 +276,9 @@ void nodeRead(Reader &reader, List &list, const YAML::Node &key, const YAML::Nod
     }
     reader.place(of.place, key);
     list.nodes[*index] = of.node;
+    if (of.drops) {
+        reader.file.policy.otherwiseDrop.insert({list.name, *index});
+    }
 }
 
 void listsRead(Reader &reader, const YAML::Node &section) {

@@ -49,6 +49,13 @@ void aclsRead(Daemon &daemon, Running &running) {
     }
 }
 
+void otherwiseRead(Daemon &daemon, Running &running) {
+    const auto answer = daemon.mgmtIfThere("otherwise.show");
+    for (const auto &row : answer ? answer->value("drop", nlohmann::json::array()) : nlohmann::json::array()) {
+        running.policy.otherwiseDrop.insert({row.at("list").get<std::string>(), row.at("node").get<uint32_t>()});
+    }
+}
+
 void listsRead(Daemon &daemon, Running &running) {
     std::vector<client::ListRow> lists;
     must(client::listsRead(daemon.command(), lists), "read the lists");
@@ -117,6 +124,7 @@ Running runningRead(Daemon &daemon) {
     aclsRead(daemon, running);
     (void)probesRead(daemon, running.policy.probes);
     (void)timeRangesRead(daemon, running.policy.timeRanges);
+    otherwiseRead(daemon, running);
     listsRead(daemon, running);
     bindingsRead(daemon, running);
     client::ScalarRow scalars;

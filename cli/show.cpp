@@ -1,6 +1,7 @@
 // One function a report: read, make rows, print.
 #include "cli/show.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "cli/errors.h"
@@ -39,6 +40,16 @@ void printTable(const std::vector<Column> &columns, const json &rows, size_t mer
     } else {
         out << tableText(columns, rows, merged);
     }
+}
+
+// The column is there where some node does something else than usual.
+std::vector<Column> withOtherwise(std::vector<Column> columns, const json &rows, size_t at) {
+    const bool isSaid = std::any_of(rows.begin(), rows.end(),
+                                    [](const json &row) { return row.value("otherwise", "").compare(0, 4, "drop") == 0; });
+    if (isSaid) {
+        columns.insert(columns.begin() + static_cast<ptrdiff_t>(at), {"OTHERWISE", "otherwise"});
+    }
+    return columns;
 }
 
 // What a device entry does, in words.
@@ -148,10 +159,11 @@ void showNextHops(Daemon &daemon, bool asJson, std::ostream &out) {
     if (asJson) {
         return printJson(rows, out);
     }
-    printTable({{"LIST", "list"}, {"NODE", "node", true}, {"HOP", "index", true}, {"ADDRESS", "address"},
-                {"VRF", "vrf", true}, {"PROBE", "probe"}, {"REACHABLE", "reachable"}, {"CHOSEN", "chosen"},
-                {"IN DEVICE", "installed"}, {"WHY NOT", "why"}},
-               rows, 2, "no next hops", out);
+    const std::vector<Column> columns = {
+        {"LIST", "list"}, {"NODE", "node", true}, {"HOP", "index", true}, {"ADDRESS", "address"},
+        {"VRF", "vrf", true}, {"PROBE", "probe"}, {"REACHABLE", "reachable"}, {"CHOSEN", "chosen"},
+        {"IN DEVICE", "installed"}, {"WHY NOT", "why"}};
+    printTable(withOtherwise(columns, rows, columns.size() - 1), rows, 2, "no next hops", out);
 }
 
 void showAcls(Daemon &daemon, uint32_t acl, bool asJson, std::ostream &out) {
@@ -193,6 +205,7 @@ void showDevice(Daemon &daemon, bool asJson, std::ostream &out) {
     json rows = device.value("entries", json::array());
     for (auto &row : rows) {
         row["target"] = targetText(row);
+        row["otherwise"] = row.value("dropping", false) ? "drop (now)" : row.value("otherwise", "");
     }
     device.erase("entries");
     for (auto &[key, value] : device.items()) {
@@ -208,10 +221,11 @@ void showDevice(Daemon &daemon, bool asJson, std::ostream &out) {
     json head = json::array();
     flatten("", device, head);
     out << tableText({{"DEVICE", "name"}, {"", "value"}}, head) << "\n";
-    printTable({{"LIST", "list"}, {"NODE", "node", true}, {"INTERFACE", "interface"}, {"ACL", "acl", true},
-                {"ACTION", "action"}, {"TARGET", "target"}, {"VRF", "vrf", true}, {"PRIORITY", "priority", true},
-                {"INSTALLED", "installed"}, {"ERROR", "error"}},
-               rows, 2, "no entries", out);
+    const std::vector<Column> columns = {
+        {"LIST", "list"}, {"NODE", "node", true}, {"INTERFACE", "interface"}, {"ACL", "acl", true},
+        {"ACTION", "action"}, {"TARGET", "target"}, {"VRF", "vrf", true}, {"PRIORITY", "priority", true},
+        {"INSTALLED", "installed"}, {"ERROR", "error"}};
+    printTable(withOtherwise(columns, rows, columns.size() - 2), rows, 2, "no entries", out);
 }
 
 void showRecords(Daemon &daemon, bool asJson, std::ostream &out) {

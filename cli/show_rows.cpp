@@ -151,7 +151,14 @@ std::string whyNot(const HopState &state) {
     return error.empty() ? "not in the device yet" : error;
 }
 
-json hopRow(const std::string &list, const HopState &state) {
+// What happens to the packets of the node while no next hop is usable; "drop (now)" while that is so.
+std::string otherwiseText(const HopState &state, bool isDrop) {
+    const bool isNow = std::any_of(state.entries.begin(), state.entries.end(),
+                                   [](const json &entry) { return entry.value("dropping", false); });
+    return isDrop ? (isNow ? "drop (now)" : "drop") : "normal";
+}
+
+json hopRow(const std::string &list, const HopState &state, bool isDrop) {
     const json *pPeer = state.pPeer;
     return {{"list", list},
             {"node", state.node.index},
@@ -163,6 +170,7 @@ json hopRow(const std::string &list, const HopState &state) {
             {"chosen", state.deviceKnown ? json(state.chosen) : json()},
             {"installed", state.deviceKnown ? json(state.installed) : json()},
             {"why", whyNot(state)},
+            {"otherwise", otherwiseText(state, isDrop)},
             {"interface", pPeer == nullptr ? "" : pPeer->value("interface", "")},
             {"lladdr", pPeer == nullptr ? "" : pPeer->value("lladdr", "")}};
 }
@@ -192,7 +200,7 @@ json hopJson(const NextHop &nextHop) {
             {"active", nextHop.active}};
 }
 
-json nodeJson(const Node &node) {
+json nodeJson(const Node &node, bool isDrop) {
     json nextHops = json::array();
     for (const NextHop &nextHop : node.nextHops) {
         nextHops.push_back(hopJson(nextHop));
@@ -209,7 +217,8 @@ json nodeJson(const Node &node) {
             {"timeRange", node.timeRange ? json(*node.timeRange) : json()},
             {"nextHops", nextHops},
             {"match", nodeMatchText(node)},
-            {"action", nodeActionText(node)}};
+            {"otherwise", isDrop ? "drop" : "normal"},
+            {"action", nodeActionText(node) + (isDrop ? ", otherwise drop" : "")}};
 }
 
 } // namespace
@@ -219,7 +228,7 @@ json listRows(const Running &running) {
     for (const auto &[name, list] : running.policy.lists) {
         json nodes = json::array();
         for (const auto &[index, node] : list.nodes) {
-            nodes.push_back(nodeJson(node));
+            nodes.push_back(nodeJson(node, running.policy.otherwiseDrop.count({name, index}) != 0));
         }
         rows.push_back({{"list", name},
                         {"state", list.active ? "active" : "not activated"},
@@ -271,7 +280,7 @@ json nextHopRows(const Running &running, const Surroundings &around) {
                 HopState state{node, nextHop, bound, nullptr, {}, false, false, false};
                 state.pPeer = peerOf(around.peers, addressWrite(nextHop.address), node.vrf);
                 entriesJoin(state, view, name);
-                rows.push_back(hopRow(name, state));
+                rows.push_back(hopRow(name, state, running.policy.otherwiseDrop.count({name, index}) != 0));
             }
         }
     }

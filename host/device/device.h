@@ -118,6 +118,10 @@ public:
     // Removes everything of ours from the plane. Event thread. Result: empty, or why not.
     virtual std::string flush() = 0;
 
+    // What the host keeps beside the daemon about nodes of these lists changed (desired/otherwise.h). Event
+    // thread.
+    virtual void listsChanged(const std::set<std::string> &) {}
+
     // Compares store, device and plane as they are now, before anything is repaired, and calls `done` once
     // on the event thread with {"compared": bool, "entries", "interfaces", "repairs",
     // "differences": [notice...], "warnings": [notice...]}. Event thread.

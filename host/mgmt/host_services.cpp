@@ -16,6 +16,7 @@
 #include "host/mgmt/explain_ops.h"
 #include "host/mgmt/hold_ops.h"
 #include "host/mgmt/mgmt.h"
+#include "host/mgmt/otherwise_ops.h"
 #include "host/mgmt/service_ops.h"
 #include "host/mgmt/watch_ops.h"
 #include "host/nqa/nqa_service.h"
@@ -43,6 +44,7 @@ void registerAll() {
     watchOpsRegister();
     holdOpsRegister();
     confirmOpsRegister();
+    otherwiseOpsRegister();
     shellMgmtRegister();
     journalMgmtRegister();
 }
@@ -55,6 +57,7 @@ std::string journalStart() {
     }
     aclRestore();
     timerangeRestore();
+    otherwiseRestore();
     std::promise<void> isDone;
     hostEventLoop().post([&isDone] {
         nqaRestore();

@@ -89,6 +89,13 @@ class Vrf(system_case.LabCase):
             self.all_by("upc", family=family, port=53)
         self.assertNotIn("warning", self.daemon.ctl("check").stderr)
 
+    def test_a_rule_of_the_vrf_before_ours_is_warned_of(self):
+        for family in (4, 6):
+            self.route(family, f"{NET[family]} dev upa table {TABLE}")
+        self.route(4, f"default via {GATEWAY[4]} dev upc table {TABLE}")
+        self.rule(4, f"pref 500 iif lan0 lookup {TABLE}")
+        self.assertIn("takes every packet from lan0 before our rules", self.daemon.apply(policy(self.both(HOP, TABLE))).stderr)
+
 
 if __name__ == "__main__":
     system_case.main()

@@ -53,8 +53,9 @@ uint32_t DecisionTable::nextHopId(const RtNextHop &nextHop) {
     return 0;
 }
 
-uint32_t DecisionTable::acquire(uint8_t family, const std::vector<ProgramPath> &paths, std::string *pError) {
-    auto known = ids_.find({family, paths});
+uint32_t DecisionTable::acquire(uint8_t family, const std::vector<ProgramPath> &paths, bool drop,
+                                std::string *pError) {
+    auto known = ids_.find({family, drop, paths});
     if (known != ids_.end()) {
         decisions_[{family, known->second}].users++;
         return known->second;
@@ -71,9 +72,10 @@ uint32_t DecisionTable::acquire(uint8_t family, const std::vector<ProgramPath> &
             return 0;
         }
     }
-    ids_[{family, paths}] = id;
+    ids_[{family, drop, paths}] = id;
     Decision &decision = decisions_[{family, id}];
     decision.paths = paths;
+    decision.drop = drop;
     decision.users = 1;
     return id;
 }
@@ -106,7 +108,7 @@ void DecisionTable::drop() {
     std::map<RtNextHop, uint32_t> used;
     for (auto it = decisions_.begin(); it != decisions_.end();) {
         if (it->second.users == 0) {
-            ids_.erase({it->first.first, it->second.paths});
+            ids_.erase({it->first.first, it->second.drop, it->second.paths});
             it = decisions_.erase(it);
             continue;
         }
@@ -140,7 +142,7 @@ DecisionObjects DecisionTable::objectsOf(const DecisionKey &key) const {
     }
     const uint32_t table = options_.tableBase + key.second;
     objects.routes[{key.first, table, RT_METRIC}] = target;
-    objects.routes[{key.first, table, RT_THROW_METRIC}] = 0;
+    objects.routes[{key.first, table, RT_LAST_METRIC}] = decision.drop ? RT_BLACKHOLE : RT_THROW;
     objects.rule = {key.first, options_.rulePreference + key.second - 1,
                     key.second << kernelMarkShift(options_), options_.markMask, table};
     return objects;
@@ -185,14 +187,17 @@ bool DecisionTable::pathsOf(const RtImage &image, uint8_t family, uint32_t targe
 bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
     const uint32_t id = rule.table - options_.tableBase;
     auto route = image.routes.find({rule.family, rule.table, RT_METRIC});
+    const auto last = image.routes.find({rule.family, rule.table, RT_LAST_METRIC});
+    const bool drop = last != image.routes.end() && last->second == RT_BLACKHOLE;
     std::vector<ProgramPath> paths;
     if (id == 0 || id > kernelMarkLimit(options_) || route == image.routes.end() || route->second == 0 ||
-        !pathsOf(image, rule.family, route->second, &paths) || ids_.count({rule.family, paths}) != 0) {
+        !pathsOf(image, rule.family, route->second, &paths) || ids_.count({rule.family, drop, paths}) != 0) {
         return false;
     }
     const DecisionKey key{rule.family, id};
     decisions_[key].paths = paths;
-    ids_[{rule.family, paths}] = id;
+    decisions_[key].drop = drop;
+    ids_[{rule.family, drop, paths}] = id;
     // A set that shrank with a link is still reached by the group's id: not what we would make.
     const DecisionObjects objects = objectsOf(key);
     const bool isSameGroup =
@@ -201,7 +206,7 @@ bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
         return true;
     }
     decisions_.erase(key);
-    ids_.erase({rule.family, paths});
+    ids_.erase({rule.family, drop, paths});
     return false;
 }
 

@@ -1,6 +1,6 @@
 // The decisions that packets are marked with: which id stands for which paths. Pure.
 //
-// A decision is shared by all nodes with the same paths. Id n of a family means: mark n in our field,
+// A decision is shared by all nodes with the same paths that do the same when none is left. Id n of a family means: mark n in our field,
 // routing table base + n, rule preference base + n - 1. Next-hop objects are shared by all decisions;
 // two or more paths make a group of the decision's own.
 // A decision without users stays known until it is dropped, because the kernel may still hold it.
@@ -29,6 +29,7 @@ using DecisionKey = std::pair<uint8_t, uint32_t>; // family, id
 
 struct Decision {
     std::vector<ProgramPath> paths;
+    bool drop = false;        // what no path takes is dropped: its table ends there, whoever removes the route above
     uint32_t users = 0;       // nodes whose packets get this mark
     bool installed = false;   // the kernel holds all of it
     std::string error;        // why the kernel does not take it; its users route as usual meanwhile
@@ -53,7 +54,7 @@ public:
     void nextHopTakenSet(std::function<bool(uint32_t id)> taken) { nextHopTaken_ = std::move(taken); }
 
     // The id for these paths, with one user more. Result: 0 and *pError when there is none left.
-    uint32_t acquire(uint8_t family, const std::vector<ProgramPath> &paths, std::string *pError);
+    uint32_t acquire(uint8_t family, const std::vector<ProgramPath> &paths, bool drop, std::string *pError);
     void release(uint8_t family, uint32_t id);
 
     // Takes over decisions that the kernel already holds whole: their ids and next-hop ids are kept.
@@ -76,7 +77,12 @@ public:
     RtImage wanted() const;
 
 private:
-    using Content = std::pair<uint8_t, std::vector<ProgramPath>>;
+    struct Content {
+        uint8_t family = 4;
+        bool drop = false;
+        std::vector<ProgramPath> paths;
+        auto operator<=>(const Content &) const = default;
+    };
     uint32_t freeId(uint8_t family);
     uint32_t nextHopId(const RtNextHop &nextHop);
     bool adoptOne(const RtImage &image, const RtRule &rule);

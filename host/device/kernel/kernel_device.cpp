@@ -309,6 +309,21 @@ void KernelDevice::aclChanged(uint32_t aclNum) {
     }
 }
 
+// Of lists that have no entries there is nothing to compile; when they get some, the answer is asked for.
+void KernelDevice::listsChanged(const std::set<std::string> &lists) {
+    std::lock_guard guard(lock_);
+    std::vector<std::string> changed;
+    for (const std::string &list : lists) {
+        if (state_.lists.count(list) != 0) {
+            changed.push_back(list);
+        }
+    }
+    listsCompile(changed);
+    if (!isFlushed_) {
+        apply();
+    }
+}
+
 void KernelDevice::worldChanged() {
     std::lock_guard guard(lock_);
     if (!isHeld_) {
@@ -493,9 +508,13 @@ nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector
             row["reason"] = status.reason;
             row["packets"] = packetsOf(list, key, packets);
             nlohmann::json ids = nlohmann::json::array();
+            bool isDropped = false;
             for (const NodeKey &node : plane_.model().nodesOf(list, key)) {
                 ids.push_back(plane_.model().decisionOf(node));
+                isDropped = isDropped || plane_.model().isDropped(node);
             }
+            row["otherwise"] = hooks_.env.drops && hooks_.env.drops(list, entry.nodeIndex) ? "drop" : "normal";
+            row["dropping"] = isDropped && isInKernel;
             row["decisions"] = std::move(ids);
             shown.push_back(std::move(row));
         }
@@ -514,7 +533,8 @@ nlohmann::json KernelDevice::decisionsShow() const {
         }
         const RtRule rule = plane_.model().decisions().objectsOf(key).rule;
         shown.push_back({{"id", key.second}, {"ipVersion", key.first}, {"mark", rule.mark}, {"table", rule.table},
-                         {"preference", rule.preference}, {"paths", std::move(paths)}, {"users", decision.users},
+                         {"preference", rule.preference}, {"paths", std::move(paths)}, {"otherwise", decision.drop ? "drop" : "normal"},
+                         {"users", decision.users},
                          {"installed", decision.installed}, {"error", decision.error}});
     }
     return shown;

@@ -69,6 +69,7 @@ public:
     void hold(const std::set<std::string> &lists) override;
     std::vector<EntryError> release() override;
     std::string flush() override;
+    void listsChanged(const std::set<std::string> &lists) override;
     void check(std::function<void(nlohmann::json)> done) override;
     void storeCompare() override;
     std::vector<DeviceNotice> warnings() override;

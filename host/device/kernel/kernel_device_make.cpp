@@ -1,4 +1,5 @@
 // The kernel device on the real world: options, view, ACLs, routes, links, peers, event thread.
+#include "host/device/desired/otherwise.h"
 #include "host/device/kernel/kernel_device.h"
 #include "host/hrd/hrd_service.h"
 #include "host/nqa/nqa_probes.h"
@@ -17,6 +18,7 @@ std::unique_ptr<Device> kernelDeviceMake() {
     hooks.env.rules = aclSnapshot;
     hooks.env.link = ifnetByUnit;
     hooks.env.egress = fibLookup;
+    hooks.env.drops = otherwiseDrops;
     hooks.take = desiredStateTake;
     hooks.get = [](uint32_t ifUnit, uint32_t aclNum) -> std::optional<RedirectEntry> {
         PbrRedirect redirect = {};

@@ -124,7 +124,8 @@ void KernelModel::decisionSet(const NodeKey &key, Node &node) {
     node.decision = 0;
     node.error.clear();
     if (!node.program.decision.paths.empty()) {
-        node.decision = decisions_.acquire(key.family, node.program.decision.paths, &node.error);
+        node.decision = decisions_.acquire(key.family, node.program.decision.paths, node.program.decision.drop,
+                                            &node.error);
     }
     if (old != 0) {
         decisions_.release(key.family, old);
@@ -156,7 +157,8 @@ std::string KernelModel::errorOf(const NodeKey &key) const {
 void KernelModel::actionSet(const NodeKey &key, const Node &node) {
     const bool isFailed = !errorOf(key).empty();
     const uint8_t precedence = isFailed ? uint8_t{0} : node.program.decision.precedence;
-    chainSet(kernelActionChain(key), kernelActionRules(key, effective(key, node), precedence, options_), key, false);
+    chainSet(kernelActionChain(key),
+             kernelActionRules(key, effective(key, node), precedence, options_, node.program.decision.drop), key, false);
 }
 
 void KernelModel::decisionChanged(const DecisionKey &key) {
@@ -300,7 +302,7 @@ std::vector<NftRule> KernelModel::rulesOf(const std::string &name, const Chain &
     if (chain.node) {
         const Node &node = nodes_.at(*chain.node);
         const uint8_t precedence = errorOf(*chain.node).empty() ? node.program.decision.precedence : uint8_t{0};
-        return kernelActionRules(*chain.node, effective(*chain.node, node), precedence, options_);
+        return kernelActionRules(*chain.node, effective(*chain.node, node), precedence, options_, node.program.decision.drop);
     }
     if (name == KERNEL_BASE_CHAIN) {
         return kernelBaseRules(options_);
@@ -492,6 +494,11 @@ uint32_t KernelModel::decisionOf(const NodeKey &key) const {
 std::string KernelModel::refusedOf(const NodeKey &key) const {
     auto it = nodes_.find(key);
     return it == nodes_.end() ? "unknown to the device" : it->second.refused;
+}
+
+bool KernelModel::isDropped(const NodeKey &key) const {
+    auto it = nodes_.find(key);
+    return it != nodes_.end() && it->second.refused.empty() && it->second.program.decision.drop && effective(key, it->second) == 0;
 }
 
 KernelEntryStatus KernelModel::status(const std::string &list, const EntryKey &key) const {

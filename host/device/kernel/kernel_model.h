@@ -7,7 +7,7 @@
 //
 // A node of which the kernel refused the rules, or whose rules could never match what the kernel shows
 // us, is left out (refused) until its list is set again; a decision that the kernel refused makes its
-// nodes route as usual.
+// nodes route as usual, or drop where they ask for that.
 #ifndef HOST_DEVICE_KERNEL_KERNEL_MODEL_H
 #define HOST_DEVICE_KERNEL_KERNEL_MODEL_H
 
@@ -84,7 +84,8 @@ public:
     DecisionTable &decisions() { return decisions_; }
     const DecisionTable &decisions() const { return decisions_; }
     const std::map<std::string, ProgramList> &lists() const { return lists_; }
-    uint32_t decisionOf(const NodeKey &key) const; // 0: routed as usual
+    uint32_t decisionOf(const NodeKey &key) const; // 0: routed as usual, or dropped
+    bool isDropped(const NodeKey &key) const;      // its packets are dropped now
     std::string refusedOf(const NodeKey &key) const; // why the node's rules are left out; empty: they are not
 
 private:

@@ -201,7 +201,7 @@ void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, 
                              [item](RtImage &image) { image.groups[item.first] = item.second; }});
         }
     }
-    // The throw route first: a table is never without it while a rule leads there.
+    // The last route first: a table is never without it while a rule leads there.
     for (auto it = objects.routes.rbegin(); it != objects.routes.rend(); ++it) {
         if (!holds(held.routes, it->first, it->second)) {
             steps.push_back({rtRouteMessage(verb(held.routes, it->first), it->first, it->second), key,

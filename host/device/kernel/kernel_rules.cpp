@@ -209,9 +209,13 @@ std::vector<NftRule> kernelMatchRules(const NodeKey &key, const ProgramNode &nod
 }
 
 std::vector<NftRule> kernelActionRules(const NodeKey &key, uint32_t id, uint8_t precedence,
-                                       const KernelOptions &options) {
+                                       const KernelOptions &options, bool drop) {
     std::vector<NftExpr> exprs;
     exprs.push_back(counter());
+    if (id == 0 && drop) {
+        exprs.push_back(nftVerdict(NF_DROP));
+        return {ruleOf(std::move(exprs), "nothing usable")};
+    }
     if (precedence != 0) {
         precedenceSet(exprs, key.family, precedence);
     }

@@ -3,7 +3,7 @@
 //   prerouting        (base chain) skips marked packets, then by family and interface name: goto
 //   inF/IFACE         skips packets for this machine and for groups, then a jump per node in node order
 //   matchF/LIST/NODE  one rule an ACL rule: permit goes to the action, deny returns (next node)
-//   doF/LIST/NODE     one rule: precedence, mark, accept. A changed decision rewrites this rule only.
+//   doF/LIST/NODE     one rule: precedence, mark, accept; or drop. A changed decision rewrites this rule only.
 //   defrag            no packet comes here; that its rule exists makes the kernel reassemble fragments
 //                     before prerouting, without tracking connections
 //
@@ -56,9 +56,9 @@ std::vector<NftRule> kernelMatchRules(const NodeKey &key, const ProgramNode &nod
 // Why the rules cannot be installed exactly where fragments are reassembled; empty: they can. Lock: none
 std::string kernelDefragRefusal(const ProgramNode &node, int family);
 
-// id: the decision's, 0 to route as usual; precedence 1..7 or 0.
+// id: the decision's; 0 to route as usual, or, when `drop`, to drop. precedence 1..7 or 0.
 std::vector<NftRule> kernelActionRules(const NodeKey &key, uint32_t id, uint8_t precedence,
-                                       const KernelOptions &options);
+                                       const KernelOptions &options, bool drop = false);
 
 } // namespace host
 

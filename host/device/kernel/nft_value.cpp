@@ -68,6 +68,7 @@ std::string place(const NftExpr &expr) {
 std::string verdictText(const NftExpr &expr) {
     switch (static_cast<int32_t>(expr.a)) {
     case NF_ACCEPT: return "accept";
+    case NF_DROP: return "drop";
     case NFT_RETURN: return "return";
     case NFT_JUMP: return "jump " + expr.name;
     case NFT_GOTO: return "goto " + expr.name;

@@ -152,6 +152,8 @@ private:
     void compile(const RedirectEntry &entry, ProgramEntry &result) {
         const std::shared_ptr<const AclRules> rules = rulesOf(entry.aclNum);
         Outcome outcome = decide(entry, env_);
+        // A node that sends nowhere of itself has nothing that could become unusable.
+        outcome.decision.drop = entry.kind != PBR_REDIRECT_PRIORITY_ONLY && env_.drops && env_.drops(list_, entry.nodeIndex);
         result.error = outcome.error;
         result.reason = outcome.reason;
         if (!rules) {

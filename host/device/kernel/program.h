@@ -7,8 +7,9 @@
 //
 // Pure: no kernel, no globals, no clock; everything that must be asked comes through ProgramEnv.
 // What a plane that sees only real packets cannot express exactly is refused here, entry by entry,
-// with a text. A refused entry never yields anything wider: its traffic is routed as usual where the
-// match can be expressed (so that no later node catches it), else the entry is left out.
+// with a text. A refused entry never yields anything wider: its traffic is routed as usual (dropped where
+// the node asks for that) where the match can be expressed (so that no later node catches it), else the
+// entry is left out.
 #ifndef HOST_DEVICE_KERNEL_PROGRAM_H
 #define HOST_DEVICE_KERNEL_PROGRAM_H
 
@@ -34,6 +35,8 @@ struct ProgramEnv {
     std::function<std::shared_ptr<const AclRules>(uint32_t aclNum)> rules;  // null: no such ACL
     std::function<std::optional<IfnetLink>(uint32_t unit)> link;            // none: no such interface
     std::function<std::optional<FibEgress>(uint32_t vrfid, int version, const IpAddress &address)> egress;
+    // Whether a node's packets are dropped while nothing is usable; empty: of none.
+    std::function<bool(const std::string &list, uint32_t nodeIndex)> drops;
 };
 
 // One way out of the machine. Onlink: the gateway is asked for on the interface whatever the routes say.
@@ -45,10 +48,12 @@ struct ProgramPath {
     auto operator<=>(const ProgramPath &) const = default;
 };
 
-// What happens to a matched packet. No paths: routed as usual, and no later node is asked.
+// What happens to a matched packet. No paths, or none that works: routed as usual or dropped, and no later
+// node is asked.
 struct ProgramDecision {
     uint8_t precedence = 0;         // 1..7: new IP precedence, 0 unchanged
     std::vector<ProgramPath> paths; // ascending, no path twice; two or more: the traffic is spread
+    bool drop = false;              // what no path takes is dropped
     auto operator<=>(const ProgramDecision &) const = default;
 };
 

@@ -53,7 +53,9 @@ void routeTake(const nlmsghdr *pMessage, RtImage *pImage) {
     const NetlinkAttrs attrs(pMessage, sizeof *pHeader);
     const RtRouteKey key{familyOf(pHeader->rtm_family), attrs.u32(RTA_TABLE).value_or(pHeader->rtm_table),
                          attrs.u32(RTA_PRIORITY).value_or(0)};
-    pImage->routes[key] = pHeader->rtm_type == RTN_THROW ? 0 : attrs.u32(RTA_NH_ID).value_or(UINT32_MAX);
+    pImage->routes[key] = pHeader->rtm_type == RTN_THROW       ? RT_THROW
+                          : pHeader->rtm_type == RTN_BLACKHOLE ? RT_BLACKHOLE
+                                                               : attrs.u32(RTA_NH_ID).value_or(RT_STRANGE);
 }
 
 RtGroup groupOf(const nlattr *pAttr) {
@@ -136,11 +138,11 @@ NetlinkMessage rtRouteMessage(RtVerb verb, const RtRouteKey &key, uint32_t nextH
     rtmsg header = {};
     header.rtm_family = familyNumber(key.family);
     header.rtm_protocol = FIB_PROTO_POLICYROUTE;
-    header.rtm_type = nextHop == 0 ? RTN_THROW : RTN_UNICAST;
+    header.rtm_type = nextHop == RT_THROW ? RTN_THROW : nextHop == RT_BLACKHOLE ? RTN_BLACKHOLE : RTN_UNICAST;
     header.rtm_scope = isAdd || key.family == 6 ? RT_SCOPE_UNIVERSE : RT_SCOPE_NOWHERE; // nowhere: any
     message.header(header);
     message.putU32(RTA_TABLE, key.table).putU32(RTA_PRIORITY, key.metric);
-    if (nextHop != 0 && isAdd) {
+    if (header.rtm_type == RTN_UNICAST && isAdd) {
         message.putU32(RTA_NH_ID, nextHop);
     }
     return message;

@@ -26,7 +26,12 @@ struct RtRule {
 };
 
 constexpr uint32_t RT_METRIC = 1;               // of the route over the next hop
-constexpr uint32_t RT_THROW_METRIC = UINT32_MAX; // of the route that sends the look-up on to other tables
+constexpr uint32_t RT_LAST_METRIC = UINT32_MAX; // of the route for when the one above is gone
+
+// Where a route leads, beside the ids of next hops.
+constexpr uint32_t RT_THROW = 0;                  // on to other tables: the packet is routed as usual
+constexpr uint32_t RT_BLACKHOLE = UINT32_MAX - 1; // the packet is dropped
+constexpr uint32_t RT_STRANGE = UINT32_MAX;       // something that we do not make
 
 struct RtRouteKey { // always the default prefix
     uint8_t family = 4;
@@ -46,7 +51,7 @@ using RtGroup = std::vector<std::pair<uint32_t, uint32_t>>; // (next-hop id, wei
 
 struct RtImage {
     std::set<RtRule> rules;
-    std::map<RtRouteKey, uint32_t> routes; // -> next-hop id; 0: throw
+    std::map<RtRouteKey, uint32_t> routes; // -> next-hop id, RT_THROW, RT_BLACKHOLE
     std::map<uint32_t, RtNextHop> nextHops;
     std::map<uint32_t, RtGroup> groups;
     std::set<std::pair<uint8_t, uint32_t>> foreignPreferences; // (family, preference), family, table, id:

@@ -77,9 +77,13 @@ void rulesJudge(const Surroundings &around, Notices &notices) {
                                    ", which are ours (host.mark-mask " + markText(around.markMask) + ")",
                                "give one of the two other bits: host.mark-mask, or the other program's mask"});
         }
-        if (rule.takesAll && rule.preference < around.lastPreference[rule.family == 6]) {
+        const bool isAsked = rule.iif.empty() || std::any_of(around.bound.begin(), around.bound.end(), [&](const auto &bound) {
+            return bound.ifName == rule.iif;
+        });
+        if (rule.takesAll && isAsked && rule.preference < around.lastPreference[rule.family == 6]) {
             notices.push_back({"rule-before",
-                               place + " of another program takes every packet before our rules up to " +
+                               place + " of another program takes every packet" +
+                                   (rule.iif.empty() ? "" : " from " + rule.iif) + " before our rules up to " +
                                    std::to_string(around.lastPreference[rule.family == 6]) + " are asked",
                                "give it a greater preference, or host.rule-preference a smaller one"});
         }

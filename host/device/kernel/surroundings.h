@@ -29,7 +29,8 @@ struct Surroundings {
     struct Rule { // a routing rule that is not ours
         uint8_t family = 4;
         uint32_t preference = 0, mark = 0, mask = 0, table = 0;
-        bool takesAll = false;            // no selector, and its look-up ends every packet's way
+        bool takesAll = false;            // no selector but `iif`, and its look-up ends every packet's way
+        std::string iif;                  // only packets that came in there; empty: all
     };
     struct Address { // of an interface
         uint32_t ifUnit = 0;

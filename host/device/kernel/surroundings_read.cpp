@@ -23,7 +23,7 @@ std::optional<int> sysctlRead(const std::string &name) {
 }
 
 bool isSelective(const fib_rule_hdr &header, const NetlinkAttrs &attrs) {
-    constexpr uint16_t selectors[] = {FRA_IIFNAME, FRA_OIFNAME, FRA_UID_RANGE, FRA_IP_PROTO, FRA_SPORT_RANGE,
+    constexpr uint16_t selectors[] = {FRA_OIFNAME, FRA_UID_RANGE, FRA_IP_PROTO, FRA_SPORT_RANGE,
                                       FRA_DPORT_RANGE, FRA_L3MDEV, FRA_TUN_ID, FRA_FLOW};
     const bool isNamed = std::any_of(std::begin(selectors), std::end(selectors), [&](uint16_t type) {
         return attrs.has(type) && (type != FRA_L3MDEV || attrs.u8(type) != 0);
@@ -49,6 +49,7 @@ void ruleTake(const nlmsghdr *pMessage, const std::function<bool(uint8_t, uint32
     rule.mark = attrs.u32(FRA_FWMARK).value_or(0);
     rule.mask = attrs.u32(FRA_FWMASK).value_or(0);
     rule.table = attrs.u32(FRA_TABLE).value_or(pHeader->table);
+    rule.iif = attrs.string(FRA_IIFNAME);
     const bool isEnd = pHeader->action == FR_ACT_BLACKHOLE || pHeader->action == FR_ACT_UNREACHABLE ||
                        pHeader->action == FR_ACT_PROHIBIT;
     const bool isLookup = pHeader->action == FR_ACT_TO_TBL && rule.table != LOCAL_TABLE;

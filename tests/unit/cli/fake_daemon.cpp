@@ -691,6 +691,13 @@ json FakeDaemon::mgmt(const json &request) {
     if (op == "counters") {
         return {{"ok", true}, {"bus", {{"lost", 0}}}};
     }
+    if (op == "otherwise.show") {
+        answer["drop"] = json::array();
+        for (const auto &[list, node] : held.drops) {
+            answer["drop"].push_back({{"list", list}, {"node", node}});
+        }
+        return answer;
+    }
     if (op == "device.check") {
         answer.update(checked);
         return answer;
@@ -745,6 +752,16 @@ json FakeDaemon::mgmt(const json &request) {
         held.probes = request["probes"].get<std::map<std::string, json>>();
     } else if (op == "timerange.replaceAll") {
         held.timeRanges = request["timeRanges"].get<std::map<std::string, json>>();
+    } else if (op == "otherwise.replaceAll") {
+        held.drops.clear();
+        for (const auto &row : request["drop"]) {
+            held.drops.insert({row["list"], row["node"]});
+        }
+    } else if (op == "otherwise.set") {
+        held.drops.erase({request["list"], request["node"]});
+        if (request["otherwise"] == "drop") {
+            held.drops.insert({request["list"], request["node"]});
+        }
     } else if (op == "acl.replace") {
         held.acls[acl].clear();
         for (const auto &[number, text] : request["rules"].items()) {

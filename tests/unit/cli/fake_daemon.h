@@ -38,6 +38,7 @@ struct FakeStore {
     std::map<uint32_t, std::map<uint32_t, std::string>> acls;
     std::map<std::string, nlohmann::json> probes; // configured, by "administrator/test"
     std::map<std::string, nlohmann::json> timeRanges;
+    std::set<std::pair<std::string, uint32_t>> drops; // nodes that drop with nothing usable
     bool operator==(const FakeStore &) const = default;
 };
 

@@ -170,11 +170,12 @@ TEST_F(CheckTest, AStrictReversePathFilterIsWarnedOfWhereAnswersComeAnotherWay) 
 }
 
 TEST_F(CheckTest, RulesOfOthersThatMeetOursAreWarnedOf) {
+    world_.defaultTables.insert(254);
     run("ip rule add pref 20000 fwmark 0x00300000/0x00f00000 lookup 77");
     run("ip rule add pref 20001 fwmark 0x5/0xff lookup 77");
     run("ip rule add pref 900 lookup main suppress_prefixlength 0");
     run("ip rule add pref 901 from 10.0.0.0/8 lookup main");
-    run("ip rule add pref 902 iif lan0 lookup main");
+    run("ip rule add pref 902 iif up1 lookup main");
     const std::string texts = textsOf(checked()["warnings"]);
     EXPECT_EQ(texts, "mark-overlap: IPv4 rule 20000 of another program looks at mark bits 0xf00000, which are ours "
                      "(host.mark-mask 0xfff00000)\n");
@@ -182,6 +183,9 @@ TEST_F(CheckTest, RulesOfOthersThatMeetOursAreWarnedOf) {
     EXPECT_EQ(textsOf(checked()["warnings"]), texts);
     world_.defaultTables.insert(77);
     EXPECT_NE(textsOf(checked()["warnings"]).find("rule-before: IPv4 rule 14000"), std::string::npos);
+    run("ip rule add pref 903 iif lan0 lookup main");
+    EXPECT_NE(textsOf(checked()["warnings"]).find("rule-before: IPv4 rule 903 of another program takes every packet from lan0"),
+              std::string::npos);
     run("ip -6 rule add pref 14001 unreachable");
     const std::string more = textsOf(checked()["warnings"]);
     EXPECT_NE(more.find("rule-before: IPv6 rule 14001 of another program takes every packet"), std::string::npos) << more;
@@ -261,7 +265,8 @@ TEST(SurroundingsTest, ForwardingMattersOnlyToFamiliesThatAreSteered) {
 
 TEST(SurroundingsTest, OnlyARuleBeforeOursTakesPacketsFromUs) {
     Surroundings around = healthy();
-    around.rules = {{4, 15002, 0, 0, 254, true}, {4, 15003, 0, 0, 254, true}, {6, 1, 0, 0, 254, false}};
+    around.rules = {{4, 15002, 0, 0, 254, true, ""}, {4, 15003, 0, 0, 254, true, ""}, {6, 1, 0, 0, 254, false, ""},
+                    {4, 5, 0, 0, 254, true, "other0"}};
     EXPECT_EQ(codesOf(around), std::vector<std::string>{"rule-before"});
     around.lastPreference[0] = 0;
     EXPECT_EQ(codesOf(around), std::vector<std::string>{}) << "we have no rule that could be missed";

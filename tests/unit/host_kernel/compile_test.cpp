@@ -401,7 +401,7 @@ TEST_F(CompileTest, ASetIsAGroupOfSharedNextHops) {
     EXPECT_EQ(image.groups.begin()->first, GROUP_ID_BASE_IPV4 + 2);
     EXPECT_EQ(image.routes.at({4, 1000001, RT_METRIC}), NEXT_HOP_ID_BASE + 1);
     EXPECT_EQ(image.routes.at({4, 1000002, RT_METRIC}), GROUP_ID_BASE_IPV4 + 2);
-    EXPECT_EQ(image.routes.at({4, 1000002, RT_THROW_METRIC}), 0u);
+    EXPECT_EQ(image.routes.at({4, 1000002, RT_LAST_METRIC}), 0u);
     EXPECT_EQ(image.rules.count({4, 15001, 0x00200000, 0xfff00000, 1000002}), 1u);
 }
 

@@ -261,6 +261,7 @@ ProgramEnv World::env() {
         auto it = routes.find({version, to});
         return it == routes.end() ? std::nullopt : std::optional(it->second);
     };
+    env.drops = [this](const std::string &list, uint32_t node) { return drops.count({list, node}) != 0; };
     return env;
 }
 

@@ -94,6 +94,7 @@ public:
     std::set<std::string> marked;
     std::map<uint32_t, std::shared_ptr<const host::AclRules>> acls;
     std::map<std::pair<int, IpAddress>, host::FibEgress> routes;
+    std::set<std::pair<std::string, uint32_t>> drops; // nodes that drop with nothing usable
     std::set<uint32_t> defaultTables; // tables but the main one that have a default route
     std::map<uint32_t, host::IfnetLink> fakeLinks; // when not empty: these instead of the kernel's
     bool undetermined = false;
