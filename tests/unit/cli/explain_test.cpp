@@ -78,11 +78,11 @@ TEST(ExplainText, NamesNodeRuleWayAndWhyNotTheOthers) {
               "sent to 198.51.100.1 out of up2 (table 1000001)\n"
               "next hop 1 192.0.2.1: not used: unreachable: no answer\n"
               "next hop 2 198.51.100.1: used\n");
-    EXPECT_EQ(explainText(policyAnswer(), true).substr(0, 150),
-              "list wan node 10 (ACL 1501): matched\n"
-              "  rule 10 deny tcp from any to any: miss: another protocol\n"
-              "  rule 20 permit ip from any to any: match\n"
-              "list wan");
+    const std::string rules = "list wan node 10 (ACL 1501): matched\n"
+                              "  rule 10 deny tcp from any to any: miss: another protocol\n"
+                              "  rule 20 permit ip from any to any: match\n"
+                              "list wan node 10: ";
+    EXPECT_EQ(explainText(policyAnswer(), true).substr(0, rules.size()), rules);
 }
 
 TEST(ExplainText, SaysWhyAPacketIsRoutedAsUsual) {

@@ -755,12 +755,13 @@ json FakeDaemon::mgmt(const json &request) {
     } else if (op == "otherwise.replaceAll") {
         held.drops.clear();
         for (const auto &row : request["drop"]) {
-            held.drops.insert({row["list"], row["node"]});
+            held.drops.emplace(row["list"].get<std::string>(), row["node"].get<uint32_t>());
         }
     } else if (op == "otherwise.set") {
-        held.drops.erase({request["list"], request["node"]});
+        const std::pair<std::string, uint32_t> place(request["list"], request["node"]);
+        held.drops.erase(place);
         if (request["otherwise"] == "drop") {
-            held.drops.insert({request["list"], request["node"]});
+            held.drops.insert(place);
         }
     } else if (op == "acl.replace") {
         held.acls[acl].clear();

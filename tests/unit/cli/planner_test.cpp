@@ -90,6 +90,10 @@ struct Model {
             now.probes = step.probes;
             expectProbesAndRangesOfNodes();
             break;
+        case StepKind::OtherwisePut:
+            ASSERT_TRUE(now.otherwiseDrop == step.dropsBefore);
+            now.otherwiseDrop = step.drops;
+            break;
         case StepKind::RangesPut:
             ASSERT_TRUE(now.timeRanges == step.rangesBefore);
             now.timeRanges = step.ranges;
