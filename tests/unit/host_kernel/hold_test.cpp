@@ -105,7 +105,8 @@ TEST_F(HoldTest, ANewListIsInstalledAtTheEnd) {
     EXPECT_EQ(device().add(unitOf("lan1"), 5001, nullptr), 0);
     store();
     EXPECT_FALSE(has(table(), "lab"));
-    for (const auto &entry : device().show()["entries"]) {
+    const nlohmann::json shown = device().show();
+    for (const auto &entry : shown["entries"]) {
         EXPECT_EQ(entry["installed"], entry["list"] != "lab") << entry;
     }
     EXPECT_TRUE(device().release().empty());
