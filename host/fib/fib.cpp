@@ -23,11 +23,13 @@
 #include <utility>
 
 #include "host/event/event_loop.h"
+#include "host/fib/fib_asleep.h"
 #include "host/fib/fib_parse.h"
 #include "host/fib/fib_table.h"
 #include "host/logging/host_log.h"
 #include "host/netlink/netlink_monitor.h"
 #include "host/netlink/netlink_socket.h"
+#include "host/option/option.h"
 
 namespace host {
 
@@ -41,11 +43,14 @@ constexpr milliseconds RETRY{100};
 constexpr milliseconds LONGEST_WAIT{10000};
 constexpr uint32_t MAIN_TABLE = RT_TABLE_MAIN;
 constexpr uint32_t LINK_FLAGS = IFF_UP | IFF_RUNNING | IFF_LOWER_UP; // what the kernel's routes depend on
+constexpr std::chrono::seconds WAKING{10}; // a link that comes up has its addresses back by then
 constexpr int DUMP_ATTEMPTS = 2; // a table that keeps changing is read again later instead
 
 struct State {
     std::shared_mutex lock;
     FibTables tables;                               // under lock; written on the event thread
+    FibAsleep asleep;                               // the same
+    bool isGatewayWay = true;                       // option host.next-hop-via-gateway; set at start
     std::mutex callbackLock;
     std::vector<std::function<void()>> changed;     // under callbackLock
     std::atomic<uint64_t> tableReads{0}, resyncs{0};
@@ -53,7 +58,11 @@ struct State {
     // Event thread only, after start.
     std::unique_ptr<NetlinkSocket> pSocket;
     std::unique_ptr<NetlinkMonitor> pMonitor;
-    std::map<int, uint32_t> linkFlags;              // by interface index
+    struct Link {
+        uint32_t flags = 0;                         // of LINK_FLAGS
+        bool hasMaster = false;                     // a port, or of a VRF
+    };
+    std::map<uint32_t, Link> links;                 // by interface index
     std::set<std::pair<int, uint32_t>> stale;       // (version, table) to be read again
     bool allStale = false;
     bool tellScheduled = false, readScheduled = false;
@@ -129,18 +138,69 @@ void nexthopMessage(const nlmsghdr *pMessage) {
     }
 }
 
+const State::Link *linkOf(uint32_t ifIndex) {
+    const auto found = state().links.find(ifIndex);
+    return found == state().links.end() ? nullptr : &found->second;
+}
+
+// The link was set down: what is connected through it is asleep from now on. The kernel says so before it
+// takes the routes away.
+void linkSleeps(uint32_t ifIndex) {
+    const std::unique_lock guard(state().lock);
+    for (const FibNetwork &network : state().tables.networksOf(ifIndex)) {
+        state().asleep.add(network);
+    }
+}
+
+void linkWakes(uint32_t ifIndex) {
+    const State::Link *pLink = linkOf(ifIndex);
+    if (pLink != nullptr && (pLink->flags & IFF_UP) != 0) {
+        {
+            const std::unique_lock guard(state().lock);
+            state().asleep.linkDel(ifIndex);
+        }
+        scheduleTell();
+    }
+}
+
 void linkMessage(const nlmsghdr *pMessage) {
     const ifinfomsg *pInfo = netlinkHeader<ifinfomsg>(pMessage);
     if (pInfo == nullptr || pInfo->ifi_family != AF_UNSPEC) {
         return;
     }
-    const uint32_t flags = pMessage->nlmsg_type == RTM_NEWLINK ? pInfo->ifi_flags & LINK_FLAGS : 0;
-    uint32_t &held = state().linkFlags[pInfo->ifi_index];
-    if (held == flags) {
+    const uint32_t ifIndex = static_cast<uint32_t>(pInfo->ifi_index);
+    const bool isGone = pMessage->nlmsg_type == RTM_DELLINK;
+    const uint32_t flags = isGone ? 0 : pInfo->ifi_flags & LINK_FLAGS;
+    State::Link &link = state().links[ifIndex];
+    link.hasMaster = NetlinkAttrs(pMessage, sizeof(ifinfomsg)).has(IFLA_MASTER);
+    const uint32_t held = std::exchange(link.flags, flags);
+    if (isGone) {
+        state().links.erase(ifIndex);
+        const std::unique_lock guard(state().lock);
+        state().asleep.linkDel(ifIndex);
+    } else if ((held & IFF_UP) != 0 && (flags & IFF_UP) == 0) {
+        linkSleeps(ifIndex);
+    } else if ((held & IFF_UP) == 0 && (flags & IFF_UP) != 0) {
+        hostEventLoop().timerStart(WAKING, [ifIndex] { linkWakes(ifIndex); });
+    }
+    if (held != flags) {
+        staleAll();
+    }
+}
+
+// Addresses of links that are down. IPv6 addresses go by themselves with their link: that tells nothing.
+void addressTake(const nlmsghdr *pMessage) {
+    const std::optional<FibAddressMessage> message = fibParseAddress(pMessage);
+    const State::Link *pLink = message ? linkOf(message->ifIndex) : nullptr;
+    if (pLink == nullptr || (pLink->flags & IFF_UP) != 0) {
         return;
     }
-    held = flags;
-    staleAll();
+    const std::unique_lock guard(state().lock);
+    if (pMessage->nlmsg_type == RTM_NEWADDR && !pLink->hasMaster) {
+        state().asleep.add({message->version, MAIN_TABLE, message->prefix, message->prefixLen, message->ifIndex});
+    } else if (pMessage->nlmsg_type == RTM_DELADDR && message->version == 4) {
+        state().asleep.networkDel(message->ifIndex, 4, message->prefix, message->prefixLen);
+    }
 }
 
 void receive(const nlmsghdr *pMessage) {
@@ -154,8 +214,14 @@ void receive(const nlmsghdr *pMessage) {
     case RTM_NEWLINK:
     case RTM_DELLINK:
         return linkMessage(pMessage);
-    case RTM_DELADDR: // routes that preferred this source are gone, silently
-        return staleAll();
+    case RTM_NEWADDR:
+        return addressTake(pMessage);
+    case RTM_DELADDR:
+        addressTake(pMessage);
+        if (netlinkHeader<ifaddrmsg>(pMessage) != nullptr && netlinkHeader<ifaddrmsg>(pMessage)->ifa_family == AF_INET) {
+            staleAll(); // routes that preferred this source are gone, silently
+        }
+        return;
     default:
         return;
     }
@@ -277,15 +343,22 @@ void readStale() {
     tell();
 }
 
-std::string readLinkFlags() {
+std::string readLinks() {
     NetlinkMessage request(RTM_GETLINK, 0);
     request.header(ifinfomsg{});
     const NetlinkDumpResult result = state().pSocket->dump(request, [](const nlmsghdr *pMessage) {
         if (const ifinfomsg *pInfo = netlinkHeader<ifinfomsg>(pMessage)) {
-            state().linkFlags[pInfo->ifi_index] = pInfo->ifi_flags & LINK_FLAGS;
+            state().links[static_cast<uint32_t>(pInfo->ifi_index)] = {
+                pInfo->ifi_flags & LINK_FLAGS, NetlinkAttrs(pMessage, sizeof(ifinfomsg)).has(IFLA_MASTER)};
         }
     });
     return netlinkErrorText("read the links", result.error);
+}
+
+std::string readAddresses() {
+    NetlinkMessage request(RTM_GETADDR, 0);
+    request.header(ifaddrmsg{});
+    return netlinkErrorText("read the addresses", state().pSocket->dump(request, addressTake).error);
 }
 
 } // namespace
@@ -297,7 +370,10 @@ uint32_t fibTableOfVrf(uint32_t vrfid) {
 
 std::optional<FibEgress> fibLookup(uint32_t vrfid, int version, const std::array<uint8_t, 16> &address) {
     const std::shared_lock guard(state().lock);
-    return state().tables.lookup(version, fibTableOfVrf(vrfid), address);
+    const uint32_t table = fibTableOfVrf(vrfid);
+    const std::optional<FibEgress> egress =
+        state().tables.lookup(version, table, address, state().asleep.longest(version, table, address));
+    return egress && egress->hasGateway && !state().isGatewayWay ? std::nullopt : egress;
 }
 
 void fibOnChange(std::function<void()> changed) {
@@ -315,12 +391,14 @@ std::string fibStart() {
         state().pMonitor = std::make_unique<NetlinkMonitor>(
             NETLINK_ROUTE,
             std::vector<uint32_t>{RTNLGRP_LINK, RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE, RTNLGRP_NEXTHOP,
-                                  RTNLGRP_IPV4_IFADDR},
+                                  RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR},
             receive, lost);
     } catch (const std::exception &error) {
         return std::string("follow the routes: ") + error.what();
     }
-    std::string failure = readLinkFlags();
+    state().isGatewayWay = optionGet("host.next-hop-via-gateway") != "off";
+    std::string failure = readLinks();
+    failure = failure.empty() ? readAddresses() : failure;
     const bool again = failure.empty() && readAll(failure);
     if (!failure.empty()) {
         return failure;

@@ -1,6 +1,7 @@
 // Route and next-hop messages: see the header.
 #include "host/fib/fib_parse.h"
 
+#include <linux/if_addr.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
@@ -125,6 +126,24 @@ std::optional<FibNexthopMessage> fibParseNexthop(const nlmsghdr *pMessage) {
         std::memcpy(&member, group.data() + at, sizeof(member));
         nexthop.members.push_back(member.id);
     }
+    return message;
+}
+
+std::optional<FibAddressMessage> fibParseAddress(const nlmsghdr *pMessage) {
+    const ifaddrmsg *pHeader = netlinkHeader<ifaddrmsg>(pMessage);
+    if (pHeader == nullptr || versionOf(pHeader->ifa_family) == 0) {
+        return std::nullopt;
+    }
+    const std::vector<uint8_t> address = NetlinkAttrs(pMessage, sizeof(ifaddrmsg)).bytes(IFA_ADDRESS);
+    FibAddressMessage message;
+    message.ifIndex = pHeader->ifa_index;
+    message.version = versionOf(pHeader->ifa_family);
+    message.prefixLen = pHeader->ifa_prefixlen;
+    if (address.size() != (message.version == 4 ? 4u : 16u) || message.prefixLen > 8 * address.size()) {
+        return std::nullopt;
+    }
+    std::copy(address.begin(), address.end(), message.prefix.begin());
+    message.prefix = fibMask(message.prefix, message.prefixLen);
     return message;
 }
 

@@ -29,6 +29,17 @@ struct FibNexthopMessage {
 // The object of an RTM_NEWNEXTHOP or RTM_DELNEXTHOP message.
 std::optional<FibNexthopMessage> fibParseNexthop(const nlmsghdr *pMessage);
 
+struct FibAddressMessage {
+    uint32_t ifIndex = 0;
+    int version = 4;
+    FibAddress prefix{}; // the network that the address opens, masked
+    uint32_t prefixLen = 0;
+};
+
+// The network of an RTM_NEWADDR or RTM_DELADDR message; none when malformed. Of a point-to-point address it
+// is the peer's.
+std::optional<FibAddressMessage> fibParseAddress(const nlmsghdr *pMessage);
+
 } // namespace host
 
 #endif

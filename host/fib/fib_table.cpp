@@ -128,6 +128,25 @@ size_t FibTables::routeCount() const {
     return count;
 }
 
+std::vector<FibNetwork> FibTables::networksOf(uint32_t ifIndex) const {
+    const auto isOnLink = [&](const FibLeg &leg) { return leg.ifIndex == ifIndex && leg.gatewayVersion == 0; };
+    std::vector<FibNetwork> networks;
+    for (const auto &[key, table] : tables_) {
+        for (const auto &[len, prefixes] : table) {
+            for (const auto &[prefix, routes] : prefixes) {
+                const bool isConnected = std::any_of(routes.begin(), routes.end(), [&](const FibRoute &route) {
+                    const std::vector<FibLeg> legs = legsOf(route);
+                    return route.type == RTN_UNICAST && std::any_of(legs.begin(), legs.end(), isOnLink);
+                });
+                if (isConnected) {
+                    networks.push_back({key.first, key.second, prefix, len, ifIndex});
+                }
+            }
+        }
+    }
+    return networks;
+}
+
 // The legs of a route: those of its next-hop object when we know it (groups have no groups inside).
 std::vector<FibLeg> FibTables::legsOf(const FibRoute &route) const {
     const auto found = nexthops_.find(route.nexthopId);
@@ -164,12 +183,16 @@ const FibLeg *FibTables::usable(const std::vector<FibLeg> &legs) const {
     return pSecondBest;
 }
 
-std::optional<FibLeg> FibTables::legTo(int version, uint32_t table, const FibAddress &address) const {
+std::optional<FibLeg> FibTables::legTo(int version, uint32_t table, const FibAddress &address,
+                                       uint32_t shortest) const {
     const auto found = tables_.find({version, table});
     if (found == tables_.end()) {
         return std::nullopt;
     }
     for (const auto &[len, prefixes] : found->second) {
+        if (len < shortest) {
+            break; // the longest came first
+        }
         const auto routes = prefixes.find(fibMask(address, len));
         if (routes == prefixes.end()) {
             continue;
@@ -187,14 +210,15 @@ std::optional<FibLeg> FibTables::legTo(int version, uint32_t table, const FibAdd
     return std::nullopt;
 }
 
-std::optional<FibEgress> FibTables::lookup(int version, uint32_t table, const FibAddress &address) const {
-    std::optional<FibLeg> leg = legTo(version, table, address);
+std::optional<FibEgress> FibTables::lookup(int version, uint32_t table, const FibAddress &address,
+                                           uint32_t shortest) const {
+    std::optional<FibLeg> leg = legTo(version, table, address, shortest);
     if (!leg) {
         return std::nullopt;
     }
     FibEgress egress{leg->ifIndex, leg->gatewayVersion != 0, leg->gateway, leg->gatewayVersion};
     if (egress.ifIndex == 0) {
-        leg = legTo(egress.gatewayVersion, table, egress.gateway);
+        leg = legTo(egress.gatewayVersion, table, egress.gateway, 0);
         if (!leg || leg->gatewayVersion != 0) {
             return std::nullopt;
         }

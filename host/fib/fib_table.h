@@ -37,6 +37,15 @@ struct FibRoute {
     std::vector<FibLeg> legs;
 };
 
+struct FibNetwork { // what a route without gateway says: these addresses are on this link
+    int version = 4;
+    uint32_t table = 0;
+    FibAddress prefix{}; // masked
+    uint32_t prefixLen = 0;
+    uint32_t ifIndex = 0;
+    bool operator==(const FibNetwork &) const = default;
+};
+
 struct FibNexthop {
     FibLeg leg;                     // of a single next hop
     bool blackhole = false;
@@ -67,8 +76,12 @@ public:
     void nexthopSet(uint32_t id, FibNexthop nexthop);
     void nexthopDel(uint32_t id);
 
-    // fibLookup for a table.
-    std::optional<FibEgress> lookup(int version, uint32_t table, const FibAddress &address) const;
+    // fibLookup for a table, among the routes whose prefix has at least `shortest` bits.
+    std::optional<FibEgress> lookup(int version, uint32_t table, const FibAddress &address,
+                                    uint32_t shortest = 0) const;
+
+    // The networks connected through this link, in all tables.
+    std::vector<FibNetwork> networksOf(uint32_t ifIndex) const;
 
     size_t routeCount() const;
 
@@ -83,7 +96,7 @@ private:
     std::vector<FibLeg> legsOf(const FibRoute &route) const;
     const FibLeg *usable(const std::vector<FibLeg> &legs) const;
     // The leg that leads to the address, before a gateway without interface is resolved.
-    std::optional<FibLeg> legTo(int version, uint32_t table, const FibAddress &address) const;
+    std::optional<FibLeg> legTo(int version, uint32_t table, const FibAddress &address, uint32_t shortest) const;
 
     std::map<std::pair<int, uint32_t>, Table> tables_;
     std::unordered_map<uint32_t, FibNexthop> nexthops_;

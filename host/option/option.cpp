@@ -59,6 +59,7 @@ struct Choice {
 };
 const Choice CHOICES[] = {
     {"host.device", {"kernel", "memory"}},
+    {"host.next-hop-via-gateway", {"on", "off"}},
     {"host.defrag", {"on", "off"}},
     {"host.read-others", {"yes", "no"}},
     {"host.journal", {"on", "off"}},

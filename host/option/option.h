@@ -18,6 +18,7 @@ namespace host {
     X("host.root", "", "folder below which every socket and file of this run is put")              \
     X("host.device", "kernel", "forwarding plane: kernel or memory")                                \
     X("host.neighbour-probe-ms", "1000", "longest time in ms between two confirmations of a next hop") \
+    X("host.next-hop-via-gateway", "on", "on: a next hop beyond a connected network is followed by its gateway") \
     X("host.mark-mask", "0xfff00000", "bits of the packet mark that are ours")                      \
     X("host.rule-preference", "15000", "preference of our first policy rule")                       \
     X("host.table-base", "1000000", "number of our first routing table")                            \

@@ -65,6 +65,23 @@ class FailsClosed(system_case.LabCase):
         for family in (4, 6):
             self.all_by("upa", seconds=15, family=family)
 
+    def test_an_uplink_that_is_set_down_opens_no_way_through_the_default_route(self):
+        self.daemon.apply(policy(both("upa", otherwise="drop")))
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+        netlab.run("ip link set upa down", "rtr")
+        self.addCleanup(netlab.run, "ip link set upa up", "rtr")
+        for family in (4, 6):
+            self.nothing_arrives(family=family)
+            self.all_by("upb", family=family, port=53)
+        for _ in range(3):  # and it stays so
+            for family in (4, 6):
+                self.assertEqual({}, self.by_uplink(family=family))
+        netlab.run("ip link set upa up", "rtr")
+        self.lab.link("upa", "up")
+        for family in (4, 6):
+            self.all_by("upa", seconds=15, family=family)
+
     def test_a_restart_without_an_apply_stays_closed(self):
         self.daemon.apply(policy(both("upa", otherwise="drop")))
         self.lab.silence("upa")

@@ -2,6 +2,10 @@
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
+#include <vector>
+
+#include "host/fib/fib_asleep.h"
 #include "host/fib/fib_table.h"
 #include "lab.h"
 
@@ -179,6 +183,57 @@ TEST(FibTables, ATableReadAnewReplacesOnlyItself) {
     EXPECT_EQ(egressOf(tables, "10.0.0.1", 11), 2u);
     tables.tableTake(4, 10, fresh);
     EXPECT_EQ(egressOf(tables, "10.0.0.1", 10), 0u) << "nothing was read of it";
+}
+
+TEST(FibTables, ALookUpMayAskForPrefixesOfSomeLength) {
+    FibTables tables;
+    tables.routeAppend(4, TABLE, route("0.0.0.0", 0, {leg(1)}));
+    tables.routeAppend(4, TABLE, route("10.1.0.0", 24, {leg(2)}));
+    for (uint32_t shortest : {0u, 24u, 25u}) {
+        const auto egress = tables.lookup(4, TABLE, lab::address("10.1.0.5"), shortest);
+        EXPECT_EQ(egress ? egress->ifIndex : 0u, shortest == 25 ? 0u : 2u) << shortest;
+    }
+    EXPECT_FALSE(tables.lookup(4, TABLE, lab::address("8.8.8.8"), 1));
+}
+
+TEST(FibTables, TheNetworksOfALinkAreItsRoutesWithoutGateway) {
+    FibTables tables;
+    tables.routeAppend(4, TABLE, route("0.0.0.0", 0, {leg(7, "10.1.0.2")}));
+    tables.routeAppend(4, TABLE, route("10.1.0.0", 24, {leg(7)}));
+    tables.routeAppend(4, TABLE, route("10.2.0.0", 24, {leg(8), leg(7)}));
+    tables.routeAppend(4, TABLE, route("10.3.0.0", 24, {leg(8)}));
+    tables.routeAppend(6, 10, route("2001:db8::", 64, {leg(7)}));
+    const std::vector<host::FibNetwork> expected = {{4, TABLE, lab::address("10.1.0.0"), 24, 7},
+                                                    {4, TABLE, lab::address("10.2.0.0"), 24, 7},
+                                                    {6, 10, lab::address("2001:db8::"), 64, 7}};
+    EXPECT_TRUE(std::ranges::is_permutation(tables.networksOf(7), expected));
+    EXPECT_TRUE(tables.networksOf(9).empty());
+}
+
+TEST(FibAsleep, TheLongestNetworkOfTheTableTells) {
+    host::FibAsleep asleep;
+    asleep.add({4, TABLE, lab::address("10.0.0.0"), 8, 1});
+    asleep.add({4, TABLE, lab::address("10.1.0.0"), 24, 2});
+    asleep.add({6, TABLE, lab::address("2001:db8::"), 32, 2});
+    EXPECT_EQ(asleep.longest(4, TABLE, lab::address("10.1.0.9")), 24u);
+    EXPECT_EQ(asleep.longest(4, TABLE, lab::address("10.9.0.9")), 8u);
+    EXPECT_EQ(asleep.longest(4, TABLE, lab::address("11.0.0.1")), 0u);
+    EXPECT_EQ(asleep.longest(4, 10, lab::address("10.1.0.9")), 0u);
+    EXPECT_EQ(asleep.longest(6, TABLE, lab::address("2001:db8:1::")), 32u);
+    asleep.networkDel(1, 4, lab::address("10.1.0.0"), 24); // not this link's
+    EXPECT_EQ(asleep.longest(4, TABLE, lab::address("10.1.0.9")), 24u);
+    asleep.networkDel(2, 4, lab::address("10.1.0.0"), 24);
+    EXPECT_EQ(asleep.longest(4, TABLE, lab::address("10.1.0.9")), 8u);
+    asleep.linkDel(2);
+    EXPECT_EQ(asleep.longest(6, TABLE, lab::address("2001:db8:1::")), 0u);
+}
+
+TEST(FibAsleep, ShortPrefixesAreWaysAndNoNetworks) {
+    host::FibAsleep asleep;
+    asleep.add({4, TABLE, lab::address("0.0.0.0"), 7, 1});
+    asleep.add({6, TABLE, lab::address("2000::"), 31, 1});
+    EXPECT_EQ(asleep.longest(4, TABLE, lab::address("1.1.1.1")), 0u);
+    EXPECT_EQ(asleep.longest(6, TABLE, lab::address("2000::1")), 0u);
 }
 
 } // namespace

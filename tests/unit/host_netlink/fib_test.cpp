@@ -129,11 +129,118 @@ TEST(Fib, RoutesThatVanishWithALinkAreGoneAndComeBackWithIt) {
         for (int flap = 0; flap < 3; ++flap) {
             lab::run("ip link set a0 down");
             EXPECT_WAY("b0 via 10.2.0.2", "8.8.8.8");
-            EXPECT_WAY("b0 via 10.2.0.2", "10.1.0.5"); // its connected route went with it
+            EXPECT_WAY("none", "10.1.0.5"); // its network is there, behind the link
             lab::run("ip link set a0 up && ip route replace default via 10.1.0.2 metric 10");
             EXPECT_WAY("a0 via 10.1.0.2", "8.8.8.8");
             EXPECT_WAY("a0", "10.1.0.5");
         }
+    });
+}
+
+// A default route of both versions through the link that stays.
+void defaultThroughB() {
+    lab::run("ip route add default via 10.2.0.2");
+    lab::run("ip -6 route add default via 2001:db8:b::2");
+}
+
+TEST(Fib, ANetworkWhoseLinkIsSetDownIsNotBehindAnotherRoute) {
+    lab::inNamespace([] {
+        Uplinks uplinks;
+        defaultThroughB();
+        start();
+        lab::run("ip link set a0 down");
+        EXPECT_WAY("none", "10.1.0.5");
+        EXPECT_WAY("none", "2001:db8:a::5");
+        EXPECT_EQ(way("10.1.1.5"), "b0 via 10.2.0.2"); // only what was on the link
+        EXPECT_EQ(way("2001:db8:a:1::5"), "b0 via 2001:db8:b::2");
+        lab::run("ip link set a0 up");
+        EXPECT_WAY("a0", "10.1.0.5");
+        EXPECT_EQ(way("2001:db8:a::5"), "none"); // its address is not back yet
+        lab::run("ip -6 addr add 2001:db8:a::1/64 dev a0 nodad");
+        EXPECT_WAY("a0", "2001:db8:a::5");
+    });
+}
+
+TEST(Fib, ANetworkOfAVrfsTableStaysItsLinksToo) {
+    lab::inNamespace([] {
+        Uplinks uplinks;
+        lab::run("ip route add 10.1.0.0/24 dev a0 table 10");
+        lab::run("ip route add default via 10.2.0.2 table 10");
+        lab::run("ip -6 route add 2001:db8:a::/64 dev a0 table 10");
+        lab::run("ip -6 route add default via 2001:db8:b::2 table 10");
+        start();
+        lab::run("ip link set a0 down");
+        EXPECT_WAY("none", "10.1.0.5", 10);
+        EXPECT_WAY("none", "2001:db8:a::5", 10);
+    });
+}
+
+TEST(Fib, ARouteToTheVeryNetworkCountsWhileItsLinkIsDown) {
+    lab::inNamespace([] {
+        Uplinks uplinks;
+        defaultThroughB();
+        start();
+        lab::run("ip link set a0 down");
+        EXPECT_WAY("none", "10.1.0.5");
+        lab::run("ip route add 10.1.0.0/24 via 10.2.0.7");
+        EXPECT_WAY("b0 via 10.2.0.7", "10.1.0.5");
+        lab::run("ip -6 route add 2001:db8:a::5/128 via 2001:db8:b::7");
+        EXPECT_WAY("b0 via 2001:db8:b::7", "2001:db8:a::5");
+        EXPECT_EQ(way("2001:db8:a::6"), "none");
+    });
+}
+
+TEST(Fib, AWayThroughALinkIsNoNetworkOfTheLink) {
+    lab::inNamespace([] {
+        Uplinks uplinks;
+        defaultThroughB();
+        lab::run("ip route add 0.0.0.0/1 dev a0");
+        lab::run("ip -6 route add 2000::/3 dev a0");
+        start();
+        EXPECT_EQ(way("8.8.8.8"), "a0");
+        lab::run("ip link set a0 down");
+        EXPECT_WAY("b0 via 10.2.0.2", "8.8.8.8");
+        EXPECT_WAY("b0 via 2001:db8:b::2", "2001:db9::1");
+    });
+}
+
+TEST(Fib, ALinkThatIsGoneOrLosesItsAddressHoldsNoNetwork) {
+    lab::inNamespace([] {
+        Uplinks uplinks;
+        defaultThroughB();
+        start();
+        lab::run("ip link set a0 down");
+        EXPECT_WAY("none", "10.1.0.5");
+        lab::run("ip addr del 10.1.0.1/24 dev a0");
+        EXPECT_WAY("b0 via 10.2.0.2", "10.1.0.5");
+        EXPECT_EQ(way("2001:db8:a::5"), "none");
+        lab::run("ip link del a0");
+        EXPECT_WAY("b0 via 2001:db8:b::2", "2001:db8:a::5");
+    });
+}
+
+TEST(Fib, TheAddressesOfALinkThatIsDownAtTheStartAreItsNetworks) {
+    lab::inNamespace([] {
+        Uplinks uplinks;
+        defaultThroughB();
+        lab::run("ip link set a0 down");
+        start();
+        EXPECT_EQ(way("10.1.0.5"), "none");
+        lab::run("ip addr add 10.7.0.1/24 dev a0");
+        EXPECT_WAY("none", "10.7.0.5");
+    });
+}
+
+TEST(Fib, WithoutWaysViaGatewaysOnlyConnectedNetworksAreReached) {
+    lab::inNamespace([] {
+        ASSERT_EQ(host::optionLoad({"host.next-hop-via-gateway=off"}, "/dev/null"), "");
+        Uplinks uplinks;
+        defaultThroughB();
+        start();
+        EXPECT_EQ(way("8.8.8.8"), "none");
+        EXPECT_EQ(way("2001:db9::1"), "none");
+        EXPECT_EQ(way("10.1.0.5"), "a0");
+        EXPECT_EQ(way("2001:db8:b::5"), "b0");
     });
 }
 
