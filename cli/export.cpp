@@ -11,6 +11,7 @@
 #include "cli/planner.h"
 #include "cli/policy_file.h"
 #include "cli/running.h"
+#include "schedule/schedule_text.h"
 
 namespace cli {
 
@@ -92,17 +93,17 @@ void probesWrite(const Policy &policy, Lines &lines) {
     }
 }
 
-std::vector<std::pair<std::string, std::string>> periodPairs(const Period &period) {
-    return {{"days", quoted(daysWrite(period.days))},
-            {"from", quoted(timeOfDayWrite(period.from))},
-            {"to", quoted(timeOfDayWrite(period.to))}};
+std::vector<std::pair<std::string, std::string>> periodPairs(const TimePeriod &period) {
+    return {{"days", quoted(schedule::daysText(period.days))},
+            {"from", quoted(schedule::timeOfDayText(period.from))},
+            {"to", quoted(schedule::timeOfDayText(period.to))}};
 }
 
 void rangesWrite(const Policy &policy, Lines &lines) {
     for (const auto &[id, range] : policy.timeRanges) {
         std::vector<std::pair<std::string, std::string>> pairs;
         std::string periods;
-        for (const Period &period : range.periods) {
+        for (const TimePeriod &period : range.periods) {
             periods += (periods.empty() ? "" : ", ") + flow(periodPairs(period));
         }
         if (range.periods.size() == 1) {
@@ -111,8 +112,8 @@ void rangesWrite(const Policy &policy, Lines &lines) {
             pairs.push_back({"periods", "[" + periods + "]"});
         }
         for (const auto &[pKey, pInstant] : {std::pair("start", &range.start), std::pair("end", &range.end)}) {
-            if (!pInstant->empty()) {
-                pairs.push_back({pKey, quoted(instantWrite(*pInstant))});
+            if (pInstant->has_value()) {
+                pairs.push_back({pKey, quoted(schedule::localTimeText(**pInstant))});
             }
         }
         lines.push_back("  " + std::to_string(id) + ": " + flow(pairs));

@@ -323,10 +323,10 @@ void probesPut(Daemon &daemon, const std::map<std::string, Probe> &probes) {
     (void)daemon.mgmt("probe.replaceAll", {{"probes", all}});
 }
 
-void timeRangesPut(Daemon &daemon, const std::map<uint32_t, TimeRange> &ranges) {
+void timeRangesPut(Daemon &daemon, const std::map<uint32_t, Schedule> &ranges) {
     nlohmann::json all = nlohmann::json::object();
     for (const auto &[id, range] : ranges) {
-        all[std::to_string(id)] = timeRangeJson(range);
+        all[std::to_string(id)] = scheduleJson(range);
     }
     (void)daemon.mgmt("timerange.replaceAll", {{"timeRanges", all}});
 }

@@ -37,7 +37,7 @@ void aclRemove(Daemon &daemon, uint32_t acl);
 
 // Exactly these probes, exactly these time ranges; those that are the same go on undisturbed.
 void probesPut(Daemon &daemon, const std::map<std::string, Probe> &probes);
-void timeRangesPut(Daemon &daemon, const std::map<uint32_t, TimeRange> &ranges);
+void timeRangesPut(Daemon &daemon, const std::map<uint32_t, Schedule> &ranges);
 
 // Exactly these nodes drop their packets while nothing of them is usable; one node.
 void otherwisePut(Daemon &daemon, const std::set<NodePlace> &drops);

@@ -1,5 +1,6 @@
 // The differences are found table by table first, then put in order.
 #include "cli/planner.h"
+#include "schedule/schedule_text.h"
 
 #include <algorithm>
 #include <set>
@@ -130,7 +131,7 @@ void otherwisePut(const std::set<NodePlace> &before, const std::set<NodePlace> &
     }
 }
 
-void rangesPut(const std::map<uint32_t, TimeRange> &before, const std::map<uint32_t, TimeRange> &after,
+void rangesPut(const std::map<uint32_t, Schedule> &before, const std::map<uint32_t, Schedule> &after,
                std::vector<Step> &steps) {
     if (before != after) {
         Step step;
@@ -489,7 +490,7 @@ Plan planMake(const Policy &running, const Policy &wanted, const Limits &limits)
     otherwisePut(allDrops, wanted.otherwiseDrop, plan.steps);
     aclLines(difference, plan.lines);
     valueLines("probe", running.probes, wanted.probes, probeText, plan.lines);
-    valueLines("time-range", running.timeRanges, wanted.timeRanges, timeRangeText, plan.lines);
+    valueLines("time-range", running.timeRanges, wanted.timeRanges, schedule::scheduleText, plan.lines);
     listLines(difference, plan.lines);
     otherwiseLines(difference, plan.lines);
     bindingLines(difference, plan.lines);

@@ -47,8 +47,8 @@ struct Step {
     AclRules before;
     std::map<std::string, Probe> probes;
     std::map<std::string, Probe> probesBefore;
-    std::map<uint32_t, TimeRange> ranges;
-    std::map<uint32_t, TimeRange> rangesBefore;
+    std::map<uint32_t, Schedule> ranges;
+    std::map<uint32_t, Schedule> rangesBefore;
     std::set<NodePlace> drops;
     std::set<NodePlace> dropsBefore;
     std::string list;     // of lists and nodes

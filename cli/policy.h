@@ -67,7 +67,7 @@ using NodePlace = std::pair<std::string, uint32_t>; // list, node
 struct Policy {
     std::map<uint32_t, AclRules> acls;
     std::map<std::string, Probe> probes; // by "administrator/test"
-    std::map<uint32_t, TimeRange> timeRanges;
+    std::map<uint32_t, Schedule> timeRanges;
     std::map<std::string, List> lists;
     std::vector<Binding> bindings;
     // Nodes whose packets are dropped while nothing of them is usable: the host keeps it beside the daemon, so

@@ -1,8 +1,10 @@
 // The sections of a policy file for what watches beside the lists: probes and time ranges.
 #include <algorithm>
+#include <stdexcept>
 
 #include "cli/numbers.h"
 #include "cli/policy_file_reader.h"
+#include "schedule/schedule_text.h"
 
 namespace cli {
 
@@ -218,9 +220,17 @@ struct RangeReader {
         complete = complete && read;
         return read.value_or("");
     }
+    // Reads words, which say what is wrong with them.
+    template <typename Read> void wordRead(const YAML::Node &at, Read read) {
+        try {
+            read();
+        } catch (const std::runtime_error &wrong) {
+            problem(at, wrong.what());
+        }
+    }
 };
 
-void periodDaysRead(RangeReader &of, const YAML::Node &value, Period &period) {
+void periodDaysRead(RangeReader &of, const YAML::Node &value, TimePeriod &period) {
     std::string text;
     if (value.IsSequence()) {
         for (const YAML::Node &each : value) {
@@ -229,39 +239,30 @@ void periodDaysRead(RangeReader &of, const YAML::Node &value, Period &period) {
     } else {
         text = of.text(value, "days");
     }
-    const auto days = daysRead(text);
-    if (!days) {
-        return of.problem(value, "days '" + text + "': names such as mon-fri, sat,sun, weekdays, weekend or daily");
-    }
-    period.days = *days;
+    of.wordRead(value, [&] { period.days = schedule::daysRead(text); });
 }
 
-void periodTimeRead(RangeReader &of, const YAML::Node &value, const std::string &key, uint32_t &second) {
-    const std::string text = of.text(value, key);
-    const auto time = timeOfDayRead(text);
-    if (!time || (key == "from" && *time == DAY_SECONDS)) {
-        return of.problem(value, key + " '" + text + "' is no time of day: HH:MM or HH:MM:SS" +
-                                     (key == "to" ? ", up to 24:00" : ""));
-    }
-    second = *time;
+void periodTimeRead(RangeReader &of, const YAML::Node &value, bool isEnd, uint32_t &second) {
+    const std::string text = of.text(value, isEnd ? "to" : "from");
+    of.wordRead(value, [&] { second = schedule::timeOfDayRead(text, isEnd); });
 }
 
 bool isPeriodKey(const std::string &key) { return key == "days" || key == "from" || key == "to"; }
 
-void periodKeyRead(RangeReader &of, const std::string &key, const YAML::Node &value, Period &period) {
+void periodKeyRead(RangeReader &of, const std::string &key, const YAML::Node &value, TimePeriod &period) {
     if (key == "days") {
         periodDaysRead(of, value, period);
     } else {
-        periodTimeRead(of, value, key, key == "from" ? period.from : period.to);
+        periodTimeRead(of, value, key == "to", key == "to" ? period.to : period.from);
     }
 }
 
-void periodsRead(RangeReader &of, const YAML::Node &value, TimeRange &range) {
-    if (!value.IsSequence() || value.size() == 0 || value.size() > MAX_PERIODS) {
+void periodsRead(RangeReader &of, const YAML::Node &value, Schedule &range) {
+    if (!value.IsSequence() || value.size() == 0 || value.size() > schedule::PERIODS_MAX) {
         return of.problem(value, "periods must be a list of 1 to 64 such as [{days: mon-fri, from: \"08:00\", to: \"18:00\"}]");
     }
     for (const YAML::Node &each : value) {
-        Period period;
+        TimePeriod period;
         if (!each.IsMap() || each.size() == 0) {
             of.problem(each, "a period must be a map of days, from, to");
             continue;
@@ -277,17 +278,13 @@ void periodsRead(RangeReader &of, const YAML::Node &value, TimeRange &range) {
     }
 }
 
-void instantKeyRead(RangeReader &of, const YAML::Node &value, const std::string &key, std::string &instant) {
+void instantKeyRead(RangeReader &of, const YAML::Node &value, const std::string &key, std::optional<int64_t> &instant) {
     const std::string text = of.text(value, key);
-    const auto read = instantRead(text);
-    if (!read) {
-        return of.problem(value, key + " '" + text + "' is no date and time: YYYY-MM-DD HH:MM or HH:MM:SS");
-    }
-    instant = *read;
+    of.wordRead(value, [&] { instant = schedule::localTimeRead(text, key.c_str()); });
 }
 
-void rangeRead(RangeReader &of, const YAML::Node &value, TimeRange &range) {
-    Period period;
+void rangeRead(RangeReader &of, const YAML::Node &value, Schedule &range) {
+    TimePeriod period;
     bool hasPeriod = false;
     mapRead(of.reader, value, of.what, [&](const std::string &key, const YAML::Node &keyNode, const YAML::Node &each) {
         if (isPeriodKey(key)) {
@@ -307,12 +304,10 @@ void rangeRead(RangeReader &of, const YAML::Node &value, TimeRange &range) {
     if (hasPeriod) {
         range.periods.push_back(period);
     }
-    if (of.complete && range == TimeRange()) {
+    if (of.complete && range == Schedule()) {
         of.problem(value, "it says no time: give it days, from, to, periods, start or end");
     }
-    if (!range.start.empty() && !range.end.empty() && range.end <= range.start) {
-        of.problem(value, "end is not after start");
-    }
+    of.wordRead(value, [&] { schedule::windowCheck(range); });
 }
 
 } // namespace
@@ -369,7 +364,7 @@ void timeRangesSectionRead(Reader &reader, const YAML::Node &section) {
         reader.timeRanges.insert(*id);
         RangeReader of{reader, "time-range " + std::to_string(*id)};
         reader.place(of.what, key);
-        TimeRange &range = reader.file.policy.timeRanges[*id];
+        Schedule &range = reader.file.policy.timeRanges[*id];
         if (value.IsNull()) {
             return of.problem(key, "it says no time: give it days, from, to, periods, start or end");
         }

@@ -103,7 +103,7 @@ bool probesRead(Daemon &daemon, std::map<std::string, Probe> &probes) {
     return true;
 }
 
-bool timeRangesRead(Daemon &daemon, std::map<uint32_t, TimeRange> &ranges) {
+bool timeRangesRead(Daemon &daemon, std::map<uint32_t, Schedule> &ranges) {
     const auto answer = daemon.mgmtIfThere("timeranges");
     if (!answer || !answer->contains("timeRanges")) {
         return false;
@@ -111,7 +111,7 @@ bool timeRangesRead(Daemon &daemon, std::map<uint32_t, TimeRange> &ranges) {
     for (const auto &row : (*answer)["timeRanges"]) {
         const auto schedule = row.find("schedule");
         if (schedule != row.end() && schedule->is_object()) { // else only bound, or switched by hand
-            ranges[row.at("id").get<uint32_t>()] = timeRangeOfJson(*schedule);
+            ranges[row.at("id").get<uint32_t>()] = scheduleOfJson(*schedule);
         }
     }
     return true;

@@ -20,7 +20,7 @@ Running runningRead(Daemon &daemon);
 
 // What the host's services run: false, and nothing written, where they are not managed through the daemon.
 bool probesRead(Daemon &daemon, std::map<std::string, Probe> &probes);
-bool timeRangesRead(Daemon &daemon, std::map<uint32_t, TimeRange> &ranges);
+bool timeRangesRead(Daemon &daemon, std::map<uint32_t, Schedule> &ranges);
 
 // Names of the interfaces to which a list is bound, in unit order.
 std::vector<std::string> boundTo(const Policy &policy, const std::string &list);

@@ -30,7 +30,7 @@ function(pbr_house_checks)
   file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/platform/*.h ${CMAKE_SOURCE_DIR}/core/*.h
        ${CMAKE_SOURCE_DIR}/store/*.h ${CMAKE_SOURCE_DIR}/rtmsg/*.h ${CMAKE_SOURCE_DIR}/nexthop/*.h
        ${CMAKE_SOURCE_DIR}/hw/*.h ${CMAKE_SOURCE_DIR}/api/*.h ${CMAKE_SOURCE_DIR}/client/*.h
-       ${CMAKE_SOURCE_DIR}/aclrule/*.h)
+       ${CMAKE_SOURCE_DIR}/aclrule/*.h ${CMAKE_SOURCE_DIR}/schedule/*.h)
   file(GLOB daemonSources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/core/*.cpp ${CMAKE_SOURCE_DIR}/store/*.cpp
        ${CMAKE_SOURCE_DIR}/rtmsg/*.cpp ${CMAKE_SOURCE_DIR}/nexthop/*.cpp ${CMAKE_SOURCE_DIR}/hw/*.cpp
        ${CMAKE_SOURCE_DIR}/api/*.cpp)

@@ -83,7 +83,8 @@ for path in files:
 for folder, forbidden, exceptions in (
         # host/journal reads sets and makes them again: it knows keys, fields and codes, as a client does.
         ("host", DAEMON + ("cli", "tests"), {"hw/pbr_redirect_view.h", "api/pbr_keys.h", "core/pbr_types.h"}),
-        ("aclrule", DAEMON + ("platform", "host", "client", "cli", "tests"), set()),
+        ("aclrule", DAEMON + ("platform", "host", "client", "cli", "schedule", "tests"), set()),
+        ("schedule", DAEMON + ("platform", "host", "client", "cli", "aclrule", "tests"), set()),
         ("client", ("core", "store", "rtmsg", "nexthop", "hw", "host", "cli", "tests"), {"core/pbr_types.h"}),
         ("cli", ("core", "store", "rtmsg", "nexthop", "hw", "host", "tests"), {"core/pbr_types.h"})):
     for path in sorted((root / folder).rglob("*")):
@@ -99,7 +100,7 @@ def subject(name):
 
 
 needs, OVERLONG = {}, 600
-for folder in DAEMON + ("platform", "aclrule", "host", "client", "cli"):
+for folder in DAEMON + ("platform", "aclrule", "schedule", "host", "client", "cli"):
     for path in sorted((root / folder).rglob("*")):
         if path.suffix not in (".h", ".cpp"):
             continue

@@ -10,7 +10,7 @@ namespace host {
 namespace {
 
 constexpr int64_t HOUR = 3600;
-constexpr int64_t DAY = SECONDS_A_DAY;
+constexpr int64_t DAY = schedule::SECONDS_A_DAY;
 constexpr int64_t OFFSET_MOST = 26 * HOUR;
 constexpr int64_t SEARCH_STEP = 3 * HOUR;
 // A week's pattern that changes at all does so within a week of local time. One occurrence may fall into a

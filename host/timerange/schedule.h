@@ -1,8 +1,6 @@
-// When a time range is active: a schedule as a value, and two questions about it. Pure: no clock is read.
+// When a time range is active: two questions about its schedule. Pure: no clock is read.
 //
-// A schedule has periods of the week, an absolute window, or both. It is active while the window holds and
-// any of its periods does; without periods the window alone decides, without a window the periods alone.
-// Both are told in local time, as a clock on the wall shows it:
+// Periods and window are told in local time, as a clock on the wall shows it:
 // - A period holds whenever the wall clock reads a time within it. A time that a change of the clocks leaves
 //   out never comes; a time that comes twice counts twice.
 // - A window is one stretch. It begins when the wall clock first reads its start or more, and ends when the
@@ -16,9 +14,13 @@
 
 #include <cstdint>
 #include <optional>
-#include <vector>
+
+#include "schedule/schedule.h"
 
 namespace host {
+
+using schedule::Schedule;
+using schedule::TimePeriod;
 
 // A zone's rules: what the clocks on its walls show.
 class TimeZone {
@@ -27,24 +29,6 @@ public:
 
     // Seconds that local time is ahead of UTC at that instant, -26 to 26 hours. Any thread. Lock: none
     virtual int32_t offsetAt(int64_t instant) const = 0;
-};
-
-constexpr uint32_t SECONDS_A_DAY = 86400;
-constexpr uint8_t DAYS_ALL = 0x7F;
-
-// A stretch of time on certain days of the week.
-struct TimePeriod {
-    uint8_t days = DAYS_ALL;     // bit 0 Monday ... bit 6 Sunday: days on which it begins
-    uint32_t from = 0;           // second of the day, 0..86399
-    uint32_t to = SECONDS_A_DAY; // 0..86400, not included; not after `from`: of the next day
-    bool operator==(const TimePeriod &) const = default;
-};
-
-struct Schedule {
-    std::vector<TimePeriod> periods;
-    std::optional<int64_t> start; // local time, included; none: since ever
-    std::optional<int64_t> end;   // local time, not included, after start; none: for ever
-    bool operator==(const Schedule &) const = default;
 };
 
 // Whether the schedule is active at that instant. Lock: none

@@ -4,15 +4,20 @@
 #include <stdexcept>
 
 #include "host/mgmt/mgmt_args.h"
-#include "host/timerange/schedule_text.h"
+#include "schedule/schedule_text.h"
 
 namespace host {
 
 namespace {
 
 using nlohmann::json;
-
-constexpr size_t PERIODS_MAX = 64;
+using schedule::daysRead;
+using schedule::daysText;
+using schedule::localTimeRead;
+using schedule::localTimeText;
+using schedule::PERIODS_MAX;
+using schedule::timeOfDayRead;
+using schedule::timeOfDayText;
 
 // "mon-fri", or a list of such texts.
 uint8_t daysMember(const json &members) {
@@ -78,26 +83,23 @@ json periodMembers(const TimePeriod &period) {
 } // namespace
 
 Schedule scheduleRead(const json &members) {
-    Schedule schedule;
+    Schedule read;
     if (members.contains("periods")) {
-        schedule.periods = periodsMember(members);
+        read.periods = periodsMember(members);
     } else if (isPeriod(members)) {
-        schedule.periods.push_back(periodRead(members));
+        read.periods.push_back(periodRead(members));
     }
     if (members.contains("start")) {
-        schedule.start = localTimeRead(mgmtArgText(members, "start"));
+        read.start = localTimeRead(mgmtArgText(members, "start"), "start");
     }
     if (members.contains("end")) {
-        schedule.end = localTimeRead(mgmtArgText(members, "end"));
+        read.end = localTimeRead(mgmtArgText(members, "end"), "end");
     }
-    if (schedule == Schedule{}) {
+    if (read == Schedule{}) {
         throw std::runtime_error("a time range needs days, from, to, start, end or periods");
     }
-    if (schedule.start && schedule.end && *schedule.end <= *schedule.start) {
-        throw std::runtime_error("end " + localTimeText(*schedule.end) + " is not after start " +
-                                 localTimeText(*schedule.start));
-    }
-    return schedule;
+    schedule::windowCheck(read);
+    return read;
 }
 
 void scheduleMembersOnly(const json &members) {

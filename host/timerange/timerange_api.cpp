@@ -7,9 +7,10 @@
 #include "host/journal/journal.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
+#include "host/timerange/iso_text.h"
 #include "host/timerange/schedule_json.h"
-#include "host/timerange/schedule_text.h"
 #include "host/timerange/timerange_service.h"
+#include "schedule/schedule_text.h"
 
 namespace host {
 
@@ -38,7 +39,7 @@ json rowMembers(const TimerangeRow &row, const TimeZone &zone) {
     return {{"id", row.id},
             {"active", row.active},
             {"override", row.byHand ? json(*row.byHand ? "on" : "off") : json()},
-            {"text", row.schedule ? scheduleText(*row.schedule) : ""},
+            {"text", row.schedule ? schedule::scheduleText(*row.schedule) : ""},
             {"schedule", row.schedule ? scheduleMembers(*row.schedule) : json()},
             {"nextChange", row.nextChange ? json(isoText(*row.nextChange, zone)) : json()},
             {"bindings", row.names}};

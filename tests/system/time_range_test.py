@@ -58,7 +58,7 @@ class Schedules(system_case.MemoryCase):
                 (("add", 7), 1, "a time range needs days"),
                 (("add", 7, "--days", "someday"), 1, 'days "someday"'),
                 (("add", 0, "--days", "mon"), 1, "whole number 1 to 4294967294"),
-                (("add", 7, "--from", "24:00"), 1, 'time "24:00"'),
+                (("add", 7, "--from", "24:00"), 1, 'from "24:00"'),
                 (("add", 7, "--days", "mon", "--period", "sat"), 1, "either"),
                 (("add", 7, "--period", "12:00"), 2, "FROM-TO"),
                 (("add", 7, "--start", "2027-02-29 08:00"), 1, "no such day"),

@@ -9,8 +9,10 @@
 #include "cli/numbers.h"
 #include "cli/planner.h"
 #include "cli/policy_file.h"
+#include "schedule/schedule_text.h"
 
 using namespace cli;
+using schedule::localTimeRead;
 
 namespace {
 
@@ -51,13 +53,16 @@ Probe randomProbe(Random &random) {
     return probe;
 }
 
-TimeRange randomRange(Random &random) {
-    TimeRange range;
+Schedule randomRange(Random &random) {
+    Schedule range;
     for (uint32_t count = random.below(4); count > 0; count--) {
         range.periods.push_back({static_cast<uint8_t>(1 + random.below(127)), random.below(86400), random.below(86401)});
     }
-    range.start = random.any({"", "2027-01-01 00:00:00", "2027-06-30 23:59:59"});
-    range.end = range.periods.empty() || random.chance() ? "2028-02-29 12:00:00" : "";
+    const std::string start = random.any({"", "2027-01-01", "2027-06-30 23:59:59"});
+    range.start = start.empty() ? std::nullopt : std::optional(localTimeRead(start));
+    if (range.periods.empty() || random.chance()) {
+        range.end = localTimeRead("2028-02-29 12:00");
+    }
     return range;
 }
 
@@ -167,7 +172,7 @@ TEST(Export, IsAFileThatAnOperatorWouldWrite) {
     policy.acls[1501][10] = aclRuleText(1501, "permit tcp from 10.1.0.0/16 to any port 443");
     policy.acls[3501][10] = aclRuleText(3501, "permit ip from 2001:db8::/32 to any");
     policy.probes["ops/isp-a"] = {"icmp", "198.51.100.1"};
-    policy.timeRanges[7] = {{{0x1f, 28800, 64800}}, "", ""};
+    policy.timeRanges[7] = Schedule{{{0x1f, 28800, 64800}}, {}, {}};
     policy.lists["wan"].name = "wan";
     Node node;
     node.index = 10;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/numbers.h"
+#include "schedule/schedule_text.h"
 
 using namespace cli;
 
@@ -219,7 +220,7 @@ std::vector<Policy> family() {
     // Probes and ranges that nodes refer to come, change and go with them.
     Policy watched = policies[3];
     watched.probes["ops/a"] = {"icmp", "192.0.2.1"};
-    watched.timeRanges[7] = {{{0x1f, 0, 3600}}, "", ""};
+    watched.timeRanges[7] = Schedule{{{0x1f, 0, 3600}}, {}, {}};
     NextHop &hop = watched.lists["a"].nodes[10].nextHops[0];
     hop.probeAdmin = "ops";
     hop.probeTest = "a";
@@ -365,7 +366,7 @@ TEST(Planner, BoundListsOfWhichSomethingChangesAreHeld) {
     const List a = list("a", {node(10, 1501, {"192.0.2.1"})}), b = list("b", {node(10, 1502, {"192.0.2.1"})});
     Policy running = policy({a, b}, {{1, "a"}});
     running.probes["ops/a"] = {"icmp", "192.0.2.1"};
-    running.timeRanges[7] = {{{}}, "", ""};
+    running.timeRanges[7] = Schedule{{{}}, {}, {}};
     running.lists["a"].nodes[10].nextHops[0].probeAdmin = "ops";
     running.lists["a"].nodes[10].nextHops[0].probeTest = "a";
     running.lists["a"].nodes[10].timeRange = 7;
@@ -379,7 +380,7 @@ TEST(Planner, BoundListsOfWhichSomethingChangesAreHeld) {
     EXPECT_EQ(held([](Policy &then) { then.lists["a"].nodes[10].vrf = 3; }), Held{"a"});
     EXPECT_EQ(held([](Policy &then) { then.acls[1501] = rules("permit tcp"); }), Held{"a"});
     EXPECT_EQ(held([](Policy &then) { then.probes["ops/a"].downAfter = 9; }), Held{"a"});
-    EXPECT_EQ(held([](Policy &then) { then.timeRanges[7].end = "2030-01-01 00:00:00"; }), Held{"a"});
+    EXPECT_EQ(held([](Policy &then) { then.timeRanges[7].end = schedule::localTimeRead("2030-01-01"); }), Held{"a"});
     EXPECT_EQ(held([](Policy &then) { then.bindings[0].list = "b"; }), (Held{"a", "b"}));
     EXPECT_EQ(held([](Policy &then) { then.bindings.clear(); }), Held{"a"});
     EXPECT_EQ(held([](Policy &then) { then.bindings.push_back({"if2", 2, "b"}); }), Held{"b"});
@@ -407,15 +408,15 @@ TEST(Planner, ProbesAndTimeRangesHaveLinesOfTheirOwn) {
     Policy running, wanted;
     running.probes["ops/a"] = running.probes["ops/b"] = {"icmp", "192.0.2.1"};
     wanted.probes["ops/b"] = wanted.probes["ops/c"] = {"tcp", "192.0.2.1", 80};
-    running.timeRanges[6] = running.timeRanges[7] = {{{0x1f, 0, 3600}}, "", ""};
-    wanted.timeRanges[7] = wanted.timeRanges[8] = {{}, "2030-01-01 00:00:00", ""};
+    running.timeRanges[6] = running.timeRanges[7] = Schedule{{{0x1f, 0, 3600}}, {}, {}};
+    wanted.timeRanges[7] = wanted.timeRanges[8] = Schedule{{}, schedule::localTimeRead("2030-01-01"), {}};
     const std::string icmp = "icmp 192.0.2.1, interval 1s, timeout 500ms, down-after 3, up-after 1";
     const std::string tcp = "tcp 192.0.2.1, port 80, interval 1s, timeout 500ms, down-after 3, up-after 1";
     EXPECT_EQ(planMake(running, wanted, {}).lines,
               (std::vector<std::string>{"- probe ops/a", "~ probe ops/b: " + icmp + " -> " + tcp, "+ probe ops/c: " + tcp,
                                         "- time-range 6",
-                                        "~ time-range 7: mon-fri 00:00-01:00 -> start 2030-01-01 00:00",
-                                        "+ time-range 8: start 2030-01-01 00:00"}));
+                                        "~ time-range 7: mon-fri 00:00-01:00 -> from 2030-01-01 00:00",
+                                        "+ time-range 8: from 2030-01-01 00:00"}));
 }
 
 TEST(Planner, ARefusalIsPlacedWhereItsTextSays) {

@@ -8,7 +8,8 @@
 #include <string>
 
 #include "host/timerange/schedule.h"
-#include "host/timerange/schedule_text.h"
+#include "host/timerange/schedule.h"
+#include "schedule/schedule_text.h"
 
 namespace timetest {
 
@@ -51,7 +52,7 @@ private:
 
 // The instant of a local time that exists once; `offset` in hours tells which one of two is meant.
 inline int64_t at(const char *pLocal, double offset) {
-    return host::localTimeRead(pLocal) - static_cast<int64_t>(offset * 3600);
+    return schedule::localTimeRead(pLocal) - static_cast<int64_t>(offset * 3600);
 }
 
 } // namespace timetest

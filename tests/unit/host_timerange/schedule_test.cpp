@@ -3,12 +3,15 @@
 
 #include <random>
 
+#include "host/timerange/iso_text.h"
 #include "host/timerange/schedule.h"
+#include "schedule/schedule_text.h"
 #include "tests/unit/host_timerange/posix_zone.h"
 
 namespace {
 
 using namespace host;
+using namespace schedule;
 using timetest::at;
 using timetest::PosixZone;
 

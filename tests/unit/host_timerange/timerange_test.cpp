@@ -7,12 +7,13 @@
 #include <cstring>
 #include <random>
 
-#include "host/timerange/schedule_text.h"
+#include "schedule/schedule_text.h"
 #include "host/timerange/timerange_service.h"
 
 namespace {
 
 using namespace host;
+using namespace schedule;
 
 // A clock that stands until it is moved, in a zone that is UTC until it is changed.
 class VirtualClock final : public TimerangeClock {

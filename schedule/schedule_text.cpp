@@ -1,5 +1,5 @@
 // See schedule_text.h.
-#include "host/timerange/schedule_text.h"
+#include "schedule/schedule_text.h"
 
 #include <algorithm>
 #include <array>
@@ -9,7 +9,7 @@
 #include <optional>
 #include <stdexcept>
 
-namespace host {
+namespace schedule {
 
 namespace {
 
@@ -145,7 +145,7 @@ std::string daysText(uint8_t days) {
 uint32_t timeOfDayRead(const std::string &text, bool isEnd) {
     const auto second = clockRead(text, 0);
     if (!second || (!isEnd && *second == SECONDS_A_DAY)) {
-        throw std::runtime_error("time " + quoted(text) + ": give HH:MM or HH:MM:SS, 00:00 to " +
+        throw std::runtime_error((isEnd ? "to " : "from ") + quoted(text) + ": give HH:MM or HH:MM:SS, 00:00 to " +
                                  (isEnd ? "24:00" : "23:59:59"));
     }
     return *second;
@@ -160,26 +160,27 @@ std::string timeOfDayText(uint32_t second) {
     return text;
 }
 
-int64_t localTimeRead(const std::string &text) {
+int64_t localTimeRead(const std::string &text, const char *pName) {
     using namespace std::chrono;
+    const std::string what = pName + (" " + quoted(text));
     size_t at = 0;
     const auto year = digitsRead(text, at, 4, 4);
     const bool isYear = charRead(text, at, '-');
     const auto month = digitsRead(text, at, 2, 2);
     const bool isMonth = charRead(text, at, '-');
     const auto day = digitsRead(text, at, 2, 2);
-    const bool isDay = charRead(text, at, ' ');
-    const auto clock = clockRead(text, at);
+    const bool isDateAlone = at == text.size();
+    const bool isDay = isDateAlone || charRead(text, at, ' ') || charRead(text, at, 'T');
+    const auto clock = isDateAlone ? std::optional(uint32_t{0}) : clockRead(text, at);
     if (!year || !isYear || !month || !isMonth || !day || !isDay || !clock || *clock == SECONDS_A_DAY ||
         *year < 1970) {
-        throw std::runtime_error("date and time " + quoted(text) +
-                                 ": give \"YYYY-MM-DD HH:MM\" or \"YYYY-MM-DD HH:MM:SS\", local time, years 1970 "
-                                 "to 9999");
+        throw std::runtime_error(what + ": give YYYY-MM-DD, \"YYYY-MM-DD HH:MM\" or \"YYYY-MM-DD HH:MM:SS\", "
+                                        "local time, years 1970 to 9999");
     }
     const year_month_day date{std::chrono::year(static_cast<int>(*year)), std::chrono::month(*month),
                               std::chrono::day(*day)};
     if (!date.ok()) {
-        throw std::runtime_error("date and time " + quoted(text) + ": there is no such day");
+        throw std::runtime_error(what + ": there is no such day");
     }
     return int64_t{sys_days(date).time_since_epoch().count()} * SECONDS_A_DAY + *clock;
 }
@@ -192,6 +193,13 @@ std::string localTimeText(int64_t local) {
     snprintf(text, sizeof text, "%04d-%02u-%02u ", static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
              static_cast<unsigned>(date.day()));
     return text + timeOfDayText(static_cast<uint32_t>(local - day.time_since_epoch().count() * int64_t{SECONDS_A_DAY}));
+}
+
+void windowCheck(const Schedule &schedule) {
+    if (schedule.start && schedule.end && *schedule.end <= *schedule.start) {
+        throw std::runtime_error("end " + localTimeText(*schedule.end) + " is not after start " +
+                                 localTimeText(*schedule.start));
+    }
 }
 
 std::string scheduleText(const Schedule &schedule) {
@@ -210,17 +218,4 @@ std::string scheduleText(const Schedule &schedule) {
     return text + (text.empty() || window.empty() ? "" : "; ") + window;
 }
 
-std::string isoText(int64_t instant, const TimeZone &zone) {
-    const int32_t offset = zone.offsetAt(instant);
-    std::string text = localTimeText(instant + offset);
-    text[text.find(' ')] = 'T';
-    if (text.size() == sizeof "2026-11-21T18:00" - 1) {
-        text += ":00";
-    }
-    const int32_t size = offset < 0 ? -offset : offset;
-    char tail[32];
-    snprintf(tail, sizeof tail, "%c%02d:%02d", offset < 0 ? '-' : '+', size / 3600, size / 60 % 60);
-    return text + tail;
-}
-
-} // namespace host
+} // namespace schedule
