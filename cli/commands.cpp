@@ -2,7 +2,9 @@
 // action to run; the action is run after the whole line was read.
 #include "cli/commands.h"
 
+#include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -27,6 +29,7 @@
 #include "cli/show.h"
 #include "cli/show_journal.h"
 #include "cli/time_range_commands.h"
+#include "cli/usage.h"
 #include "cli/version.h"
 #include "cli/watch.h"
 
@@ -72,11 +75,14 @@ std::string fileRead(const std::string &name) {
         text << std::cin.rdbuf();
         return text.str();
     }
+    errno = 0;
     std::ifstream file(name, std::ios::binary);
-    text << file.rdbuf();
-    if (!file) {
-        throw Usage(name + ": cannot be read: " + strerror(errno));
+    std::error_code error; // a folder can be opened, and reads as nothing
+    const bool isFolder = file && std::filesystem::is_directory(name, error);
+    if (!file || isFolder) {
+        throw Usage(name + ": cannot be read: " + strerror(isFolder ? EISDIR : errno));
     }
+    text << file.rdbuf();
     return text.str();
 }
 
@@ -142,7 +148,9 @@ void aclAdd(CLI::App &app, Context &context) {
         return pSub;
     };
     CLI::App *pSub = declare("add", "Add or replace a rule; makes the ACL when needed");
-    pSub->add_option("rule", *pRule, "Number of the rule, evaluated in ascending order")->required();
+    pSub->add_option("rule", *pRule, "Number of the rule, evaluated in ascending order")
+        ->required()
+        ->check(CLI::Range(1u, UINT32_MAX));
     pSub->add_option("text", *pWords,
                      "permit|deny PROTOCOL [from ADDR [port PORTS]] [to ADDR [port PORTS]] [OPTION ...]")
         ->required();
@@ -361,9 +369,11 @@ void probeAdd(CLI::App &app, Context &context) {
     auto pOptions = holder<ProbeOptions>();
     CLI::App *pSub = pProbe->add_subcommand("add", "Run a probe, or give it other settings");
     pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST")->required();
-    pSub->add_option("kind", pOptions->kind, "icmp (echo), tcp (connect), udp (echo), http (GET)")->required();
+    pSub->add_option("kind", pOptions->kind, "icmp (echo), tcp (connect), udp (echo), http (GET)")
+        ->required()
+        ->check(CLI::IsMember({"icmp", "tcp", "udp", "http"}));
     pSub->add_option("target", pOptions->target, "IPv4 or IPv6 address")->required();
-    pSub->add_option("--port", pOptions->port, "Of tcp and udp; of http, default 80");
+    pSub->add_option("--port", pOptions->port, "Of tcp and udp; of http, default 80")->check(CLI::Range(1, 65535));
     pSub->add_option("--path", pOptions->path, "Of http, default /");
     pSub->add_option("--host", pOptions->host, "Host header of http; default: the target");
     pSub->add_option("--source", pOptions->source, "Address of this machine to ask from");
@@ -372,8 +382,10 @@ void probeAdd(CLI::App &app, Context &context) {
     pSub->add_option("--via", pOptions->via, "Leave through this next hop, whatever the routing table says");
     pSub->add_option("--interval", pOptions->interval, "50ms to 60m, default 1s");
     pSub->add_option("--timeout", pOptions->timeout, "At most the interval, default 500ms");
-    pSub->add_option("--down-after", pOptions->downAfter, "Failures in a row, default 3");
-    pSub->add_option("--up-after", pOptions->upAfter, "Successes in a row, default 1");
+    pSub->add_option("--down-after", pOptions->downAfter, "Failures in a row, default 3")
+        ->check(CLI::Range(1u, PROBE_COUNT_MOST));
+    pSub->add_option("--up-after", pOptions->upAfter, "Successes in a row, default 1")
+        ->check(CLI::Range(1u, PROBE_COUNT_MOST));
     runs(context, pSub, [=, &context] { probeDefine(context.daemon(), *pOptions); });
     pSub = pProbe->add_subcommand("del", "Remove a probe: next hops tied to it are not used any more");
     pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST")->required();
@@ -510,7 +522,11 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // it takes them from the back
     } catch (const CLI::ParseError &wrong) {
-        return app.exit(wrong, out, err) == 0 ? EXIT_DONE : EXIT_USAGE;
+        if (wrong.get_exit_code() == 0) { // --help, --version
+            return app.exit(wrong, out, err);
+        }
+        err << "pbrctl: " << usageText(app, wrong) << "\n";
+        return EXIT_USAGE;
     }
     return actionRun(context);
 }

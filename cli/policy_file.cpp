@@ -331,8 +331,9 @@ void bindingsRead(Reader &reader, const YAML::Node &section) {
 void documentRead(Reader &reader, const YAML::Node &document) {
     const std::set<std::string> sections = {"acls", "probes", "time-ranges", "lists", "bindings"};
     if (!document.IsMap()) {
-        return reader.problem(1, "the file must be a map with the sections acls, probes, time-ranges, lists, "
-                                 "bindings; 'lists: {}' alone removes the whole policy");
+        return reader.problem(1, std::string(document.IsNull() ? "the file is empty: it" : "the file") +
+                                     " must be a map with the sections acls, probes, time-ranges, lists, "
+                                     "bindings; 'lists: {}' alone removes the whole policy");
     }
     std::map<std::string, YAML::Node> found;
     mapRead(reader, document, "the file", [&](const std::string &name, const YAML::Node &key, const YAML::Node &value) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "cli/errors.h"
+#include "cli/numbers.h"
 #include "cli/policy.h"
 #include "cli/policy_probe.h"
 #include "cli/table.h"
@@ -24,13 +25,14 @@ json nameMembers(const std::string &name) {
     return {{"admin", name.substr(0, slash)}, {"test", name.substr(slash + 1)}};
 }
 
-void durationPut(json &members, const char *pMember, const char *pOption, const std::string &text) {
+void durationPut(json &members, const char *pMember, const char *pOption, const std::string &text, uint32_t leastMs) {
     if (text.empty()) {
         return;
     }
     const auto duration = durationRead(text);
-    if (!duration) {
-        throw Usage(std::string(pOption) + " '" + text + "' is no duration such as 500ms, 1s or 2m");
+    if (!duration || *duration < leastMs || *duration > PROBE_INTERVAL_MOST_MS) {
+        throw Usage(std::string(pOption) + " '" + text + "' is no duration from " + durationWrite(leastMs) + " to " +
+                    durationWrite(PROBE_INTERVAL_MOST_MS) + ", such as 500ms, 1s or 2m");
     }
     members[pMember] = *duration;
 }
@@ -69,7 +71,7 @@ json millisecondsOf(const json &microseconds) {
 
 json rowOf(const json &probe) {
     json row = {{"probe", probe.value("admin", "") + "/" + probe.value("test", "")}, {"status", probe.value("status", "")}};
-    if (!probe.contains("config")) {
+    if (!probe.contains("config") || !probe["config"].is_object()) {
         row["what"] = "(not configured)";
         return row;
     }
@@ -92,6 +94,15 @@ json rowOf(const json &probe) {
 
 void probeDefine(Daemon &daemon, const ProbeOptions &options) {
     json members = nameMembers(options.name);
+    for (const auto &[pKey, text] : {std::pair{"target", options.target}, std::pair{"source", options.source},
+                                     std::pair{"via", options.via}}) {
+        if (!text.empty() && !addressRead(text)) {
+            throw Usage(std::string(pKey) + " '" + text + "' is no IPv4 or IPv6 address");
+        }
+    }
+    if ((options.kind == "tcp" || options.kind == "udp") && !options.port) {
+        throw Usage("a probe of kind " + options.kind + " needs --port");
+    }
     for (const auto &[pKey, text] : {std::pair{"kind", options.kind}, std::pair{"target", options.target},
                                      std::pair{"path", options.path}, std::pair{"host", options.host},
                                      std::pair{"source", options.source}, std::pair{"interface", options.interface},
@@ -106,8 +117,8 @@ void probeDefine(Daemon &daemon, const ProbeOptions &options) {
             members[pKey] = *number;
         }
     }
-    durationPut(members, "intervalMs", "--interval", options.interval);
-    durationPut(members, "timeoutMs", "--timeout", options.timeout);
+    durationPut(members, "intervalMs", "--interval", options.interval, PROBE_INTERVAL_LEAST_MS);
+    durationPut(members, "timeoutMs", "--timeout", options.timeout, 1);
     (void)daemon.mgmt("probe.set", members);
 }
 

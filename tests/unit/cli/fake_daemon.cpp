@@ -778,7 +778,7 @@ json FakeDaemon::mgmt(const json &request) {
         held.acls.erase(acl);
     } else if (op == "event") {
         answer.update({{"type", 7}, {"group", 8}, {"message", "0102"}});
-    } else if (op != "device.flush" && op != "timerange.set") {
+    } else if (op != "device.flush" && op != "timerange.set" && op.rfind("probe.", 0) != 0) {
         return {{"ok", false}, {"error", "unknown operation " + op}};
     }
     json shown = request;
