@@ -231,8 +231,12 @@ void KernelDevice::apply() {
 
 int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     std::lock_guard guard(lock_);
-    std::vector<std::string> changed = hooks_.take(state_, false);
     provisional_.insert({ifUnit, aclNum});
+    const std::optional<RedirectEntry> wanted = hooks_.get(ifUnit, aclNum);
+    if (wanted && isDone(*wanted)) {
+        return 0; // what else has changed is taken at the end of the run: a run costs one take, not one an entry
+    }
+    std::vector<std::string> changed = hooks_.take(state_, false);
     for (const std::string &list : provisionalMerge(!changed.empty(), ifUnit, aclNum)) {
         changed.push_back(list);
     }
@@ -256,6 +260,21 @@ int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
         return EOPNOTSUPP;
     }
     return status.installed || isHeld_ || kept_.count(entry->list) != 0 ? 0 : EIO;
+}
+
+// Whether the state has this entry as it is wanted, and nothing about it is left to try.
+bool KernelDevice::isDone(const RedirectEntry &wanted) const {
+    const EntryKey key{wanted.ifUnit, wanted.nodeIndex};
+    const auto list = state_.lists.find(wanted.list);
+    if (isFlushed_ || !error_.empty() || list == state_.lists.end()) {
+        return false;
+    }
+    const auto held = list->second.find(key);
+    if (held == list->second.end() || !(held->second == wanted)) {
+        return false;
+    }
+    const KernelEntryStatus status = statusOf(wanted.list, key);
+    return status.error.empty() && (status.installed || isHeld_ || kept_.count(wanted.list) != 0);
 }
 
 // Of a list that is kept, what can be said of the entry alone: the kernel sees it only later.

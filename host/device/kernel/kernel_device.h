@@ -94,6 +94,7 @@ private:
     void monitorsStart();
     std::vector<std::string> provisionalMerge(bool all, uint32_t ifUnit, uint32_t aclNum);
     std::string entryMerge(const RedirectEntry &entry);
+    bool isDone(const RedirectEntry &wanted) const;
     void listsCompile(const std::vector<std::string> &lists);
     void allCompile();
     void apply();

@@ -285,6 +285,24 @@ TEST_F(ApplyTest, AnAddMovesAllLinksOfItsNode) {
     EXPECT_FALSE(has(nft(), "match4/wan/10/1")) << nft();
 }
 
+TEST_F(ApplyTest, ARunOverWhatTheKernelHoldsTakesTheViewOnceAtItsEnd) {
+    world_.nextHops("wan", "lan0", 10, 1501, {"192.0.2.1"});
+    world_.nextHops("wan", "lan0", 20, 1502, {"192.0.2.1"});
+    device();
+    store();
+    world_.mark("wan");
+    const int before = world_.takes;
+    EXPECT_EQ(device().add(unitOf("lan0"), 1501, nullptr), 0);
+    EXPECT_EQ(device().add(unitOf("lan0"), 1502, nullptr), 0);
+    EXPECT_EQ(world_.takes, before);
+    world_.nextHops("wan", "lan0", 20, 1502, {"198.51.100.1"});
+    EXPECT_EQ(device().add(unitOf("lan0"), 1501, nullptr), 0);
+    EXPECT_EQ(world_.takes, before);
+    EXPECT_EQ(device().add(unitOf("lan0"), 1502, nullptr), 0);
+    EXPECT_EQ(world_.takes, before + 1) << "what differs is taken at once";
+    EXPECT_TRUE(shown("wan", 20)["installed"].get<bool>());
+}
+
 TEST_F(ApplyTest, ARefusedEntryFailsItsAddAndBlocksNoOther) {
     world_.nextHops("wan", "lan0", 10, 1501, {"192.0.2.1"}, 9);
     world_.nextHops("wan", "lan0", 20, 1502, {"198.51.100.1"});

@@ -271,6 +271,7 @@ KernelDeviceHooks World::hooks() {
     hooks.pLoop = &loop;
     hooks.env = env();
     hooks.take = [this](DesiredState &state, bool all) {
+        ++takes;
         std::vector<std::string> changed;
         for (const auto &[list, entries] : all ? view.lists : decltype(view.lists){}) {
             marked.insert(list);

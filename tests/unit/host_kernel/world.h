@@ -98,6 +98,7 @@ public:
     std::set<uint32_t> defaultTables; // tables but the main one that have a default route
     std::map<uint32_t, host::IfnetLink> fakeLinks; // when not empty: these instead of the kernel's
     bool undetermined = false;
+    int takes = 0; // of the view
     host::KernelOptions options;
     HandLoop loop;
 };
