@@ -24,12 +24,23 @@ std::string joined(const std::vector<std::string> &lines) {
     return text;
 }
 
+constexpr size_t PROBLEMS_SHOWN = 20;
+
+// The first problems of a file; what is wrong everywhere is said once too often otherwise.
+std::string firstOf(const std::vector<std::string> &problems) {
+    if (problems.size() <= PROBLEMS_SHOWN) {
+        return joined(problems);
+    }
+    return joined({problems.begin(), problems.begin() + PROBLEMS_SHOWN}) + "\n... and " +
+           std::to_string(problems.size() - PROBLEMS_SHOWN) + " more";
+}
+
 std::string counted(size_t count, const char *pWhat) {
     return std::to_string(count) + " " + pWhat + (count == 1 ? "" : "s");
 }
 
 [[noreturn]] void refuse(const PolicyFile &file, const std::vector<std::string> &problems) {
-    throw Refused(file.name + " is refused:\n" + joined(problems) +
+    throw Refused(file.name + " is refused:\n" + firstOf(problems) +
                   "\nNothing was changed. What to do: correct the file.");
 }
 

@@ -235,6 +235,17 @@ TEST_F(Apply, AListThatIsNotActiveComesBackAsItWas) {
     EXPECT_EQ(daemon.store().lists.count("idle"), 0u);
 }
 
+TEST_F(Apply, OfManyProblemsTheFirstTwentyAreTold) {
+    std::string nodes;
+    for (int node = 1; node <= 25; ++node) {
+        nodes += "    " + std::to_string(node) + ": {acl: " + std::to_string(900 + node) + ", priority: 1}\n";
+    }
+    EXPECT_EQ(cli::EXIT_REFUSED, apply("lists:\n  wan:\n" + nodes));
+    EXPECT_NE(daemon.err.find(":22: "), std::string::npos) << daemon.err; // the twentieth
+    EXPECT_EQ(daemon.err.find(":23: "), std::string::npos);
+    EXPECT_NE(daemon.err.find("\n... and 5 more\n"), std::string::npos);
+}
+
 TEST_F(Apply, APlaneThatRefusesAfterItsReleaseHasEverythingUndone) {
     ASSERT_EQ(apply(FIRST), cli::EXIT_DONE) << daemon.err;
     const FakeStore before = daemon.store();
