@@ -9,6 +9,7 @@
 #include "cli/policy_file.h"
 #include "cli/running.h"
 #include "cli/transaction.h"
+#include "cli/vrf_names.h"
 
 namespace cli {
 
@@ -140,8 +141,21 @@ PolicyFile fileRead(const ApplyOptions &options) {
     return file;
 }
 
-Prepared prepare(Daemon &daemon, PolicyFile file, std::ostream &err) {
-    Prepared made{std::move(file), runningRead(daemon), {}};
+// The file again, with the names of VRFs that the daemon knows.
+PolicyFile vrfsLookUp(Daemon &daemon, const ApplyOptions &options, PolicyFile file) {
+    if (!file.hasVrfNames) {
+        return file;
+    }
+    const VrfNames names = vrfNamesRead(daemon);
+    file = policyFileRead(options.file, options.text, &names);
+    if (!file.problems.empty()) {
+        refuse(file, file.problems);
+    }
+    return file;
+}
+
+Prepared prepare(Daemon &daemon, const ApplyOptions &options, PolicyFile file, std::ostream &err) {
+    Prepared made{vrfsLookUp(daemon, options, std::move(file)), runningRead(daemon), {}};
     if (!made.running.aclsKnown) {
         throw Refused("the daemon's platform does not offer ACLs to pbrctl (no management socket): a policy file "
                       "cannot be applied here; use the single-change commands");
@@ -194,7 +208,7 @@ void planApply(Daemon &daemon, const Prepared &made, const ApplyOptions &options
 } // namespace
 
 bool diff(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::ostream &err) {
-    const Prepared made = prepare(daemon, fileRead(options), err);
+    const Prepared made = prepare(daemon, options, fileRead(options), err);
     if (options.json) {
         jsonShow(made, false, out);
     } else if (!made.plan.lines.empty()) {
@@ -210,7 +224,7 @@ void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::
     if (!options.dryRun) {
         pLock = std::make_unique<ChangeLock>(daemon, options.file);
     }
-    const Prepared made = prepare(daemon, std::move(file), err);
+    const Prepared made = prepare(daemon, options, std::move(file), err);
     if (!options.json) {
         planShow(made.plan, out);
     }

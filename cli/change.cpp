@@ -9,6 +9,7 @@
 #include "cli/numbers.h"
 #include "cli/operate.h"
 #include "cli/running.h"
+#include "cli/vrf_names.h"
 #include "core/pbr_types.h"
 
 namespace cli {
@@ -101,7 +102,7 @@ std::optional<uint32_t> timeRangeRead(const std::string &text) {
 }
 
 // The node as the options make it.
-Node changed(const Running &running, const NodeChange &change, Node node) {
+Node changed(Daemon &daemon, const Running &running, const NodeChange &change, Node node) {
     if (change.interface && change.noInterface) {
         throw Usage("give --interface or --no-interface");
     }
@@ -111,7 +112,7 @@ Node changed(const Running &running, const NodeChange &change, Node node) {
     node.index = change.index;
     node.acl = change.acl.value_or(node.acl);
     node.priority = change.priority.value_or(node.priority);
-    node.vrf = change.vrf.value_or(node.vrf);
+    node.vrf = change.vrf ? vrfOf(daemon, *change.vrf) : node.vrf;
     if (change.ecmp) {
         node.ecmp = *change.ecmp ? 1 : 0;
     }
@@ -281,7 +282,7 @@ void changeNodeAdd(Daemon &daemon, const NodeChange &change) {
     if (list.nodes.count(change.index) != 0) {
         throw Refused(place(change.list, change.index) + " exists already. What to do: pbrctl node set.");
     }
-    const Node node = changed(running, change, Node());
+    const Node node = changed(daemon, running, change, Node());
     aclOfNodeCheck(running, change.list, change.index, node.acl);
     nodeMake(daemon, change.list, node);
 }
@@ -289,7 +290,7 @@ void changeNodeAdd(Daemon &daemon, const NodeChange &change) {
 void changeNodeSet(Daemon &daemon, const NodeChange &change) {
     const Running running = runningRead(daemon);
     const Node &before = nodeMust(freeListMust(running, change.list), change.index);
-    const Node after = changed(running, change, before);
+    const Node after = changed(daemon, running, change, before);
     aclOfNodeCheck(running, change.list, change.index, after.acl);
     if (after.outIfUnit != 0 && !before.nextHops.empty()) {
         throw Refused(place(change.list, change.index) + " has next hops, which exclude an out interface. What to "

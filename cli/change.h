@@ -23,7 +23,7 @@ struct NodeChange { // options that were not given stay as they are (a new node:
     std::optional<std::string> interface;
     bool noInterface = false;
     std::optional<bool> ecmp;
-    std::optional<uint32_t> vrf;
+    std::optional<std::string> vrf;       // a number or a name
     std::optional<std::string> timeRange; // a number, or "none"
 };
 

@@ -188,7 +188,7 @@ void nodeOptionsAdd(CLI::App *pSub, NodeChange &change) {
     pSub->add_option("--interface", change.interface, "Send packets out of this interface");
     pSub->add_flag("--no-interface", change.noInterface, "No out interface");
     pSub->add_flag("--ecmp,!--no-ecmp", change.ecmp, "Spread over all reachable next hops");
-    pSub->add_option("--vrf", change.vrf, "VRF of the next hops");
+    pSub->add_option("--vrf", change.vrf, "VRF of the next hops: its table's number or its name");
     pSub->add_option("--time-range", change.timeRange, "Only while this time range is active; none: always");
 }
 
@@ -378,7 +378,7 @@ void probeAdd(CLI::App &app, Context &context) {
     pSub->add_option("--host", pOptions->host, "Host header of http; default: the target");
     pSub->add_option("--source", pOptions->source, "Address of this machine to ask from");
     pSub->add_option("--interface", pOptions->interface, "Ask out of this interface; with --via: the next hop is there");
-    pSub->add_option("--vrf", pOptions->vrf, "Ask by the table of this VRF");
+    pSub->add_option("--vrf", pOptions->vrf, "Ask by the table of this VRF, a number or name");
     pSub->add_option("--via", pOptions->via, "Leave through this next hop, whatever the routing table says");
     pSub->add_option("--interval", pOptions->interval, "50ms to 60m, default 1s");
     pSub->add_option("--timeout", pOptions->timeout, "At most the interval, default 500ms");

@@ -62,6 +62,8 @@ struct Binding {
     std::string list;
 };
 
+using VrfNames = std::map<std::string, uint32_t>; // name -> number of its table
+
 using NodePlace = std::pair<std::string, uint32_t>; // list, node
 
 struct Policy {

@@ -196,6 +196,12 @@ void nodeTimeRangeRead(NodeReader &of, const YAML::Node &value) {
     }
 }
 
+void nodeVrfRead(NodeReader &of, const YAML::Node &value) {
+    const auto vrf = vrfRead(of.reader, value, of.place + ": vrf", UINT32_MAX);
+    of.complete = of.complete && vrf;
+    of.node.vrf = vrf.value_or(0);
+}
+
 void otherwiseRead(NodeReader &of, const YAML::Node &value) {
     const auto what = textRead(of.reader, value, of.place + ": otherwise");
     if (what != "drop" && what != "normal") {
@@ -217,7 +223,7 @@ void nodeKeyRead(NodeReader &of, const std::string &name, const YAML::Node &key,
     } else if (name == "ecmp") {
         ecmpRead(of, value);
     } else if (name == "vrf") {
-        of.node.vrf = of.number(value, "vrf", 0, UINT32_MAX).value_or(0);
+        nodeVrfRead(of, value);
     } else if (name == "time-range") {
         nodeTimeRangeRead(of, value);
     } else if (name == "otherwise") {
@@ -358,10 +364,10 @@ void documentRead(Reader &reader, const YAML::Node &document) {
 
 } // namespace
 
-PolicyFile policyFileRead(const std::string &name, const std::string &text) {
+PolicyFile policyFileRead(const std::string &name, const std::string &text, const VrfNames *pVrfs) {
     PolicyFile file;
     file.name = name;
-    Reader reader(file);
+    Reader reader(file, pVrfs);
     try {
         const std::vector<YAML::Node> documents = YAML::LoadAll(text);
         if (documents.size() > 1) {

@@ -10,8 +10,9 @@
 
 namespace cli {
 
-// Reads `text`, the contents of the file `name`. Never throws for bad contents. Lock: none
-PolicyFile policyFileRead(const std::string &name, const std::string &text);
+// Reads `text`, the contents of the file `name`. pVrfs: what VRFs are called; null: not known yet, then each name
+// stands for a number of its own and the file says that it has names. Never throws for bad contents. Lock: none
+PolicyFile policyFileRead(const std::string &name, const std::string &text, const VrfNames *pVrfs = nullptr);
 
 } // namespace cli
 

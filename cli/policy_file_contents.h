@@ -17,6 +17,7 @@ struct PolicyFile {
     std::vector<std::string> problems; // "file:line: reason", in line order; empty: the file may be applied
     std::vector<std::pair<int, std::string>> problemLines; // the same: line, reason
     std::vector<std::string> warnings; // "file:line: ..." or plain sentences
+    bool hasVrfNames = false;          // some VRF is given by its name
     // Lines where an interface is named, for "does not exist": interface name -> line.
     std::map<std::string, int> interfaceLines;
     // Lines where things are defined: "acl 1501", "probe ops/a", "time-range 7", "list wan", "node wan/10",

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "cli/numbers.h"
+#include "cli/vrf_names.h"
 
 namespace cli {
 
@@ -43,6 +44,24 @@ std::optional<uint32_t> numberOf(Reader &reader, const YAML::Node &node, const s
         return std::nullopt;
     }
     return static_cast<uint32_t>(*value);
+}
+
+std::optional<uint32_t> vrfRead(Reader &reader, const YAML::Node &node, const std::string &what, uint32_t most) {
+    if (!node.IsScalar() || isVrfNumber(node.Scalar())) {
+        return numberOf(reader, node, what, 0, most);
+    }
+    const std::string name = node.Scalar();
+    reader.file.hasVrfNames = true;
+    if (reader.pVrfs == nullptr) {
+        return reader.vrfsSeen.insert({name, UINT32_MAX - 2 - static_cast<uint32_t>(reader.vrfsSeen.size())}).first->second;
+    }
+    const auto found = reader.pVrfs->find(name);
+    if (found == reader.pVrfs->end()) {
+        reader.problem(node, what + " '" + name + "' is not known to the daemon: give the number of its table, or name it "
+                             "by the daemon's option host.vrf." + name + " (named are: " + vrfNamesText(*reader.pVrfs) + ")");
+        return std::nullopt;
+    }
+    return found->second;
 }
 
 bool isPlainName(const std::string &name) {

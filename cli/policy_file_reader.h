@@ -22,9 +22,11 @@ constexpr size_t MAX_INTERFACE_NAME = 15; // characters of an interface name
 constexpr const char *PROBE_NAME_FORM = "is no probe name: ADMINISTRATOR/TEST, each of 1 to 32 bytes";
 
 struct Reader {
-    explicit Reader(PolicyFile &policyFile) : file(policyFile) {}
+    explicit Reader(PolicyFile &policyFile, const VrfNames *pNames = nullptr) : file(policyFile), pVrfs(pNames) {}
 
     PolicyFile &file;
+    const VrfNames *pVrfs; // null: not known yet
+    VrfNames vrfsSeen;     // then: a number for each name
     std::vector<std::pair<int, std::string>> problems; // line, reason
     std::map<uint32_t, std::string> aclUsers;          // ACL -> the node that uses it
     std::set<std::string> probes;                      // defined ones, "admin/test", readable or not
@@ -52,6 +54,9 @@ std::optional<std::string> textRead(Reader &reader, const YAML::Node &node, cons
 // A number least..most; none, and a problem, otherwise. Lock: none
 std::optional<uint32_t> numberOf(Reader &reader, const YAML::Node &node, const std::string &what, uint32_t least,
                                  uint32_t most);
+
+// A VRF: a number 0..most, or a name; none, and a problem, otherwise. Lock: none
+std::optional<uint32_t> vrfRead(Reader &reader, const YAML::Node &node, const std::string &what, uint32_t most);
 
 // No spaces, slashes or control characters. Lock: none
 bool isPlainName(const std::string &name);

@@ -122,7 +122,9 @@ void probeKeyRead(ProbeReader &of, const std::string &key, const YAML::Node &key
         probeInterfaceRead(of, value);
     } else if (key == "vrf") {
         of.hasVrf = true;
-        probe.vrf = of.number(value, key, 0, UINT32_MAX - 1);
+        const auto vrf = vrfRead(of.reader, value, of.what() + ": vrf", UINT32_MAX - 1);
+        of.complete = of.complete && vrf;
+        probe.vrf = vrf.value_or(0);
     } else if (key == "via") {
         probeViaRead(of, value);
     } else if (key == "interval") {

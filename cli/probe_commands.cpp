@@ -8,6 +8,7 @@
 #include "cli/policy.h"
 #include "cli/policy_probe.h"
 #include "cli/table.h"
+#include "cli/vrf_names.h"
 
 namespace cli {
 
@@ -111,11 +112,13 @@ void probeDefine(Daemon &daemon, const ProbeOptions &options) {
             members[pKey] = text;
         }
     }
-    for (const auto &[pKey, number] : {std::pair{"port", options.port}, std::pair{"vrf", options.vrf},
-                                       std::pair{"downAfter", options.downAfter}, std::pair{"upAfter", options.upAfter}}) {
+    for (const auto &[pKey, number] : {std::pair{"port", options.port}, std::pair{"downAfter", options.downAfter}, std::pair{"upAfter", options.upAfter}}) {
         if (number) {
             members[pKey] = *number;
         }
+    }
+    if (!options.vrf.empty()) {
+        members["vrf"] = vrfOf(daemon, options.vrf);
     }
     durationPut(members, "intervalMs", "--interval", options.interval, PROBE_INTERVAL_LEAST_MS);
     durationPut(members, "timeoutMs", "--timeout", options.timeout, 1);

@@ -22,7 +22,7 @@ struct ProbeOptions {
     std::string host;
     std::string source;
     std::string interface;
-    std::optional<uint32_t> vrf;
+    std::string vrf;       // a number or a name
     std::string via;
     std::string interval;  // 500ms, 1s, 2m
     std::string timeout;   // the same

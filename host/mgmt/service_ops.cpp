@@ -55,6 +55,15 @@ const char *stateText(HrdState state) {
     return "unknown";
 }
 
+json opVrfs(const json &request) {
+    mgmtArgsOnly(request, {});
+    json shown = json::object();
+    for (const auto &[name, value] : optionFamily("host.vrf")) {
+        shown[name] = optionNumber("host.vrf." + name);
+    }
+    return {{"vrfs", std::move(shown)}};
+}
+
 json opPeers(const json &request) {
     mgmtArgsOnly(request, {});
     json shown = json::array();
@@ -181,6 +190,7 @@ void settleAfterReplay() {
 void serviceOpsRegister() {
     mgmtRegister("version", false, opVersion);
     mgmtRegister("interfaces", false, opInterfaces);
+    mgmtRegister("vrfs", false, opVrfs);
     mgmtRegister("peers", false, opPeers);
     mgmtRegister("counters", false, opCounters);
     mgmtRegister("device.show", false, opDeviceShow);

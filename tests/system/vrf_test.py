@@ -51,6 +51,18 @@ class Vrf(system_case.LabCase):
         for family in (4, 6):
             self.all_by("upc", family=family)
 
+    def test_a_vrf_is_given_by_its_name(self):
+        for family in (4, 6):
+            self.route(family, f"{NET[family]} dev upc table {TABLE}")
+        self.daemon.apply(policy(self.both(HOP, "blue")))
+        for family in (4, 6):
+            self.all_by("upc", family=family)
+        self.assertEqual("", self.daemon.ctl("diff", "-", stdin=self.daemon.ctl("export").stdout).stdout)
+        refused = self.daemon.apply(policy(self.both(HOP, "grey")), check=False)
+        self.assertEqual(1, refused.returncode)
+        self.assertIn("named are: blue", refused.stderr)
+        self.all_by("upc")
+
     def test_packets_follow_the_routes_of_the_vrf(self):
         for family in (4, 6):
             self.route(family, f"{NET[family]} dev upc table {TABLE}")

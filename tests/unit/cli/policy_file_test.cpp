@@ -221,7 +221,7 @@ TEST(PolicyFile, ValuesOutOfRangeAreRefused) {
     }
     expectProblem(withNode("{acl: 1501, priority: 9}"), 6, "priority 9 cannot be asked for");
     expectProblem(withNode("{acl: 1501, next-hops: [192.0.2.1], ecmp: perhaps}"), 6, "true or false");
-    expectProblem(withNode("{acl: 1501, next-hops: [192.0.2.1], vrf: red}"), 6, "vrf must be a number");
+    expectProblem(withNode("{acl: 1501, next-hops: [192.0.2.1], vrf: 7red}"), 6, "vrf must be a number");
     expectProblem(withNode("{acl: 1501, next-hops: [192.0.2.1], vrf: 4294967296}"), 6, "vrf must be a number");
     expectProblem(withNode("{acl: 1501, next-hops: []}"), 6, "must be a list of addresses");
     expectProblem(withNode("{acl: 1501, next-hops: 192.0.2.1}"), 6, "must be a list of addresses");
