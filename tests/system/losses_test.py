@@ -31,12 +31,6 @@ class NothingIsLost(system_case.LabCase):
         for result in self.over("link-up").values():
             self.assertEqual({"upa", "upc"}, set(result["uplinks"]))
 
-    def test_when_the_uplink_is_set_down_at_the_router(self):
-        self.over("admin-down")
-
-    def test_when_the_uplink_is_set_down_and_its_network_is_unreachable_then(self):
-        self.over("admin-down-closed")
-
     def test_over_a_rule_that_is_added_to_the_nodes_acl(self):
         for result in self.over("rule").values():
             self.assertEqual({"upa"}, set(result["uplinks"]))
