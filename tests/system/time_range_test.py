@@ -1,10 +1,15 @@
 """Time ranges on the machine's clock: a range that begins and ends within seconds, as the operator defines it."""
 import datetime
 import os
+import struct
+import tempfile
 import time
 
 import system_case
+import netlab
 from steering_test import policy
+
+ZONE_FILE = "/etc/localtime"
 
 
 def local(seconds):
@@ -103,6 +108,57 @@ class Elsewhere(system_case.MemoryCase):
         self.manage({"op": "timerange.define", "id": 8, "start": "2100-01-01 00:00"})
         changes = [row["nextChange"] for row in self.manage({"op": "timeranges"})["timeRanges"]]
         self.assertEqual(["2100-07-01T00:00:00+10:30", "2100-01-01T00:00:00+11:00"], changes)
+
+
+def zone_file(seconds, rule):
+    """A zone file of one offset, seconds ahead of UTC, and for later times `rule` as in TZ."""
+    counts = struct.pack(">6I", 0, 0, 0, 0, 1, 4)  # of transitions none, one kind of time, four bytes of names
+    body = struct.pack(">iBB", seconds, 0, 0) + b"LOC\0"
+    head = b"TZif2" + bytes(15) + counts
+    path = tempfile.NamedTemporaryFile(prefix="zone-", delete=False)
+    with path as file:
+        file.write((head + body) * 2 + b"\n" + rule.encode() + b"\n")
+    return path.name
+
+
+class AnotherZone(system_case.MemoryCase):
+    """The machine's zone file is another one while the daemon runs: in this process's own mount namespace."""
+
+    def setUp(self):
+        self.zones = {"utc": zone_file(0, "LOC0"), "east": zone_file(37800, "<+1030>-10:30")}
+        for path in self.zones.values():
+            self.addCleanup(os.remove, path)
+        self.zone_is("utc")
+        before = os.environ.pop("TZ", None)
+        if before is not None:
+            self.addCleanup(os.environ.__setitem__, "TZ", before)
+        super().setUp()
+
+    def zone_is(self, name):
+        netlab.run(["mount", "--bind", self.zones[name], ZONE_FILE])
+        self.addCleanup(netlab.run, ["umount", ZONE_FILE])
+
+    def seen(self):
+        """What the daemon tells of its ranges: {number: (active, next change)}."""
+        rows = self.manage({"op": "timeranges"})["timeRanges"]
+        return {row["id"]: (row["active"], row["nextChange"]) for row in rows}
+
+    def test_ranges_follow_the_zone_within_a_minute_and_nodes_are_told(self):
+        now = datetime.datetime.now(datetime.timezone.utc)
+        east = now + datetime.timedelta(hours=10, minutes=30)  # what the clocks there show
+        self.daemon.ctl("acl", "add", 1501, 10, "permit", "ip")
+        self.daemon.ctl("list", "add", "wan")
+        self.daemon.ctl("node", "add", "wan", 10, "--acl", 1501, "--time-range", 7)
+        self.daemon.ctl("time-range", "add", 7, "--from", f"{east - datetime.timedelta(minutes=30):%H:%M}",
+                        "--to", f"{east + datetime.timedelta(minutes=30):%H:%M}")
+        self.daemon.ctl("time-range", "add", 8, "--start", "2100-07-01 00:00")
+        self.daemon.ctl("debug", "set", "event")
+        before = self.seen()
+        self.assertEqual((False, "2100-07-01T00:00:00+00:00"), (before[7][0], before[8][1]))
+        self.zone_is("east")
+        self.assertTrue(self.daemon.until(lambda: self.seen()[7][0], 65), self.seen())
+        self.assertEqual("2100-07-01T00:00:00+10:30", self.seen()[8][1])
+        self.assertTrue(self.daemon.until(lambda: any("node 10 timerange 7 start" in line for line in self.daemon.errors)))
 
 
 class Packets(system_case.LabCase):
