@@ -58,6 +58,12 @@ std::string journalStart() {
     aclRestore();
     timerangeRestore();
     otherwiseRestore();
+    return "";
+}
+
+// The probes of the journal: behind interfaces and routing tables, or their next hops would not be found, and
+// each would fail before it has asked anything.
+std::string probesRestore() {
     std::promise<void> isDone;
     hostEventLoop().post([&isDone] {
         nqaRestore();
@@ -75,6 +81,7 @@ std::string hostServicesStart() {
         {"journal", journalStart, false, "run as root, or use another folder with --option host.root=DIR"},
         {"interfaces", ifnetStart, true, privileges},
         {"routing tables", fibStart, true, privileges},
+        {"probes", probesRestore, false, ""},
         {"next-hop detection", hrdStart, true, privileges},
         {"forwarding plane", hostDeviceStart, false, privileges},
         {"management socket", mgmtStart, false,

@@ -90,6 +90,24 @@ class ProbedNextHops(system_case.LabCase):
         for name in ("a4", "a6"):
             self.until_state(name, "passing")
 
+    def test_after_a_restart_a_probe_asks_through_its_next_hop_at_once(self):
+        self.daemon.options.append("host.adopt-wait-ms=60000")
+        self.add_probes()
+        self.steer()
+        self.all_by_families("upa")
+        streams = [netlab.Stream(self.lab, 4), netlab.Stream(self.lab, 6, source_ns="lan2")]
+        self.daemon.kill()
+        self.daemon.start()
+        self.until_state("a4", "passing")
+        self.until_state("a6", "passing")
+        self.assertTrue(self.daemon.until(lambda: self.daemon.json("show", "device")["state"] == "live", 10))
+        for stream in streams:
+            self.assertTrue(stream.wait_uplink("upa", 2)[0])
+        for stream in streams:
+            result = stream.stop()
+            self.assertEqual((0, {"upa"}), (result["lost"], set(result["uplinks"])))
+        self.assertEqual([], [line for line in self.daemon.errors if "is failing" in line])
+
     def rules(self):
         return [line for family in (4, 6) for line in
                 netlab.run(f"ip -{family} rule show", "rtr").stdout.splitlines() if "proto 207" in line]
@@ -156,11 +174,11 @@ class TheOperatorsSide(system_case.MemoryCase):
         for words, wanted in (
                 (("add", "nameless", "icmp", "192.0.2.1"), "give ADMINISTRATOR/TEST"),
                 (("add", "a/" + "b" * 33, "icmp", "192.0.2.1"), "give ADMINISTRATOR/TEST"),
-                (("add", "a/b", "smtp", "192.0.2.1"), "must be icmp, tcp, udp or http"),
-                (("add", "a/b", "icmp", "host.example"), "must be an IPv4 or IPv6 address"),
-                (("add", "a/b", "tcp", "192.0.2.1"), '"port" is missing'),
+                (("add", "a/b", "smtp", "192.0.2.1"), "smtp not in {icmp,tcp,udp,http}"),
+                (("add", "a/b", "icmp", "host.example"), "is no IPv4 or IPv6 address"),
+                (("add", "a/b", "tcp", "192.0.2.1"), "needs --port"),
                 (("add", "a/b", "icmp", "192.0.2.1", "--interval", "soon"), "is no duration"),
-                (("add", "a/b", "icmp", "192.0.2.1", "--interval", "49ms"), "50 to 3600000"),
+                (("add", "a/b", "icmp", "192.0.2.1", "--interval", "49ms"), "is no duration from 50ms to 60m"),
                 (("add", "a/b", "icmp", "192.0.2.1", "--timeout", "2s"), "longer than the interval"),
                 (("add", "a/b", "icmp", "192.0.2.1", "--via", "2001:db8::1"), "must be an IPv4 address"),
                 (("del", "a/b"), "there is no probe a/b"),
