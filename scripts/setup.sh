@@ -9,7 +9,7 @@ packages=(
   libmnl-dev libnftnl-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
   nftables iproute2 iputils-ping util-linux mount
-  dpkg-dev passwd man-db groff-base
+  dpkg-dev passwd man-db groff-base systemd
 )
 missing=()
 for package in "${packages[@]}"; do
