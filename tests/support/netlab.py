@@ -5,7 +5,8 @@ where they arrive. Used by the system tests and by the demo.
     lan2 (10.2.0.10)--lan1 [rtr] upb--203.0.113.1 [ispb] --+-- [srv] 192.0.2.10, 2001:db8:ffff::10
                                 upc--100.64.0.1   [ispc] --+
 
-The routing table's way to the server is upb. Everything lives in a mount namespace of this process
+The routing table's way to the server is upb. A wide lab has a fourth uplink (upd, 100.65.0.1, ispd) and a
+third LAN (lan3, 10.3.0.10, behind lan2). Everything lives in a mount namespace of this process
 (enter_private), so nothing is left behind however it ends. Standard library only.
 """
 import contextlib
@@ -30,12 +31,17 @@ _libc = ctypes.CDLL(None, use_errno=True)
 SERVER = {4: "192.0.2.10", 6: "2001:db8:ffff::10"}
 LAN = {4: "10.0.0.10", 6: "2001:db8:1::10"}
 LAN2 = {4: "10.2.0.10", 6: "2001:db8:2::10"}
+LAN3 = {4: "10.3.0.10", 6: "2001:db8:3::10"}
+LANS = {"lan": ("lan0", LAN), "lan2": ("lan1", LAN2)}  # namespace: (interface of the router, addresses of the host)
 UPLINKS = {  # uplink: (router IPv4, next hop IPv4, router IPv6, next hop IPv6)
     "upa": ("198.51.100.2", "198.51.100.1", "2001:db8:a::2", "2001:db8:a::1"),
     "upb": ("203.0.113.2", "203.0.113.1", "2001:db8:b::2", "2001:db8:b::1"),
     "upc": ("100.64.0.2", "100.64.0.1", "2001:db8:c::2", "2001:db8:c::1"),
 }
 ISP = {"upa": "ispa", "upb": "ispb", "upc": "ispc"}
+WIDE_LANS = {**LANS, "lan3": ("lan2", LAN3)}
+WIDE_UPLINKS = {**UPLINKS, "upd": ("100.65.0.2", "100.65.0.1", "2001:db8:d::2", "2001:db8:d::1")}
+WIDE_ISP = {**ISP, "upd": "ispd"}
 
 
 def enter_private():
@@ -82,9 +88,10 @@ class Lab:
     """The topology above. Neighbour discovery of routers and duplicate address detection are off, so
     that addresses work at once."""
 
-    def __init__(self):
+    def __init__(self, wide=False):
         self.namespaces = []
-        for ns in ("rtr", "lan", "lan2", "srv", "ispa", "ispb", "ispc"):
+        self.lans, self.uplinks, self.isp = (WIDE_LANS, WIDE_UPLINKS, WIDE_ISP) if wide else (LANS, UPLINKS, ISP)
+        for ns in ("rtr", *self.lans, "srv", *self.isp.values()):
             run(["ip", "netns", "add", ns])
             self.namespaces.append(ns)
             for family in ("ipv4", "ipv6"):
@@ -95,21 +102,20 @@ class Lab:
                 sysctl(ns, f"ipv6/conf/{which}/accept_ra", 0)
                 sysctl(ns, f"ipv6/conf/{which}/keep_addr_on_down", 1)
             run("ip link set lo up", ns)
-        self._link("lan", "eth0", "rtr", "lan0", LAN[4] + "/24", "10.0.0.1/24", LAN[6] + "/64", "2001:db8:1::1/64")
-        self._link("lan2", "eth0", "rtr", "lan1", LAN2[4] + "/24", "10.2.0.1/24", LAN2[6] + "/64", "2001:db8:2::1/64")
-        for number, (up, (r4, h4, r6, h6)) in enumerate(UPLINKS.items(), 1):
-            isp = ISP[up]
+        for ns, (interface, host) in self.lans.items():
+            router = {family: address[:-2] + "1" for family, address in host.items()}  # ....10 has its router at ....1
+            self._link(ns, "eth0", "rtr", interface, host[4] + "/24", router[4] + "/24", host[6] + "/64", router[6] + "/64")
+            for family in (4, 6):
+                run(f"ip -{family} route add default via {router[family]}", ns)
+        for number, (up, (r4, h4, r6, h6)) in enumerate(self.uplinks.items(), 1):
+            isp = self.isp[up]
             self._link(isp, "eth0", "rtr", up, h4 + "/24", r4 + "/24", h6 + "/64", r6 + "/64")
             self._link(isp, "core", "srv", "from-" + up, f"172.16.{number}.1/24", f"172.16.{number}.2/24",
                        f"2001:db8:f{number}::1/64", f"2001:db8:f{number}::2/64")
-            for family, server in SERVER.items():
-                via = f"172.16.{number}.2" if family == 4 else f"2001:db8:f{number}::2"
-                run(f"ip -{family} route add {server} via {via}", isp)
+            self._server_routes(up)
             self._back_routes(up)
         for family in (4, 6):
             run(f"ip -{family} addr add {SERVER[family]}/{32 if family == 4 else 128} dev lo", "srv")
-            run(f"ip -{family} route add default via {'10.0.0.1' if family == 4 else '2001:db8:1::1'}", "lan")
-            run(f"ip -{family} route add default via {'10.2.0.1' if family == 4 else '2001:db8:2::1'}", "lan2")
             run(f"ip -{family} route add default via {UPLINKS['upb'][1 if family == 4 else 3]}", "rtr")
             run(f"ip -{family} route add default via {'172.16.2.1' if family == 4 else '2001:db8:f2::1'}", "srv")
 
@@ -121,12 +127,33 @@ class Lab:
             run(f"ip -6 addr add {v6} dev {interface} nodad", ns)
             run(f"ip link set {interface} up", ns)
 
-    @staticmethod
-    def _back_routes(up):
+    def _back_routes(self, up):
         """The ISP's way to the LANs; the kernel takes it away with the link."""
-        run(f"ip -4 route replace 10.0.0.0/8 via {UPLINKS[up][0]}", ISP[up])
-        for lan in ("2001:db8:1::/64", "2001:db8:2::/64"):
-            run(f"ip -6 route replace {lan} via {UPLINKS[up][2]}", ISP[up])
+        run(f"ip -4 route replace 10.0.0.0/8 via {self.uplinks[up][0]}", self.isp[up])
+        for _, host in self.lans.values():
+            run(f"ip -6 route replace {host[6][:-2]}/64 via {self.uplinks[up][2]}", self.isp[up])
+
+    def _server_routes(self, up):
+        """The ISP's way to the server."""
+        number = list(self.uplinks).index(up) + 1
+        for family, server in SERVER.items():
+            via = f"172.16.{number}.2" if family == 4 else f"2001:db8:f{number}::2"
+            run(f"ip -{family} route replace {server} via {via}", self.isp[up])
+
+    def answer_uplinks(self):
+        """The server answers the router's own packets by the uplink whose address they have, as probes want it."""
+        for number, (r4, _, r6, _) in enumerate(self.uplinks.values(), 1):
+            run(f"ip route replace {r4}/32 via 172.16.{number}.1", "srv")
+            run(f"ip -6 route replace {r6}/128 via 2001:db8:f{number}::1", "srv")
+
+    def add_tunnel(self, name, far="tunnel"):
+        """A point-to-point interface of the router straight to the server, where packets arrive by `far`: addresses
+        are not resolved on it. It stays until `ip link del NAME`."""
+        run(f"ip link add {name} netns rtr type veth peer name {far} netns srv", check=False)
+        for namespace, interface in (("rtr", name), ("srv", far)):
+            run(f"ip link set {interface} arp off", namespace)
+            run(f"ip link set {interface} address 02:00:00:00:00:01", namespace)
+            run(f"ip link set {interface} up", namespace)
 
     def socket(self, ns, family, kind=socket.SOCK_DGRAM):
         with inside(ns):
@@ -136,15 +163,23 @@ class Lab:
     def silence(self, up):
         """The next hop of an uplink answers nothing any more, ARP and ND included; its link stays up."""
         run(["nft", "add table netdev cut; add chain netdev cut in { type filter hook ingress device eth0 "
-             "priority -500; policy drop; }"], ISP[up])
+             "priority -500; policy drop; }"], self.isp[up])
 
     def unsilence(self, up):
-        run("nft delete table netdev cut", ISP[up])
+        run("nft delete table netdev cut", self.isp[up])
 
     def link(self, up, state):
-        run(f"ip link set eth0 {state}", ISP[up])
+        run(f"ip link set eth0 {state}", self.isp[up])
         if state == "up":
             self._back_routes(up)
+
+    def cut_behind(self, up):
+        """What lies behind the next hop is dead: the neighbour itself lives and answers."""
+        run("ip link set core down", self.isp[up])
+
+    def mend_behind(self, up):
+        run("ip link set core up", self.isp[up])
+        self._server_routes(up)
 
     def close(self):
         for ns in self.namespaces:
@@ -212,11 +247,15 @@ class Arrivals:
         self.socket.close()
 
 
-def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, destination=None):
-    """Sends `count` numbered UDP packets, over `ports` source ports in turn."""
+def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, destination=None, size=4, setopts=()):
+    """Sends `count` numbered UDP packets of `size` bytes, over `ports` source ports in turn; `setopts` are options
+    (level, name, value) of their sockets."""
     af = socket.AF_INET if family == 4 else socket.AF_INET6
     sockets = [lab.socket(source_ns, af) for _ in range(ports)]
     try:
+        for each in sockets:
+            for option in setopts:
+                each.setsockopt(*option)
         start = time.monotonic()
         for number in range(count):
             if interval:
@@ -224,7 +263,8 @@ def send(lab, family, port, count, source_ns="lan", interval=0.0, ports=1, desti
                 if late > 0:
                     time.sleep(late)
             with contextlib.suppress(OSError):
-                sockets[number % ports].sendto(struct.pack("!I", number), (destination or SERVER[family], port))
+                sockets[number % ports].sendto(struct.pack("!I", number).ljust(size, b"\0"),
+                                               (destination or SERVER[family], port))
     finally:
         for each in sockets:
             each.close()

@@ -10,9 +10,7 @@ class ProbedNextHops(system_case.LabCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        for number, (r4, _, r6, _) in enumerate(netlab.UPLINKS.values(), 1):  # answers find the router's uplinks
-            netlab.run(f"ip route add {r4}/32 via 172.16.{number}.1", "srv")
-            netlab.run(f"ip -6 route add {r6}/128 via 2001:db8:f{number}::1", "srv")
+        cls.lab.answer_uplinks()
 
     def add_probes(self, **options):
         words = [word for key, value in options.items() for word in ("--" + key.replace("_", "-"), value)]
@@ -42,23 +40,12 @@ class ProbedNextHops(system_case.LabCase):
     def until_state(self, name, status, seconds=5.0):
         self.assertTrue(self.daemon.until(lambda: self.state(name)["status"] == status, seconds), self.state(name))
 
-    def cut_behind(self, up):
-        """What lies behind the next hop is dead: the neighbour itself lives and answers."""
-        netlab.run("ip link set core down", netlab.ISP[up])
-
-    def mend_behind(self, up):
-        netlab.run("ip link set core up", netlab.ISP[up])
-        number = list(netlab.UPLINKS).index(up) + 1
-        for family, server in SERVER.items():
-            via = f"172.16.{number}.2" if family == 4 else f"2001:db8:f{number}::2"
-            netlab.run(f"ip -{family} route replace {server} via {via}", netlab.ISP[up])
-
     def test_traffic_leaves_a_next_hop_behind_which_nothing_lives_and_comes_back(self):
         self.add_probes(down_after="3")
         self.steer()
         self.all_by_families("upa")
-        self.addCleanup(self.mend_behind, "upa")
-        self.cut_behind("upa")
+        self.addCleanup(self.lab.mend_behind, "upa")
+        self.lab.cut_behind("upa")
         self.all_by_families("upc")
         for hop in self.daemon.json("show", "next-hops"):
             self.assertEqual("up", hop["reachable"], hop)  # the neighbours have been alive all the time
@@ -66,7 +53,7 @@ class ProbedNextHops(system_case.LabCase):
             probe = self.state(name)
             self.assertEqual("failing", probe["status"])
             self.assertNotEqual("", probe["error"])
-        self.mend_behind("upa")
+        self.lab.mend_behind("upa")
         self.all_by_families("upa")
 
     def test_a_probe_that_is_removed_or_was_never_made_lets_nothing_pass(self):

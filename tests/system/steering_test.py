@@ -141,7 +141,8 @@ acls:
         self.all_by("upa")
 
     def test_nodes_of_other_kinds_behind_a_next_hop_node_stay_through_every_change(self):
-        self.add_tunnel()
+        self.lab.add_tunnel("upd")
+        self.addCleanup(lambda: netlab.run("ip link del upd", "rtr", check=False))
         self.daemon.apply(policy({10: f"acl: 1501, next-hops: {hops('upa', 'upc')}",
                                   20: "acl: 1502, interface: upd",
                                   30: "acl: 1503, priority: 5"}))
@@ -156,15 +157,6 @@ acls:
             self.all_by(expected)
             self.assertEqual({"tunnel": 20}, self.by_uplink(port=505))
             self.assertEqual({5}, self.priorities(600))
-
-    def add_tunnel(self):
-        """A point-to-point interface `upd` straight to the server: addresses are not resolved on it."""
-        netlab.run("ip link add upd netns rtr type veth peer name tunnel netns srv", check=False)
-        for namespace, interface in (("rtr", "upd"), ("srv", "tunnel")):
-            netlab.run(f"ip link set {interface} arp off", namespace)
-            netlab.run(f"ip link set {interface} address 02:00:00:00:00:01", namespace)
-            netlab.run(f"ip link set {interface} up", namespace)
-        self.addCleanup(lambda: netlab.run("ip link del upd", "rtr", check=False))
 
     def priorities(self, port, family=4):
         arrivals = netlab.Arrivals(self.lab, family, port)
