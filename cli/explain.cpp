@@ -91,7 +91,7 @@ std::string actionText(const json &answer) {
     if (why.empty() && answer.value("action", "") == "out-interface") {
         return "sent out of the node's interface";
     }
-    return "routed as usual" + (why.empty() ? std::string() : ": " + why);
+    return std::string(answer.value("dropping", false) ? "dropped" : "routed as usual") + (why.empty() ? std::string() : ": " + why);
 }
 
 void deciderWrite(const json &answer, std::ostream &out) {

@@ -20,6 +20,10 @@ class FailsClosed(system_case.LabCase):
 
         self.assertTrue(self.daemon.until(question, seconds), f"still arriving: {seen}")
 
+    def explained(self):
+        return self.daemon.ctl("explain", "--in", "lan0", "--src", netlab.LAN[4], "--dst", netlab.SERVER[4], "--proto", "udp",
+                               "--sport", 1000, "--dport", 443).stdout
+
     def test_a_silent_next_hop_closes_the_node_and_its_return_opens_it(self):
         self.daemon.apply(policy(both("upa", otherwise="drop")))
         for family in (4, 6):
@@ -30,6 +34,7 @@ class FailsClosed(system_case.LabCase):
             self.all_by("upb", family=family, port=53)
         self.assertIn("drop (now)", self.daemon.ctl("show", "next-hops").stdout)
         self.assertIn("drop (now)", self.daemon.ctl("show", "device").stdout)
+        self.assertIn("\ndropped: no usable next hop\n", self.explained())
         self.lab.unsilence("upa")
         for family in (4, 6):
             self.all_by("upa", family=family)

@@ -67,6 +67,9 @@ class SurvivesTheDaemon(system_case.LabCase):
         netlab.run("ip rule flush", "rtr")
         netlab.run("ip rule add pref 32766 lookup main", "rtr")
         self.all_by("upa")
+        told = [line.split("installed")[1].strip() for line in self.daemon.errors if "the kernel held something else" in line]
+        self.assertEqual("(table inet policyroute is missing); it is repaired", told[0])
+        self.assertIn("(IPv4 rule 15000 is missing", told[-1])
 
 
 class WithoutApply(system_case.LabCase):

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/device/desired/desired_show.h"
+#include "host/device/desired/otherwise.h"
 #include "host/device/device.h"
 #include "host/ifnet/ifnet.h"
 #include "host/mgmt/watch_feed.h"
@@ -47,7 +48,8 @@ std::string outcomeText(const RedirectEntry &entry) {
     case PBR_REDIRECT_OUT_IF: return "out of " + ifnetName(entry.outIfUnit);
     case PBR_REDIRECT_NEXT_HOPS: return (entry.nextHops.size() > 1 ? "next hops " : "next hop ") + hops;
     case PBR_REDIRECT_PRIORITY_ONLY: return "priority " + std::to_string(entry.newIpPri);
-    case PBR_REDIRECT_INERT: return "routed as usual, nothing usable";
+    case PBR_REDIRECT_INERT:
+        return otherwiseDrops(entry.list, entry.nodeIndex) ? "dropped, nothing usable" : "routed as usual, nothing usable";
     }
     return "";
 }

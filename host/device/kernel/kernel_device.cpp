@@ -478,13 +478,14 @@ void KernelDevice::readBack(unsigned parts) {
     }
     if (plane_.reconcile((parts & READ_NFT) != 0 ? &snapshot.nft : nullptr,
                          (parts & READ_RT) != 0 ? &snapshot.rt : nullptr)) {
-        hostLog(LOG_LEVEL_WARNING, MODULE, "the kernel held something else than was installed; it is repaired");
+        const std::string text =
+            "the kernel held something else than was installed" + plane_.driftText() + "; it is repaired";
+        hostLog(LOG_LEVEL_WARNING, MODULE, "%s", text.c_str());
         repairs_.push_back(hooks_.now());
         while (hooks_.now() - repairs_.front() > REPAIRS_SPAN) {
             repairs_.pop_front();
         }
-        watchTell("drift", "the kernel held something else than was installed; it is repaired",
-                  {{"repaired", plane_.counters().driftRepaired}});
+        watchTell("drift", text, {{"repaired", plane_.counters().driftRepaired}});
     }
     apply();
 }

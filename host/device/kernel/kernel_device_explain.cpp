@@ -48,7 +48,7 @@ std::string KernelDevice::passedBy(const PacketQuestion &question) const {
     return kind == "local" ? "its destination is an address of this machine" : "its destination is a " + kind + " address";
 }
 
-// What the deciding node does: its paths, or why the packet is routed as usual. Lock: held by caller
+// What the deciding node does: its paths, or why the packet is routed as usual or dropped. Lock: held by caller
 void KernelDevice::deciderShow(const ExplainNode &node, json &shown) const {
     const KernelModel &model = plane_.model();
     const ProgramList &program = model.lists().at(node.key.list);
@@ -60,6 +60,7 @@ void KernelDevice::deciderShow(const ExplainNode &node, json &shown) const {
     shown["nextHops"] = nextHopsShow(entry);
     shown["priority"] = status.error.empty() ? program.nodes.at(node.key).decision.precedence : 0;
     shown["paths"] = json::array();
+    shown["dropping"] = model.isDropped(node.key);
     shown["why"] = !status.error.empty() ? status.error : status.reason;
     if (pDecision == nullptr) {
         return;

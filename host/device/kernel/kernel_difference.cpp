@@ -1,5 +1,5 @@
 // Comparing what the kernel holds with what it should hold, in words: KernelPlane::differences. Called by
-// the kernel device for a check; changes nothing.
+// the kernel device for a check, and to tell what it repairs; changes nothing.
 #include <arpa/inet.h>
 
 #include "host/device/desired/desired_show.h"
@@ -103,6 +103,15 @@ std::vector<std::string> KernelPlane::differences(const KernelSnapshot &snapshot
         }
     }
     return lines;
+}
+
+std::string KernelPlane::driftText() const {
+    const Lines lines = differences(installed_);
+    if (lines.empty()) {
+        return "";
+    }
+    const std::string more = lines.size() == 1 ? "" : ", and " + std::to_string(lines.size() - 1) + " more";
+    return " (" + lines.front() + more + ")";
 }
 
 } // namespace host

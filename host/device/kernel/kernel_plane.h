@@ -85,6 +85,10 @@ public:
     // merely waits to be collected is no difference. Changes nothing.
     std::vector<std::string> differences(const KernelSnapshot &snapshot) const;
 
+    // The same of what reconcile took as the truth, before the next apply: " (IPv4 rule 15001 is missing, and 2
+    // more)"; empty: nothing that differences has words for.
+    std::string driftText() const;
+
     // Lets all counters of rules begin at 0. Result: empty, or why not.
     std::string countsClear();
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/device/desired/desired_show.h"
+#include "host/device/desired/otherwise.h"
 #include "host/device/kernel/program_explain.h"
 #include "host/device/memory/memory_device.h"
 #include "host/ifnet/ifnet.h"
@@ -45,6 +46,7 @@ json MemoryDevice::explain(const PacketQuestion &question) {
         shown["nextHops"] = row["nextHops"];
         shown["priority"] = entry.newIpPri;
         shown["paths"] = json::array();
+        shown["dropping"] = entry.kind == PBR_REDIRECT_INERT && otherwiseDrops(entry.list, entry.nodeIndex);
         shown["why"] = entry.kind == PBR_REDIRECT_INERT ? "no usable next hop" : "";
     }
     shown["notes"] = {"the memory device forwards nothing: this is what the policy says"};

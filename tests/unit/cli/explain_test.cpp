@@ -72,6 +72,16 @@ json policyAnswer() {
                                    {{"rule", 20}, {"text", "permit ip from any to any"}, {"answer", "match"}, {"why", ""}}}}}}}};
 }
 
+TEST(ExplainText, TellsWhetherItIsDroppedWhileNothingIsUsable) {
+    json answer = policyAnswer();
+    answer["paths"] = json::array();
+    answer["action"] = "inert";
+    answer["why"] = "no usable next hop";
+    EXPECT_NE(explainText(answer, false).find("\nrouted as usual: no usable next hop\n"), std::string::npos);
+    answer["dropping"] = true;
+    EXPECT_NE(explainText(answer, false).find("\ndropped: no usable next hop\n"), std::string::npos);
+}
+
 TEST(ExplainText, NamesNodeRuleWayAndWhyNotTheOthers) {
     EXPECT_EQ(explainText(policyAnswer(), false),
               "list wan node 10: ACL 1501 rule 20: permit ip from any to any\n"
