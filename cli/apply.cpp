@@ -231,6 +231,9 @@ void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::
     if (!options.dryRun) {
         planApply(daemon, made, options, err);
     }
+    if (!options.dryRun && !options.confirmSeconds) {
+        (void)daemon.mgmtIfThere("journal.forget"); // what did not come back at the start is not wanted any more
+    }
     if (options.json) {
         jsonShow(made, !options.dryRun, out);
     } else if (!made.plan.lines.empty()) {

@@ -227,6 +227,9 @@ void ConfirmWatch::leave() {
 
 void confirm(Daemon &daemon, bool rollBackNow, std::ostream &out) {
     const auto answer = daemon.mgmt("confirm", {{"rollback", rollBackNow}});
+    if (!rollBackNow) {
+        (void)daemon.mgmtIfThere("journal.forget"); // as an apply that needs no confirmation does
+    }
     out << answer.value("file", "the policy") << (rollBackNow ? " is rolled back now" : " is confirmed: it stays") << "\n";
 }
 

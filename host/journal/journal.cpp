@@ -49,6 +49,7 @@ public:
     void keepAll(const std::string &service, const std::map<std::string, std::string> &texts);
     void notRestored(const std::string &what, const std::string &why);
     void interfaceLeft(uint32_t unit);
+    void forget();
     json show();
 
 private:
@@ -73,6 +74,7 @@ private:
     std::string failure_; // of the latest write; empty: writing
     std::vector<std::string> findings_;
     std::vector<NotRestored> notRestored_;
+    std::map<PolicyRow, std::string> unmade_; // rows kept for the next start whose interface was not there at this one
     std::function<void()> settle_;
 };
 
@@ -194,6 +196,7 @@ void Journal::answered(const CommandSet &set, uint32_t result) {
     const auto pending = std::exchange(pending_, std::nullopt);
     if (pending && result == QRV_OK) {
         state_.done(*pending);
+        unmade_.erase(pending->row); // there is one now
     } else if (pending) {
         mustTakeBack_ = !written(file_.takeBack());
         if (!mustTakeBack_ && state_.failed(*pending, result)) {
@@ -251,6 +254,7 @@ void Journal::replay(const IcmCommand *pCommands, uint32_t count) {
             state_.touch(row);
         }
         state_.become(result.rows);
+        unmade_ = result.unmade;
         // State, names and run belong together; without room the next start finds the earlier ones, whole.
         std::set<PolicyRow> changed = state_.takeChanged();
         if (written(file_.fold(state_, changed))) {
@@ -322,6 +326,16 @@ void Journal::leftDrop(uint32_t unit) {
     }
 }
 
+// The running policy is meant as it is: what waits for an interface is no part of it.
+void Journal::forget() {
+    const std::lock_guard guard(lock_);
+    for (const auto &[row, what] : std::exchange(unmade_, {})) {
+        appendDone({row, PBR_LIST_STATUS,
+                    {false, row.table == PolicyTable::Interface ? PBR_IF_DESTROY : PBR_ROW_DESTROY, ""}});
+        std::erase_if(notRestored_, [&what = what](const NotRestored &each) { return each.what == what; });
+    }
+}
+
 json Journal::show() {
     const std::lock_guard guard(lock_);
     json refused = json::array();
@@ -340,6 +354,14 @@ json Journal::show() {
 json opShow(const json &request) {
     mgmtArgsOnly(request, {});
     return journal() == nullptr ? json{{"state", "off"}} : journal()->show();
+}
+
+json opForget(const json &request) {
+    mgmtArgsOnly(request, {});
+    if (journal() != nullptr) {
+        journal()->forget();
+    }
+    return json::object();
 }
 
 } // namespace
@@ -408,6 +430,7 @@ void journalInterfaceLeft(uint32_t unit) {
 
 void journalMgmtRegister() {
     mgmtRegister("journal.show", false, opShow);
+    mgmtRegister("journal.forget", true, opForget);
 }
 
 } // namespace host

@@ -107,6 +107,7 @@ void Replayer::rowTake(PolicyRow row, PolicyFields fields, PolicyState &makeable
         if (*pUnit >= REPLAY_UNIT_NONE && !name.empty()) {
             result_.rows[row] = fields;
             refuse(row, "interface " + name + " is not there");
+            result_.unmade[row] = rowText(row);
             return;
         }
     }

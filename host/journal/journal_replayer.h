@@ -23,6 +23,7 @@ struct ReplayRefusal {
 struct ReplayResult {
     size_t sets = 0;                             // that were done
     std::vector<ReplayRefusal> refused;          // rows that are not there, or not whole
+    std::map<PolicyRow, std::string> unmade;     // rows whose interface is not there, as in `what`: none of them exists
     std::map<PolicyRow, PolicyFields> rows;      // to be kept: all of them, with the units of now
     std::map<uint32_t, std::string> names;       // of the units in these rows
 };

@@ -294,6 +294,28 @@ class KeepsPackets(system_case.LabCase):
             self.daemon.kill()
             self.daemon.start()
 
+    def test_an_applied_file_is_all_that_comes_back(self):
+        def gone_is_there():
+            netlab.run("ip link add gone0 type veth peer name gone1", "rtr")
+
+        gone_is_there()
+        self.addCleanup(netlab.run, "ip link del gone0", "rtr", check=False)
+        self.daemon.apply(policy({**both("upa"), 90: "acl: 1502, interface: gone0"}, bindings="lan0: wan, gone0: wan"))
+        self.daemon.kill()
+        netlab.run("ip link del gone0", "rtr")
+        self.daemon.start()
+        self.assertEqual({"interface gone0", "list wan node 90"},
+                         {row["what"] for row in self.daemon.json("show", "journal")["notRestored"]})
+        self.daemon.apply(policy(both("upa")))
+        self.assertEqual([], self.daemon.json("show", "journal")["notRestored"])
+        wanted = self.daemon.ctl("export").stdout
+        self.daemon.kill()
+        gone_is_there()
+        netlab.sysctl("rtr", "ipv4/conf/gone0/forwarding", 1)
+        self.daemon.start()
+        self.assertEqual(wanted, self.daemon.ctl("export").stdout)
+        self.assertEqual([], self.daemon.json("show", "journal")["notRestored"])
+
 
 if __name__ == "__main__":
     system_case.main()
