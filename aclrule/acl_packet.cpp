@@ -24,6 +24,9 @@ AclMatch macMatch(const AclRule &rule, const AclPacket &packet) {
     if (!rule.sourceMac) {
         return MATCH;
     }
+    if (!packet.isEthernet) {
+        return miss("it has no source MAC: it does not come in over Ethernet");
+    }
     if (!packet.sourceMac) {
         return unknown("source MAC");
     }

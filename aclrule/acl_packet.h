@@ -25,6 +25,7 @@ struct AclPacket {
     uint8_t dscp = 0;                // 0..63; its upper three bits are the precedence
     bool isLaterFragment = false;    // without the protocol's header
     std::optional<uint32_t> length;  // bytes with the IP header
+    bool isEthernet = true;          // it came in over Ethernet; else it has no source MAC, known or not
     std::optional<AclMac> sourceMac; // of the Ethernet frame
 };
 

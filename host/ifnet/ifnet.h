@@ -24,6 +24,7 @@ struct IfnetLink {
     bool up = false;     // administratively up and with carrier
     bool hasNeighbours = true; // false: no address resolution on it (point-to-point, loopback, NOARP)
     uint32_t aggregation = 0;  // unit of the aggregation of which it is a port; 0: none
+    bool isEthernet = true;    // its packets carry an Ethernet header
     bool operator==(const IfnetLink &) const = default;
 };
 

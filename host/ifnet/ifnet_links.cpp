@@ -10,6 +10,7 @@
 #include "host/journal/journal.h"
 
 #include <linux/if.h>
+#include <linux/if_arp.h>
 #include <linux/rtnetlink.h>
 
 #include <atomic>
@@ -74,6 +75,7 @@ std::optional<IfnetLink> linkOf(const nlmsghdr *pMessage) {
     link.up = (pInfo->ifi_flags & FLAGS_UP) == FLAGS_UP;
     link.hasNeighbours = (pInfo->ifi_flags & (IFF_NOARP | IFF_LOOPBACK | IFF_POINTOPOINT)) == 0;
     link.aggregation = isPort(attrs) ? attrs.u32(IFLA_MASTER).value_or(0) : 0;
+    link.isEthernet = pInfo->ifi_type == ARPHRD_ETHER;
     return link;
 }
 

@@ -114,6 +114,8 @@ PacketQuestion packetQuestionOf(const json &request) {
         ? numberOf<uint32_t>(request, "length", aclrule::ACL_LENGTH_LEAST_6, aclrule::ACL_LENGTH_MOST_6)
         : numberOf<uint32_t>(request, "length", aclrule::ACL_LENGTH_LEAST_4, aclrule::ACL_LENGTH_MOST_4);
     packet.sourceMac = macOf(request);
+    const std::optional<IfnetLink> link = ifnetByUnit(question.ifUnit);
+    packet.isEthernet = !link || link->isEthernet;
     return question;
 }
 

@@ -58,6 +58,13 @@ class OnADesk(system_case.MemoryCase):
         self.assertIn("routed as usual: no node matches it\n", text)
         self.assertIn("it cannot be told: ACL 1501 rule 10: it asks for the protocol", self.explain())
 
+    def test_an_interface_without_ethernet_has_no_source_mac_whatever_is_told(self):
+        self.daemon.apply(POLICY.replace("deny udp from any to any port 6000", "permit udp source-mac 02:00:5e:00:53:01"))
+        for told in ((), ("--source-mac", "02:00:5e:00:53:01")):
+            text = self.explain("--proto", "udp", "--dport", "53", "--verbose", *told)
+            self.assertIn("miss: it has no source MAC: it does not come in over Ethernet", text)
+            self.assertIn("routed as usual: no node matches it\n", text)
+
     def test_refuses_what_is_no_packet(self):
         for words, status in ((("--src", "10.0.0.1", "--dst", "2001:db8::1"), 1), (("--src", "x", "--dst", "10.0.0.1"), 1),
                               (("--src", "10.0.0.1", "--dst", "10.0.0.2", "--proto", "tpc"), 2)):

@@ -184,6 +184,13 @@ TEST(AclRuleMatch, SourceMac) {
     packet.sourceMac = AclMac{2, 0, 0x5e, 0, 0x53, 1};
     EXPECT_EQ(why("permit ip source-mac 02:00:5e:00:53:01", packet), "match");
     EXPECT_EQ(why("permit ip source-mac 02:00:5e:00:53:02", packet), "miss: another source MAC");
+    packet.isEthernet = false;
+    EXPECT_EQ(why("permit ip source-mac 02:00:5e:00:53:01", packet),
+              "miss: it has no source MAC: it does not come in over Ethernet");
+    packet.sourceMac.reset();
+    EXPECT_EQ(why("permit ip source-mac 02:00:5e:00:53:01", packet),
+              "miss: it has no source MAC: it does not come in over Ethernet");
+    EXPECT_EQ(why("permit ip", packet), "match");
 }
 
 TEST(AclRuleMatch, WhatWasNotToldIsNamed) {

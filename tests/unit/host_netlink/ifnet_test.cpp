@@ -50,11 +50,11 @@ TEST(Ifnet, LinksComeChangeAndGo) {
     });
 }
 
-TEST(Ifnet, LoopbackIsUpAndHasNoNeighbours) {
+TEST(Ifnet, LoopbackIsUpAndHasNeitherNeighboursNorEthernetHeaders) {
     lab::inNamespace([] {
         ASSERT_EQ(host::ifnetStart(), "");
         ASSERT_TRUE(host::ifnetByUnit(1));
-        EXPECT_EQ(*host::ifnetByUnit(1), (host::IfnetLink{1, "lo", true, false}));
+        EXPECT_EQ(*host::ifnetByUnit(1), (host::IfnetLink{1, "lo", true, false, 0, false}));
     });
 }
 
