@@ -2,6 +2,8 @@
 #include "cli/change.h"
 
 #include <algorithm>
+#include <optional>
+#include <set>
 #include <sstream>
 
 #include "cli/check.h"
@@ -223,6 +225,45 @@ void installedCheck(Daemon &daemon, uint32_t unit, const std::string &interface)
     }
 }
 
+// What the device says of the nodes of an ACL that it does not take: "node wan/10: ...". The daemon looks at its
+// policy at the end of each command, so one is sent first.
+std::set<std::string> aclRefusals(Daemon &daemon, uint32_t acl) {
+    client::ScalarRow scalars;
+    must(client::scalarsRead(daemon.command(), scalars), "read the scalars");
+    std::set<std::string> refusals;
+    const auto device = daemon.mgmtIfThere("device.show");
+    for (const auto &entry : device ? device->value("entries", nlohmann::json::array()) : nlohmann::json::array()) {
+        const std::string error = entry.value("error", "");
+        if (entry.value("acl", 0U) == acl && !error.empty()) {
+            refusals.insert(place(entry.value("list", ""), entry.value("node", 0U)) + ": " + error);
+        }
+    }
+    return refusals;
+}
+
+// The rule as it is; none when there is none.
+std::optional<std::string> ruleText(Daemon &daemon, uint32_t acl, uint32_t rule, bool &isAclThere) {
+    isAclThere = false;
+    nlohmann::json answer;
+    try {
+        answer = daemon.mgmt("acl.show", {{"acl", acl}});
+    } catch (const Refused &) {
+        return std::nullopt; // there is no such ACL
+    }
+    for (const auto &each : answer.value("acls", nlohmann::json::array())) {
+        if (each.value("acl", 0U) != acl) {
+            continue;
+        }
+        isAclThere = true;
+        for (const auto &held : each.value("rules", nlohmann::json::array())) {
+            if (held.value("rule", 0U) == rule) {
+                return held.value("text", "");
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 void changeAclCreate(Daemon &daemon, uint32_t acl) {
@@ -245,7 +286,26 @@ void changeAclDestroy(Daemon &daemon, uint32_t acl) {
 }
 
 void changeAclAdd(Daemon &daemon, uint32_t acl, uint32_t rule, const std::vector<std::string> &words) {
+    bool wasAclThere = false;
+    const auto before = ruleText(daemon, acl, rule, wasAclThere);
+    const std::set<std::string> known = aclRefusals(daemon, acl);
     (void)daemon.mgmt("acl.set", {{"acl", acl}, {"rule", rule}, {"text", joined(words, " ")}});
+    std::string refused;
+    for (const std::string &each : aclRefusals(daemon, acl)) {
+        refused += known.count(each) == 0 ? (refused.empty() ? "" : "; ") + each : "";
+    }
+    if (refused.empty()) {
+        return;
+    }
+    if (before) {
+        (void)daemon.mgmt("acl.set", {{"acl", acl}, {"rule", rule}, {"text", *before}});
+    } else {
+        (void)daemon.mgmt("acl.del", {{"acl", acl}, {"rule", rule}});
+    }
+    if (!wasAclThere) {
+        (void)daemon.mgmt("acl.destroy", {{"acl", acl}});
+    }
+    throw Refused("the forwarding plane does not take it: " + refused + ". Nothing was changed");
 }
 
 void changeAclDel(Daemon &daemon, uint32_t acl, uint32_t rule) {

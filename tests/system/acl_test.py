@@ -77,6 +77,25 @@ class Rules(AclCase):
         self.assertEqual("upb", self.way(4, size=100))
 
 
+    def test_a_rule_that_the_kernel_cannot_match_is_refused_and_the_ones_before_stay(self):
+        self.daemon.apply(self.policy("permit udp to any port 443"))
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+        before = self.daemon.ctl("show", "acls").stdout
+        for words, reason in (((1501, 20, "permit", "udp", "fragments"), "node wan/10: ACL 1501 rule 20: fragments are"),
+                              ((1501, 10, "permit", "udp", "fragments"), "node wan/10: ACL 1501 rule 10: fragments are"),
+                              ((3501, 20, "permit", 51), "node wan/20: ACL 3501 rule 20: protocol 51 is")):
+            refused = self.daemon.ctl("acl", "add", *words, check=False)
+            self.assertEqual(1, refused.returncode, words)
+            self.assertIn("the forwarding plane does not take it: " + reason, refused.stderr)
+            self.assertIn("Nothing was changed", refused.stderr)
+            self.assertEqual(before, self.daemon.ctl("show", "acls").stdout)
+        self.assertEqual(0, self.daemon.ctl("check").returncode)
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+        self.daemon.ctl("acl", "add", 1502, 10, "permit", "udp", "fragments")  # nobody uses it yet
+
+
 class FragmentCase(AclCase):
     def setUp(self):
         super().setUp()
