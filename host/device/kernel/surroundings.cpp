@@ -32,11 +32,13 @@ bool isWithin(const IpAddress &address, const IpAddress &network, uint8_t prefix
     return true;
 }
 
+bool isAsked(const Surroundings &around, uint8_t family) {
+    return std::any_of(around.bound.begin(), around.bound.end(),
+                       [&](const Surroundings::Bound &bound) { return bound.families[family == 6]; });
+}
+
 void forwardingJudge(const Surroundings &around, Notices &notices) {
-    bool isAsked[2] = {};
     for (const Surroundings::Bound &bound : around.bound) {
-        isAsked[0] = isAsked[0] || bound.families[0];
-        isAsked[1] = isAsked[1] || bound.families[1];
         // While forwarding is off for all, the interfaces' own values follow from that.
         if (bound.families[0] && bound.forwarding4 == 0 && around.forwarding4 != 0) {
             notices.push_back({"forwarding-off",
@@ -44,13 +46,26 @@ void forwardingJudge(const Surroundings &around, Notices &notices) {
                                "sysctl -w net.ipv4.conf." + bound.ifName + ".forwarding=1"});
         }
     }
-    if (isAsked[0] && around.forwarding4 == 0) {
+    if (isAsked(around, 4) && around.forwarding4 == 0) {
         notices.push_back({"forwarding-off", "this machine forwards no IPv4 packets",
                            "sysctl -w net.ipv4.ip_forward=1"});
     }
-    if (isAsked[1] && around.forwarding6 == 0) {
+    if (isAsked(around, 6) && around.forwarding6 == 0) {
         notices.push_back({"forwarding-off", "this machine forwards no IPv6 packets",
                            "sysctl -w net.ipv6.conf.all.forwarding=1"});
+    }
+}
+
+// An ICMP error for a steered packet would carry its mark and so take its way, and not that to its sender.
+void reflectionJudge(const Surroundings &around, Notices &notices) {
+    for (const uint8_t family : {uint8_t{4}, uint8_t{6}}) {
+        const std::optional<int> &reflect = family == 6 ? around.reflect6 : around.reflect4;
+        if (isAsked(around, family) && reflect.value_or(0) != 0) {
+            notices.push_back({"errors-steered",
+                               "ICMP errors of this machine for steered " + familyText(family) +
+                                   " packets leave by the policy's way, and not to the sender: path MTUs are not learned",
+                               "sysctl -w net.ipv" + std::to_string(family) + ".fwmark_reflect=0"});
+        }
     }
 }
 
@@ -124,6 +139,7 @@ std::vector<DeviceNotice> surroundingsJudge(const Surroundings &around) {
     rulesJudge(around, notices);
     repairsJudge(around, notices);
     reversePathJudge(around, notices);
+    reflectionJudge(around, notices);
     hopsJudge(around, notices);
     return notices;
 }

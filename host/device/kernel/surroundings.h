@@ -54,6 +54,7 @@ struct Surroundings {
     std::vector<Address> addresses;
     std::vector<Hop> hops;
     std::optional<int> forwarding4, forwarding6; // of all interfaces
+    std::optional<int> reflect4, reflect6;       // whether the kernel's own answers take over a packet's mark
     std::optional<int> rpFilterAll;
     uint32_t markMask = 0;
     uint32_t lastPreference[2] = {};      // of our rules, IPv4, IPv6; 0: we have none

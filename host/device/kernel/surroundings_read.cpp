@@ -94,6 +94,8 @@ std::string surroundingsRead(NetlinkSocket &socket, const std::function<bool(uin
                              Surroundings *pAround) {
     pAround->forwarding4 = sysctlRead("ipv4/ip_forward");
     pAround->forwarding6 = sysctlRead("ipv6/conf/all/forwarding");
+    pAround->reflect4 = sysctlRead("ipv4/fwmark_reflect");
+    pAround->reflect6 = sysctlRead("ipv6/fwmark_reflect");
     pAround->rpFilterAll = sysctlRead("ipv4/conf/all/rp_filter");
     for (Surroundings::Bound &bound : pAround->bound) {
         bound.forwarding4 = sysctlRead("ipv4/conf/" + bound.ifName + "/forwarding");

@@ -169,6 +169,19 @@ TEST_F(CheckTest, AStrictReversePathFilterIsWarnedOfWhereAnswersComeAnotherWay) 
     EXPECT_EQ(textsOf(checked()["warnings"]), "") << "the greater value counts, and 2 is loose";
 }
 
+TEST_F(CheckTest, MarksThatAreReflectedAreWarnedOf) {
+    router_->sysctl("ipv6/fwmark_reflect", "1");
+    const std::string one = textsOf(checked()["warnings"]);
+    EXPECT_EQ(one.find("errors-steered: ICMP errors of this machine for steered IPv6 packets leave by the policy's way"), 0u)
+        << one;
+    router_->sysctl("ipv4/fwmark_reflect", "1");
+    const std::string both = textsOf(checked()["warnings"]);
+    EXPECT_NE(both.find("steered IPv4 packets"), std::string::npos) << both;
+    router_->sysctl("ipv4/fwmark_reflect", "0");
+    router_->sysctl("ipv6/fwmark_reflect", "0");
+    EXPECT_EQ(textsOf(checked()["warnings"]), "");
+}
+
 TEST_F(CheckTest, RulesOfOthersThatMeetOursAreWarnedOf) {
     world_.defaultTables.insert(254);
     run("ip rule add pref 20000 fwmark 0x00300000/0x00f00000 lookup 77");
@@ -261,6 +274,18 @@ TEST(SurroundingsTest, ForwardingMattersOnlyToFamiliesThatAreSteered) {
     EXPECT_EQ(codesOf(around), std::vector<std::string>{});
     around.forwarding4 = std::nullopt;
     EXPECT_EQ(codesOf(around), std::vector<std::string>{}) << "what cannot be read is not called off";
+}
+
+TEST(SurroundingsTest, ReflectedMarksMatterOnlyToFamiliesThatAreSteered) {
+    Surroundings around = healthy();
+    around.reflect4 = around.reflect6 = 0;
+    EXPECT_EQ(codesOf(around), std::vector<std::string>{});
+    around.reflect4 = around.reflect6 = 1;
+    EXPECT_EQ(codesOf(around), (std::vector<std::string>{"errors-steered", "errors-steered"}));
+    around.bound[0].families[0] = false;
+    EXPECT_EQ(codesOf(around), std::vector<std::string>{"errors-steered"});
+    around.reflect6 = std::nullopt;
+    EXPECT_EQ(codesOf(around), std::vector<std::string>{}) << "what cannot be read is not called on";
 }
 
 TEST(SurroundingsTest, OnlyARuleBeforeOursTakesPacketsFromUs) {
