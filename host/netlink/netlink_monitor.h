@@ -32,6 +32,9 @@ public:
     void start(EventLoop &loop, std::function<void()> readEnd = {});
     void stop();
 
+    // Calls `message` for what waits now, and `readEnd`: what a dump that was just read may have seen. Event thread.
+    void readNow() { read(); }
+
     uint64_t lostCount() const { return lostCount_; } // event thread
 
 private:

@@ -336,6 +336,8 @@ class Storm:
         self.summary["decisions in the kernel"] = len(shown["decisions"])
         self.summary["kernel: applies, messages, repairs, refusals"] = ", ".join(
             str(shown["counters"][name]) for name in ("applies", "kernelMessages", "driftRepaired", "refusals"))
+        if shown["counters"]["driftRepaired"] or shown["counters"]["refusals"]:
+            faults.append(f"device: nobody else changed anything, and nothing was to be refused: {shown['counters']}")
         return faults
 
     def _kernel_faults(self):
@@ -407,19 +409,14 @@ class Storm:
         faults = []
         if self.daemon.process.poll() is not None or self.daemon.process.pid != self.pid:
             faults.append("the daemon died: " + "".join(self.daemon.errors[-20:]))
-        levels, warnings = {}, {}
+        levels = {}
         for line in self.daemon.errors:
             words = line.split(" ", 3)
             if len(words) > 3 and words[2] in ("emergency", "alert", "critical", "error", "warning"):
                 levels[words[2]] = levels.get(words[2], 0) + 1
-                if words[2] != "warning":
-                    faults.append("log: " + line.strip())
-                else:
-                    kind = re.sub(r"[0-9a-f]+[.:][0-9a-f.:/]+|\d+", "#", words[3].strip())
-                    warnings[kind] = warnings.get(kind, 0) + 1
+                faults.append("log: " + line.strip())
         self.summary["log lines: all, warnings, worse"] = (f"{len(self.daemon.errors)}, {levels.pop('warning', 0)}, "
                                                           f"{sum(levels.values())}")
-        self.summary |= {"warning: " + kind: count for kind, count in sorted(warnings.items())}
         return faults + self._memory_faults()
 
     def _memory_faults(self):

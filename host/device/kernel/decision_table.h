@@ -33,6 +33,7 @@ struct Decision {
     uint32_t users = 0;       // nodes whose packets get this mark
     bool installed = false;   // the kernel holds all of it
     std::string error;        // why the kernel does not take it; its users route as usual meanwhile
+    bool waits = false;       // the error is that a link is down: nobody's fault, and it ends with that
 };
 
 // The routing objects that one decision needs, in the order in which they are made.

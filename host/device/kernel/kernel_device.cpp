@@ -94,9 +94,12 @@ void KernelDevice::monitorsStart() {
         NETLINK_ROUTE,
         std::vector<uint32_t>{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
                               RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP},
-        [=](const nlmsghdr *pMessage) {
+        [=, this](const nlmsghdr *pMessage) {
             if (!isOwn(pMessage) && rtMayConcernUs(pMessage)) {
                 foreignRt();
+            }
+            if (const uint32_t lost = rtLinkLost(pMessage); lost != 0) {
+                linksLost_.insert(lost);
             }
         },
         foreignRt);
@@ -467,6 +470,7 @@ void KernelDevice::readBack(unsigned parts) {
     KernelSnapshot snapshot;
     std::string error = (parts & READ_NFT) != 0 ? nftRead(readers_->nft, &snapshot.nft) : "";
     error = error.empty() && (parts & READ_RT) != 0 ? rtRead(readers_->rt, &snapshot.rt) : error;
+    rtMonitor_->readNow(); // a link that went down before the routes were read has been told by now
     std::lock_guard guard(lock_);
     if (!error.empty()) {
         hostLog(LOG_LEVEL_WARNING, MODULE, "%s", error.c_str());
@@ -476,8 +480,9 @@ void KernelDevice::readBack(unsigned parts) {
         readBackSoon(READ_BACK_MS, parts); // the snapshot is older than what we did meanwhile
         return;
     }
+    const std::set<uint32_t> linksLost = (parts & READ_RT) != 0 ? std::exchange(linksLost_, {}) : std::set<uint32_t>{};
     if (plane_.reconcile((parts & READ_NFT) != 0 ? &snapshot.nft : nullptr,
-                         (parts & READ_RT) != 0 ? &snapshot.rt : nullptr)) {
+                         (parts & READ_RT) != 0 ? &snapshot.rt : nullptr, linksLost)) {
         const std::string text =
             "the kernel held something else than was installed" + plane_.driftText() + "; it is repaired";
         hostLog(LOG_LEVEL_WARNING, MODULE, "%s", text.c_str());

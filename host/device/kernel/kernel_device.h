@@ -139,6 +139,7 @@ private:
     EventLoop::TimerId checkTimer_ = 0;
     unsigned readParts_ = 0;      // what the appointed read-back reads
     bool isReadUrgent_ = false;   // it was appointed for a change of others
+    std::set<uint32_t> linksLost_; // interfaces that went down since the routes were read back: not others' doing
     std::chrono::milliseconds held_{0};      // time spent in holdPoll
     std::chrono::milliseconds determined_{0}; // how long every peer has been known
 };

@@ -513,7 +513,12 @@ KernelEntryStatus KernelModel::status(const std::string &list, const EntryKey &k
     status.reason = status.pEntry->reason;
     bool isPending = isAllDirty_;
     for (const NodeKey &node : nodesOf(list, key)) {
-        status.error = status.error.empty() ? errorOf(node) : status.error;
+        const Decision *pDecision = decisions_.get({node.family, nodes_.at(node).decision});
+        if (nodes_.at(node).refused.empty() && pDecision != nullptr && pDecision->waits) {
+            status.reason = status.reason.empty() ? pDecision->error : status.reason;
+        } else {
+            status.error = status.error.empty() ? errorOf(node) : status.error;
+        }
         isPending = isPending || dirtyChains_.count(kernelMatchChain(node)) != 0 ||
                     dirtyChains_.count(kernelActionChain(node)) != 0 ||
                     dirtyChains_.count(kernelInterfaceChain(node.family, status.pEntry->ifName)) != 0;

@@ -191,25 +191,25 @@ void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, 
     };
     for (const auto &item : objects.nextHops) {
         if (!holds(held.nextHops, item.first, item.second) && planned.insert(item.first).second) {
-            steps.push_back({rtNextHopMessage(verb(held.nextHops, item.first), item.first, item.second), key,
+            steps.push_back({rtNextHopMessage(verb(held.nextHops, item.first), item.first, item.second), key, item.second.ifIndex,
                              [item](RtImage &image) { image.nextHops[item.first] = item.second; }});
         }
     }
     for (const auto &item : objects.groups) {
         if (!holds(held.groups, item.first, item.second)) {
-            steps.push_back({rtGroupMessage(verb(held.groups, item.first), item.first, item.second), key,
+            steps.push_back({rtGroupMessage(verb(held.groups, item.first), item.first, item.second), key, 0,
                              [item](RtImage &image) { image.groups[item.first] = item.second; }});
         }
     }
     // The last route first: a table is never without it while a rule leads there.
     for (auto it = objects.routes.rbegin(); it != objects.routes.rend(); ++it) {
         if (!holds(held.routes, it->first, it->second)) {
-            steps.push_back({rtRouteMessage(verb(held.routes, it->first), it->first, it->second), key,
+            steps.push_back({rtRouteMessage(verb(held.routes, it->first), it->first, it->second), key, 0,
                              [item = *it](RtImage &image) { image.routes[item.first] = item.second; }});
         }
     }
     if (held.rules.count(objects.rule) == 0) {
-        steps.push_back({rtRuleMessage(true, objects.rule), key,
+        steps.push_back({rtRuleMessage(true, objects.rule), key, 0,
                          [rule = objects.rule](RtImage &image) { image.rules.insert(rule); }});
     }
 }
@@ -227,18 +227,40 @@ bool KernelPlane::stepsSend(std::vector<RtStep> &steps) {
     for (const NetlinkError &error : result.failed) {
         failed.emplace(error.seq, &error);
     }
+    std::map<uint32_t, std::string> linksDown; // whose next hops the kernel did not take for that, and its words
+    for (size_t i = 0; i < steps.size(); i++) {
+        auto it = failed.find(seqs[i]);
+        if (it != failed.end() && it->second->code == ENETDOWN && steps[i].ifIndex != 0) {
+            linksDown.emplace(steps[i].ifIndex, it->second->text);
+        }
+    }
     for (size_t i = 0; i < steps.size(); i++) {
         auto it = failed.find(seqs[i]);
         if (it == failed.end()) {
             steps[i].done(installed_.rt);
-            continue;
-        }
-        Decision *pDecision = model_.decisions().get(steps[i].owner);
-        if (pDecision != nullptr && pDecision->error.empty()) {
-            pDecision->error = "the kernel refused the route: " + it->second->text;
+        } else {
+            decisionRefuse(steps[i].owner, it->second->text, linksDown);
         }
     }
     return result.ok();
+}
+
+// A link that went down is told by the kernel before the services know of it. What is built on such a next
+// hop is refused with it, by other words.
+void KernelPlane::decisionRefuse(const DecisionKey &key, const std::string &text,
+                                 const std::map<uint32_t, std::string> &linksDown) {
+    Decision *pDecision = model_.decisions().get(key);
+    if (pDecision == nullptr || !pDecision->error.empty()) {
+        return;
+    }
+    pDecision->error = "the kernel refused the route: " + text;
+    for (const ProgramPath &path : pDecision->paths) {
+        auto down = linksDown.find(path.ifIndex);
+        if (down != linksDown.end()) {
+            pDecision->waits = true;
+            pDecision->error = "a link is down: " + down->second;
+        }
+    }
 }
 
 void KernelPlane::decisionsInstall() {
@@ -267,9 +289,9 @@ void KernelPlane::decisionsInstall() {
             pDecision->error = "the kernel does not hold the route";
         }
         if (!pDecision->error.empty()) {
-            counters_.refusals++;
-            hostLog(LOG_LEVEL_WARNING, MODULE, "decision %u (IPv%u): %s", key.second, key.first,
-                    pDecision->error.c_str());
+            counters_.refusals += pDecision->waits ? 0 : 1;
+            hostLog(pDecision->waits ? LOG_LEVEL_INFO : LOG_LEVEL_WARNING, MODULE, "decision %u (IPv%u): %s", key.second,
+                    key.first, pDecision->error.c_str());
             model_.decisionChanged(key);
         }
     }
@@ -408,6 +430,7 @@ void KernelPlane::retryRefused() {
     for (auto &[key, decision] : model_.decisions().all()) {
         if (!decision.error.empty()) {
             decision.error.clear();
+            decision.waits = false;
             decision.installed = false;
             model_.decisionChanged(key);
         }
@@ -418,23 +441,23 @@ void KernelPlane::retryRefused() {
 void KernelPlane::junkSteps(const RtImage &wanted, std::vector<RtStep> &steps) const {
     for (const RtRule &rule : installed_.rt.rules) {
         if (wanted.rules.count(rule) == 0) {
-            steps.push_back({rtRuleMessage(false, rule), {}, [rule](RtImage &image) { image.rules.erase(rule); }});
+            steps.push_back({rtRuleMessage(false, rule), {}, 0, [rule](RtImage &image) { image.rules.erase(rule); }});
         }
     }
     for (const auto &[key, target] : installed_.rt.routes) {
         if (wanted.routes.count(key) == 0) {
-            steps.push_back({rtRouteMessage(RtVerb::Del, key, target), {},
+            steps.push_back({rtRouteMessage(RtVerb::Del, key, target), {}, 0,
                              [key = key](RtImage &image) { image.routes.erase(key); }});
         }
     }
     for (const auto &[id, group] : installed_.rt.groups) {
         if (wanted.groups.count(id) == 0) {
-            steps.push_back({rtNextHopDelMessage(id), {}, [id = id](RtImage &image) { image.groups.erase(id); }});
+            steps.push_back({rtNextHopDelMessage(id), {}, 0, [id = id](RtImage &image) { image.groups.erase(id); }});
         }
     }
     for (const auto &[id, nextHop] : installed_.rt.nextHops) {
         if (wanted.nextHops.count(id) == 0) {
-            steps.push_back({rtNextHopDelMessage(id), {}, [id = id](RtImage &image) { image.nextHops.erase(id); }});
+            steps.push_back({rtNextHopDelMessage(id), {}, 0, [id = id](RtImage &image) { image.nextHops.erase(id); }});
         }
     }
 }
@@ -472,7 +495,7 @@ std::string KernelPlane::collect() {
     return remains;
 }
 
-bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt) {
+bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt, const std::set<uint32_t> &linksLost) {
     bool isDrift = false;
     if (pNft != nullptr && !(*pNft == installed_.nft)) {
         installed_.nft = *pNft;
@@ -486,7 +509,10 @@ bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt) {
         decisionsMark();
         isCollectDue_ = true;
         for (const auto &[key, decision] : model_.decisions().all()) {
-            isDrift = isDrift || (decision.users > 0 && !decision.installed && decision.error.empty());
+            const bool isByLink = std::any_of(decision.paths.begin(), decision.paths.end(), [&](const ProgramPath &path) {
+                return linksLost.count(path.ifIndex) != 0;
+            }) && installed_.rt.rules.count(model_.decisions().objectsOf(key).rule) != 0; // rules do not go with a link
+            isDrift = isDrift || (decision.users > 0 && !decision.installed && decision.error.empty() && !isByLink);
         }
     }
     if (isDrift) {

@@ -46,7 +46,7 @@ struct KernelCounters {
     uint64_t applies = 0;        // times that something was changed in the kernel
     uint64_t kernelMessages = 0; // netlink messages sent for changes
     uint64_t driftRepaired = 0;  // read-backs that found another state than ours
-    uint64_t refusals = 0;       // nodes and decisions that the kernel refused
+    uint64_t refusals = 0;       // nodes and decisions that the kernel refused; not those whose link is down
     uint64_t lastApplyUs = 0;    // duration of the latest change, microseconds
 };
 
@@ -78,8 +78,9 @@ public:
     bool isCollectDue() const { return isCollectDue_; }
 
     // Compares what was read (null: not read) with what should be installed; takes it as the truth when
-    // they differ, so that the next apply and collect repair. Result: true when there was a difference.
-    bool reconcile(const NftImage *pNft, const RtImage *pRt);
+    // they differ, so that the next apply and collect repair. linksLost: interfaces that were down since the
+    // latest call; the kernel takes their next hops and routes along. Result: true when there was another difference.
+    bool reconcile(const NftImage *pNft, const RtImage *pRt, const std::set<uint32_t> &linksLost = {});
 
     // What the kernel holds otherwise than it should: a line each, none when all is as installed. What
     // merely waits to be collected is no difference. Changes nothing.
@@ -104,12 +105,14 @@ private:
     struct RtStep {
         NetlinkMessage message;
         DecisionKey owner;
+        uint32_t ifIndex; // that a next hop leads out of; 0: no next hop
         std::function<void(RtImage &)> done; // what the image is after it
     };
     void defragProbe();
     void decisionsInstall();
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
     bool stepsSend(std::vector<RtStep> &steps);
+    void decisionRefuse(const DecisionKey &key, const std::string &text, const std::map<uint32_t, std::string> &linksDown);
     std::string nftApply();
     std::vector<NftRefusal> nftSend(const std::vector<NftChange> &changes, bool isCounting = true);
     std::map<std::string, NftChainCounts> countsRead(const std::vector<NftChange> &changes) const;

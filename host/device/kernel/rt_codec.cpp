@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <linux/fib_rules.h>
+#include <linux/if.h>
 #include <linux/if_link.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
@@ -252,6 +253,20 @@ bool rtMayConcernUs(const nlmsghdr *pMessage) {
     default:
         return false;
     }
+}
+
+uint32_t rtLinkLost(const nlmsghdr *pMessage) {
+    if (pMessage->nlmsg_type != RTM_NEWLINK && pMessage->nlmsg_type != RTM_DELLINK) {
+        return 0;
+    }
+    const auto *pHeader = netlinkHeader<ifinfomsg>(pMessage);
+    if (pHeader == nullptr) {
+        return 0;
+    }
+    constexpr uint32_t CARRIER = IFF_RUNNING | IFF_LOWER_UP; // with neither, next hops go
+    const bool isLost = pMessage->nlmsg_type == RTM_DELLINK || (pHeader->ifi_flags & IFF_UP) == 0 ||
+                        (pHeader->ifi_flags & CARRIER) != CARRIER;
+    return isLost ? static_cast<uint32_t>(pHeader->ifi_index) : 0;
 }
 
 } // namespace host

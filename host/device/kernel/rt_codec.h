@@ -82,6 +82,9 @@ bool rtTableIsForeign(NetlinkSocket &socket, int family, uint32_t table);
 // addresses (the kernel drops next hops with a link without telling). Lock: none
 bool rtMayConcernUs(const nlmsghdr *pMessage);
 
+// The interface of a notification that says: it is down, without carrier, or gone. Else 0. Lock: none
+uint32_t rtLinkLost(const nlmsghdr *pMessage);
+
 } // namespace host
 
 #endif
