@@ -140,6 +140,10 @@ void listName(const std::string &name) {
         throw Refused("list '" + name + "': a name has 1 to 16 bytes, this one has " + std::to_string(name.size()) +
                       ".");
     }
+    // A policy file and LIST/NODE could not name it.
+    if (std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x21 || c == 0x7f || c == '/'; })) {
+        throw Refused("list '" + name + "': a name has no spaces, slashes or control characters.");
+    }
 }
 
 NextHop probeOf(const std::string &text) {

@@ -91,6 +91,8 @@ TEST_F(Command, WhatDoesNotExistOrExistsIsRefused) {
     refused({"list", "add", "wan"}, "exists already");
     refused({"list", "add", "0123456789abcdefg"}, "this one has 17");
     refused({"list", "add", ""}, "this one has 0");
+    refused({"list", "add", "a/b"}, "no spaces, slashes or control characters");
+    refused({"list", "add", "a b"}, "no spaces, slashes or control characters");
     refused({"list", "del", "lan"}, "list lan does not exist");
     refused({"node", "add", "lan", "10"}, "list lan does not exist");
     refused({"node", "add", "wan", "10"}, "exists already");
