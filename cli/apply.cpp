@@ -166,8 +166,12 @@ Prepared prepare(Daemon &daemon, const ApplyOptions &options, PolicyFile file, s
     }
     aclsCheck(daemon, made.file);
     made.plan = planMake(made.running.policy, made.file.policy, made.running.limits);
-    if (!made.plan.problems.empty()) {
-        refuse(made.file, made.plan.problems);
+    std::vector<std::string> problems;
+    for (const PlanProblem &problem : made.plan.problems) {
+        problems.push_back(placeText(made.file, problem.places) + problem.text);
+    }
+    if (!problems.empty()) {
+        refuse(made.file, problems);
     }
     for (const std::string &warning : made.file.warnings) {
         err << "warning: " << warning << "\n";

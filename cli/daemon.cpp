@@ -253,6 +253,9 @@ Interfaces interfacesOf(Daemon &daemon) {
         return interfaces;
     }
     interfaces.known = true;
+    if (answer->contains("mostBound")) {
+        interfaces.mostBound = answer->at("mostBound").get<uint32_t>();
+    }
     for (const auto &each : (*answer)["interfaces"]) {
         const uint32_t unit = each.value("unit", 0u);
         const std::string name = each.value("name", "");

@@ -68,6 +68,7 @@ struct Interfaces {
     std::map<std::string, uint32_t> units;
     std::map<uint32_t, std::string> names;
     std::map<uint32_t, bool> up;
+    std::optional<uint32_t> mostBound; // lists can be bound to so many; none: the daemon does not tell
 
     // Unit of "lan0" or "unit:7"; none when there is no such interface.
     std::optional<uint32_t> unitOf(const std::string &name) const;

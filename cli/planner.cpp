@@ -424,7 +424,33 @@ void newProbesFind(const Difference &difference, std::set<std::string> &probes) 
     }
 }
 
-void limitsCheck(const Policy &wanted, const Limits &limits, std::vector<std::string> &problems) {
+void limitCheck(size_t count, uint64_t most, const char *pWhat, const char *pOption,
+                const std::vector<std::string> &places, std::vector<PlanProblem> &problems) {
+    if (count > most) {
+        problems.push_back({places, "the policy has " + std::to_string(count) + " " + pWhat + ", the daemon holds " +
+                                        std::to_string(most) + ": raise " + pOption + " and restart the daemon"});
+    }
+}
+
+// A record without a list takes the place of a binding, unless one of the bindings takes it.
+void bindingsLimitCheck(const Policy &wanted, const Limits &limits, std::vector<PlanProblem> &problems) {
+    std::set<uint32_t> units = limits.idleInterfaces;
+    std::string tooMany; // the first interface for which there is no record
+    for (const Binding &binding : wanted.bindings) {
+        units.insert(binding.unit);
+        if (units.size() > limits.maxInterfaces && tooMany.empty()) {
+            tooMany = binding.interface;
+        }
+    }
+    if (!tooMany.empty()) {
+        const size_t idle = units.size() - wanted.bindings.size();
+        const std::string aside = idle == 0 ? "" : " (" + std::to_string(idle) + " of them without a list)";
+        limitCheck(units.size(), limits.maxInterfaces, ("interfaces" + aside).c_str(), "policyroute.maxifnum",
+                   {"binding " + tooMany, "bindings"}, problems);
+    }
+}
+
+void limitsCheck(const Policy &wanted, const Limits &limits, std::vector<PlanProblem> &problems) {
     size_t nodes = 0, nextHops = 0;
     for (const auto &[name, list] : wanted.lists) {
         nodes += list.nodes.size();
@@ -432,15 +458,10 @@ void limitsCheck(const Policy &wanted, const Limits &limits, std::vector<std::st
             nextHops += node.nextHops.size();
         }
     }
-    const auto check = [&problems](const char *pWhat, size_t count, uint64_t most, const char *pOption) {
-        if (count > most) {
-            problems.push_back("the policy has " + std::to_string(count) + " " + pWhat + ", the daemon holds " +
-                               std::to_string(most) + ": raise " + pOption + " and restart the daemon");
-        }
-    };
-    check("lists", wanted.lists.size(), limits.maxLists, "policyroute.maxlistnum");
-    check("nodes", nodes, limits.maxNodes, "policyroute.maxnodenum");
-    check("next hops", nextHops, uint64_t{4} * limits.maxNodes, "policyroute.maxnodenum");
+    limitCheck(wanted.lists.size(), limits.maxLists, "lists", "policyroute.maxlistnum", {"lists"}, problems);
+    limitCheck(nodes, limits.maxNodes, "nodes", "policyroute.maxnodenum", {"lists"}, problems);
+    limitCheck(nextHops, uint64_t{4} * limits.maxNodes, "next hops", "policyroute.maxnodenum", {"lists"}, problems);
+    bindingsLimitCheck(wanted, limits, problems);
 }
 
 // The number behind the first `word`; empty without one.

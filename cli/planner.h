@@ -58,10 +58,16 @@ struct Step {
     std::string fromList; // Rebind
 };
 
+// Why what is wanted cannot be done.
+struct PlanProblem {
+    std::vector<std::string> places; // what it is about, most exact first: "binding lan0", "bindings"
+    std::string text;
+};
+
 struct Plan {
     std::vector<Step> steps;           // in order
     std::vector<std::string> lines;    // for the operator: "+ ...", "- ...", "~ ..."
-    std::vector<std::string> problems; // why it cannot be done; empty: it can
+    std::vector<PlanProblem> problems; // empty: it can be done
     std::set<std::string> held;        // bound lists of whose nodes something changes
     std::set<std::string> newProbes;   // probes without a result yet on which bound lists depend
 };

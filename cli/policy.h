@@ -81,6 +81,8 @@ struct Policy {
 struct Limits {
     uint32_t maxLists = UINT32_MAX;
     uint32_t maxNodes = UINT32_MAX; // of all lists together; next hops: four times that
+    uint32_t maxInterfaces = UINT32_MAX;   // to which lists are bound, of all lists together
+    std::set<uint32_t> idleInterfaces = {}; // units that have a record without a list: it counts too
 };
 
 // Whether two nodes ask for the same: next hops are compared in order, whatever their index. Lock: none

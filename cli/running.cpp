@@ -82,6 +82,8 @@ void bindingsRead(Daemon &daemon, Running &running) {
     for (const client::InterfaceRow &row : rows) {
         if (!row.list.empty()) {
             running.policy.bindings.push_back({running.interfaces.nameOf(row.unit), row.unit, row.list});
+        } else {
+            running.limits.idleInterfaces.insert(row.unit);
         }
     }
 }
@@ -129,7 +131,9 @@ Running runningRead(Daemon &daemon) {
     bindingsRead(daemon, running);
     client::ScalarRow scalars;
     must(client::scalarsRead(daemon.command(), scalars), "read the limits");
-    running.limits = {scalars.maxListNum, scalars.maxNodeNum};
+    running.limits.maxLists = scalars.maxListNum;
+    running.limits.maxNodes = scalars.maxNodeNum;
+    running.limits.maxInterfaces = running.interfaces.mostBound.value_or(UINT32_MAX);
     return running;
 }
 

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -26,6 +27,8 @@ namespace {
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
+constexpr uint32_t DEFAULT_MAX_INTERFACES = 48; // of the daemon, without the option
+
 json opVersion(const json &request) {
     mgmtArgsOnly(request, {});
     return {{"program", "policyrouted"},
@@ -34,13 +37,19 @@ json opVersion(const json &request) {
             {"pid", getpid()}};
 }
 
+// As the daemon reads the option: by its leading digits, and 0 stands for its default.
+uint32_t interfacesMost() {
+    const uint32_t given = static_cast<uint32_t>(atoi(optionGet("policyroute.maxifnum").value_or("").c_str()));
+    return given != 0 ? given : DEFAULT_MAX_INTERFACES;
+}
+
 json opInterfaces(const json &request) {
     mgmtArgsOnly(request, {});
     json shown = json::array();
     for (const IfnetLink &link : ifnetAll()) {
         shown.push_back({{"unit", link.unit}, {"name", link.name}, {"up", link.up}});
     }
-    return {{"interfaces", std::move(shown)}};
+    return {{"interfaces", std::move(shown)}, {"mostBound", interfacesMost()}};
 }
 
 const char *stateText(HrdState state) {

@@ -1,8 +1,12 @@
 """pbrctl apply on a running daemon: packets see one change, a refusal leaves all as it was, and what is not
 confirmed in time is undone."""
+import fcntl
 import os
 import signal
+import struct
 import subprocess
+import tempfile
+import termios
 import time
 
 import system_case
@@ -140,16 +144,59 @@ class WholeOrNotAtAll(MemoryApply):
     def test_a_step_that_the_daemon_refuses_leaves_everything(self):
         self.daemon.apply(self.FIRST)
         before = self.exported()
-        # The daemon has records for 48 interfaces, and tells nobody before.
-        more = "".join(f"  unit:{9000 + i}: l{i // 15}\n" for i in range(60))
-        text = self.SECOND.replace("bindings: {lo: wan}\n", "  l0: {}\n  l1: {}\n  l2: {}\n  l3: {}\nbindings:\n" + more)
+        text = self.bound(48, rules=200)
+        refused = self.paused(text, lambda: self.record_without_list(9999))
+        self.assertEqual(1, refused.returncode, refused.stdout)
+        line = 1 + text.split("\n").index("  unit:9047: l3")
+        self.assertIn(f"policy.yaml:{line}: refused at step ", refused.stderr)
+        self.assertIn("bind unit:9047: l3", refused.stderr)
+        self.assertIn("\nNothing was changed: ", refused.stderr)
+        self.assertEqual(before, self.exported())
+
+    def bound(self, count, rules=1):
+        """SECOND with `count` interfaces bound, and as long as `rules` make it."""
+        acl = "".join(f"    {number}: permit tcp to any port {number}\n" for number in range(1, rules + 1))
+        interfaces = "".join(f"  unit:{9000 + i}: l{i // 15}\n" for i in range(count))
+        lists = "".join(f"  l{i}: {{}}\n" for i in range((count + 14) // 15))
+        return self.SECOND.replace("probes:", "  1999:\n" + acl + "probes:").replace("bindings: {lo: wan}\n", lists + "bindings:\n" + interfaces)
+
+    def paused(self, text, meanwhile):
+        """An apply that cannot go on, because nobody reads its plan, until `meanwhile` is done."""
+        path = os.path.join(self.daemon.root, "policy.yaml")
+        with open(path, "w") as file:
+            file.write(text)
+        command = [self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", path]
+        with tempfile.TemporaryFile("w+") as errors, subprocess.Popen(command, text=True, stdout=subprocess.PIPE,
+                                                                      stderr=errors, pipesize=4096) as process:
+            def waiting():
+                return struct.unpack("i", fcntl.ioctl(process.stdout, termios.FIONREAD, b"\0" * 4))[0]
+            self.assertTrue(self.daemon.until(lambda: waiting() > 0 or process.poll() is not None))
+            self.assertIsNone(process.poll())
+            meanwhile()
+            out = process.communicate(timeout=60)[0]
+            errors.seek(0)
+            return subprocess.CompletedProcess(command, process.returncode, out, errors.read())
+
+    def record_without_list(self, unit):
+        made = self.client.call(16, key=struct.pack("=I", unit), field=1, number=1)
+        self.assertEqual(0, made[0], made)
+
+    def test_more_interfaces_than_the_daemon_holds_are_refused_at_their_line(self):
+        self.daemon.apply(self.FIRST)
+        before = self.exported()
+        text = self.bound(49)
         refused = self.daemon.apply(text, check=False)
         self.assertEqual(1, refused.returncode, refused.stdout)
         line = 1 + text.split("\n").index("  unit:9048: l3")
-        self.assertIn(f"policy.yaml:{line}: refused at step ", refused.stderr)
-        self.assertIn("bind unit:9048: l3", refused.stderr)
-        self.assertIn("\nNothing was changed: ", refused.stderr)
+        self.assertIn(f"policy.yaml:{line}: the policy has 49 interfaces, the daemon holds 48: raise policyroute.maxifnum",
+                      refused.stderr)
+        self.assertIn("Nothing was changed. ", refused.stderr)
         self.assertEqual(before, self.exported())
+        self.daemon.apply(self.bound(48))
+        self.daemon.apply(self.bound(1).replace("unit:9000", "unit:9900"))
+        self.record_without_list(9999)
+        refused = self.daemon.apply(self.bound(48), check=False)
+        self.assertIn("the policy has 49 interfaces (1 of them without a list), the daemon holds 48", refused.stderr)
 
     def test_what_the_daemon_does_not_hold_is_refused_before(self):
         lists = "".join(f"  l{i}: {{}}\n" for i in range(65))

@@ -440,10 +440,29 @@ TEST(Planner, TheLimitsOfTheDaemonAreCheckedBefore) {
                                   list("b", {node(10, 1502, {"192.0.2.1", "192.0.2.2"})})});
     EXPECT_TRUE(planMake({}, wanted, {2, 2}).problems.empty());
     ASSERT_EQ(planMake({}, wanted, {1, 2}).problems.size(), 1u);
-    EXPECT_EQ(planMake({}, wanted, {1, 2}).problems[0],
+    EXPECT_EQ(planMake({}, wanted, {1, 2}).problems[0].text,
               "the policy has 2 lists, the daemon holds 1: raise policyroute.maxlistnum and restart the daemon");
     EXPECT_EQ(planMake({}, wanted, {2, 1}).problems.size(), 1u);
     EXPECT_EQ(planMake({}, wanted, {2, 0}).problems.size(), 2u);
+}
+
+TEST(Planner, TheFirstBindingForWhichThereIsNoRecordIsNamed) {
+    const Policy wanted = policy({list("a", {})}, {{3, "a"}, {2, "a"}, {5, "a"}});
+    EXPECT_TRUE(planMake({}, wanted, {9, 9, 3}).problems.empty());
+    const std::vector<PlanProblem> problems = planMake({}, wanted, {9, 9, 2}).problems;
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].places, (std::vector<std::string>{"binding " + wanted.bindings[2].interface, "bindings"}));
+    EXPECT_EQ(problems[0].text,
+              "the policy has 3 interfaces, the daemon holds 2: raise policyroute.maxifnum and restart the daemon");
+}
+
+TEST(Planner, ARecordWithoutAListTakesTheRoomOfABindingUnlessItIsTheSameInterface) {
+    const Policy wanted = policy({list("a", {})}, {{2, "a"}, {3, "a"}});
+    EXPECT_TRUE(planMake({}, wanted, {9, 9, 2, {3}}).problems.empty());
+    const std::vector<PlanProblem> problems = planMake({}, wanted, {9, 9, 2, {7}}).problems;
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].places[0], "binding " + wanted.bindings[1].interface);
+    EXPECT_NE(problems[0].text.find("3 interfaces (1 of them without a list)"), std::string::npos) << problems[0].text;
 }
 
 TEST(Planner, LinesTellAclsListsNodesAndBindings) {
