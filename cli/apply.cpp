@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "cli/change_lock.h"
 #include "cli/confirm.h"
 #include "cli/errors.h"
 #include "cli/planner.h"
@@ -226,7 +227,7 @@ void apply(Daemon &daemon, const ApplyOptions &options, std::ostream &out, std::
     (void)daemon.command(); // tells at once when no daemon runs
     std::unique_ptr<ChangeLock> pLock;
     if (!options.dryRun) {
-        pLock = std::make_unique<ChangeLock>(daemon, options.file);
+        pLock = std::make_unique<ChangeLock>(daemon, ChangeKind::Apply, options.file, err);
     }
     const Prepared made = prepare(daemon, options, std::move(file), err);
     if (!options.json) {

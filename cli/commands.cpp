@@ -15,6 +15,7 @@
 
 #include "cli/apply.h"
 #include "cli/change.h"
+#include "cli/change_lock.h"
 #include "cli/check.h"
 #include "cli/confirm.h"
 #include "cli/default_root.h"
@@ -64,6 +65,17 @@ void runs(Context &context, CLI::App *pSub, std::function<void()> body) {
             body();
             return static_cast<int>(EXIT_DONE);
         };
+    });
+}
+
+// As `runs`, for a single change of the policy: nobody else changes it meanwhile, and interrupts wait.
+void changes(Context &context, CLI::App *pSub, std::function<void()> body) {
+    const CLI::App *pParent = pSub->get_parent();
+    const std::string parent = pParent->get_parent() == nullptr ? "" : pParent->get_name() + " ";
+    runs(context, pSub, [&context, name = parent + pSub->get_name(), body = std::move(body)] {
+        const ChangeLock lock(context.daemon(), ChangeKind::Single, name, context.err);
+        const SignalsHeld held;
+        body();
     });
 }
 
@@ -155,14 +167,14 @@ void aclAdd(CLI::App &app, Context &context) {
                      "permit|deny PROTOCOL [from ADDR [port PORTS]] [to ADDR [port PORTS]] [OPTION ...]")
         ->required();
     pSub->footer(ACL_RULE_HELP);
-    runs(context, pSub, [=, &context] { changeAclAdd(context.daemon(), *pAclNum, *pRule, *pWords); });
+    changes(context, pSub, [=, &context] { changeAclAdd(context.daemon(), *pAclNum, *pRule, *pWords); });
     pSub = declare("del", "Remove a rule");
     pSub->add_option("rule", *pRule, "Number of the rule")->required();
-    runs(context, pSub, [=, &context] { changeAclDel(context.daemon(), *pAclNum, *pRule); });
+    changes(context, pSub, [=, &context] { changeAclDel(context.daemon(), *pAclNum, *pRule); });
     pSub = declare("create", "Make an ACL without rules");
-    runs(context, pSub, [=, &context] { changeAclCreate(context.daemon(), *pAclNum); });
+    changes(context, pSub, [=, &context] { changeAclCreate(context.daemon(), *pAclNum); });
     pSub = declare("destroy", "Remove an ACL that no node uses");
-    runs(context, pSub, [=, &context] { changeAclDestroy(context.daemon(), *pAclNum); });
+    changes(context, pSub, [=, &context] { changeAclDestroy(context.daemon(), *pAclNum); });
     pSub = pAcl->add_subcommand("show", "Show all ACLs or one");
     pSub->add_option("acl", *pAclNum, "Number of the ACL");
     runs(context, pSub, [=, &context] { showAcls(context.daemon(), *pAclNum, context.json, context.out); });
@@ -174,10 +186,10 @@ void listAdd(CLI::App &app, Context &context) {
     auto pName = holder<std::string>();
     CLI::App *pSub = pList->add_subcommand("add", "Make a list");
     pSub->add_option("list", *pName, "Name, 1 to 16 bytes")->required();
-    runs(context, pSub, [=, &context] { changeListAdd(context.daemon(), *pName); });
+    changes(context, pSub, [=, &context] { changeListAdd(context.daemon(), *pName); });
     pSub = pList->add_subcommand("del", "Remove a list that is not bound, with its nodes");
     pSub->add_option("list", *pName, "Name")->required();
-    runs(context, pSub, [=, &context] { changeListDel(context.daemon(), *pName); });
+    changes(context, pSub, [=, &context] { changeListDel(context.daemon(), *pName); });
 }
 
 void nodeOptionsAdd(CLI::App *pSub, NodeChange &change) {
@@ -204,21 +216,21 @@ void nodeAdd(CLI::App &app, Context &context) {
     };
     CLI::App *pSub = declare("add", "Make a node");
     nodeOptionsAdd(pSub, *pChange);
-    runs(context, pSub, [=, &context] { changeNodeAdd(context.daemon(), *pChange); });
+    changes(context, pSub, [=, &context] { changeNodeAdd(context.daemon(), *pChange); });
     pSub = declare("set", "Change a node");
     nodeOptionsAdd(pSub, *pChange);
-    runs(context, pSub, [=, &context] { changeNodeSet(context.daemon(), *pChange); });
+    changes(context, pSub, [=, &context] { changeNodeSet(context.daemon(), *pChange); });
     pSub = declare("clear", "Remove all next hops of a node, its IP version and VRF");
-    runs(context, pSub, [=, &context] { changeNodeClear(context.daemon(), pChange->list, pChange->index); });
+    changes(context, pSub, [=, &context] { changeNodeClear(context.daemon(), pChange->list, pChange->index); });
     pSub = declare("otherwise", "What its packets do while no next hop and no interface of it is usable");
     auto pWhat = holder<std::string>();
     pSub->add_option("what", *pWhat, "normal: routed by the routing table; drop: dropped")
         ->required()
         ->check(CLI::IsMember({"normal", "drop"}));
-    runs(context, pSub,
-         [=, &context] { changeNodeOtherwise(context.daemon(), pChange->list, pChange->index, *pWhat); });
+    changes(context, pSub,
+            [=, &context] { changeNodeOtherwise(context.daemon(), pChange->list, pChange->index, *pWhat); });
     pSub = declare("del", "Remove a node");
-    runs(context, pSub, [=, &context] { changeNodeDel(context.daemon(), pChange->list, pChange->index); });
+    changes(context, pSub, [=, &context] { changeNodeDel(context.daemon(), pChange->list, pChange->index); });
 }
 
 void nextHopAdd(CLI::App &app, Context &context) {
@@ -235,9 +247,9 @@ void nextHopAdd(CLI::App &app, Context &context) {
     CLI::App *pSub = declare("add", "Add a next hop", "IPv4 or IPv6 address");
     pSub->add_option("--index", pChange->index, "Its number, 1..255; the lowest is preferred. Default: the next free");
     pSub->add_option("--probe", pChange->probe, "ADMINISTRATOR/TEST: usable only while this probe passes");
-    runs(context, pSub, [=, &context] { changeNextHopAdd(context.daemon(), *pChange, context.err); });
+    changes(context, pSub, [=, &context] { changeNextHopAdd(context.daemon(), *pChange, context.err); });
     pSub = declare("del", "Remove a next hop", "Its address or number");
-    runs(context, pSub, [=, &context] { changeNextHopDel(context.daemon(), *pChange); });
+    changes(context, pSub, [=, &context] { changeNextHopDel(context.daemon(), *pChange); });
 }
 
 void bindAdd(CLI::App &app, Context &context) {
@@ -246,10 +258,10 @@ void bindAdd(CLI::App &app, Context &context) {
     CLI::App *pSub = app.add_subcommand("bind", "Bind a list to an interface, also instead of another list");
     pSub->add_option("interface", *pInterface, "Name, or unit:N")->required();
     pSub->add_option("list", *pList, "Name of the list")->required();
-    runs(context, pSub, [=, &context] { changeBind(context.daemon(), *pInterface, *pList, context.err); });
+    changes(context, pSub, [=, &context] { changeBind(context.daemon(), *pInterface, *pList, context.err); });
     pSub = app.add_subcommand("unbind", "Take the list off an interface");
     pSub->add_option("interface", *pInterface, "Name, or unit:N")->required();
-    runs(context, pSub, [=, &context] { changeUnbind(context.daemon(), *pInterface); });
+    changes(context, pSub, [=, &context] { changeUnbind(context.daemon(), *pInterface); });
 }
 
 void showAdd(CLI::App &app, Context &context) {
@@ -386,10 +398,10 @@ void probeAdd(CLI::App &app, Context &context) {
         ->check(CLI::Range(1u, PROBE_COUNT_MOST));
     pSub->add_option("--up-after", pOptions->upAfter, "Successes in a row, default 1")
         ->check(CLI::Range(1u, PROBE_COUNT_MOST));
-    runs(context, pSub, [=, &context] { probeDefine(context.daemon(), *pOptions); });
+    changes(context, pSub, [=, &context] { probeDefine(context.daemon(), *pOptions); });
     pSub = pProbe->add_subcommand("del", "Remove a probe: next hops tied to it are not used any more");
     pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST")->required();
-    runs(context, pSub, [=, &context] { probeRemove(context.daemon(), pOptions->name); });
+    changes(context, pSub, [=, &context] { probeRemove(context.daemon(), pOptions->name); });
     pSub = pProbe->add_subcommand("clear", "Begin the statistics anew");
     pSub->add_option("probe", pOptions->name, "ADMINISTRATOR/TEST; default all");
     runs(context, pSub, [=, &context] { probeClear(context.daemon(), pOptions->name); });
@@ -407,11 +419,11 @@ void timeRangeAdd(CLI::App &app, Context &context) {
         ->allow_extra_args(false);
     pSub->add_option("--start", pOptions->start, "Not before 'YYYY-MM-DD HH:MM[:SS]', local time");
     pSub->add_option("--end", pOptions->end, "Not from 'YYYY-MM-DD HH:MM[:SS]' on");
-    runs(context, pSub, [=, &context] { timeRangeDefine(context.daemon(), *pOptions); });
+    changes(context, pSub, [=, &context] { timeRangeDefine(context.daemon(), *pOptions); });
     pSub = pRange->add_subcommand("del", "Remove a time range");
     pSub->add_option("id", pOptions->id, "Number of the time range")->required();
     pSub->add_flag("--force", pOptions->force, "Also when nodes use it: they do not act any more then");
-    runs(context, pSub, [=, &context] { timeRangeRemove(context.daemon(), *pOptions); });
+    changes(context, pSub, [=, &context] { timeRangeRemove(context.daemon(), *pOptions); });
 
     auto pId = holder<std::string>();
     auto pState = holder<std::string>();

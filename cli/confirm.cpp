@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "cli/change_lock.h"
 #include "cli/errors.h"
 #include "cli/planner.h"
 #include "cli/running.h"
@@ -123,11 +124,11 @@ Policy withUnitsOfNow(Policy policy, const Interfaces &interfaces) {
 }
 
 void rollBackOnce(Daemon &daemon, const Rollback &rollback) {
-    const ChangeLock lock(daemon, rollback.file + " (roll-back)");
+    std::ostringstream warnings;
+    const ChangeLock lock(daemon, ChangeKind::Apply, rollback.file + " (roll-back)", warnings);
     const Running running = runningRead(daemon);
     const Policy wanted = withUnitsOfNow(rollback.before, running.interfaces);
     const Plan plan = planMake(running.policy, wanted, running.limits);
-    std::ostringstream warnings;
     planDo(daemon, running.policy, plan, [](const std::vector<std::string> &) { return std::string(); }, warnings);
     syslog(LOG_NOTICE, "%s was not confirmed: the policy from before is back (%zu steps)", rollback.file.c_str(),
            plan.steps.size());

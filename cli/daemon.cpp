@@ -149,10 +149,14 @@ nlohmann::json answerRead(int fd, std::string &rest) {
     return answer;
 }
 
+bool isNotOffered(const nlohmann::json &answer) {
+    return !answer["ok"].get<bool>() && answer.value("error", "").rfind(UNKNOWN_OPERATION, 0) == 0;
+}
+
 nlohmann::json mustBeOk(nlohmann::json answer) {
     if (!answer["ok"].get<bool>()) {
         const std::string error = answer.value("error", "the daemon refused it");
-        if (error.rfind(UNKNOWN_OPERATION, 0) == 0) {
+        if (isNotOffered(answer)) {
             throw NotOffered(error);
         }
         throw Refused(error);
@@ -218,6 +222,15 @@ std::optional<nlohmann::json> Daemon::mgmtIfThere(const std::string &op) {
     }
     nlohmann::json answer = mgmtAsk(op, nlohmann::json::object());
     return answer["ok"].get<bool>() ? std::optional<nlohmann::json>(std::move(answer)) : std::nullopt;
+}
+
+std::optional<nlohmann::json> Daemon::mgmtTry(const std::string &op, nlohmann::json request) {
+    std::string why;
+    if (!mgmtConnect(why)) {
+        return std::nullopt;
+    }
+    nlohmann::json answer = mgmtAsk(op, std::move(request));
+    return isNotOffered(answer) ? std::nullopt : std::optional<nlohmann::json>(std::move(answer));
 }
 
 void must(const client::CommandStatus &status, const std::string &what) {

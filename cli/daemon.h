@@ -35,6 +35,9 @@ public:
     // platform brings its own. Throws NoDaemon when the connection breaks.
     std::optional<nlohmann::json> mgmtIfThere(const std::string &op);
 
+    // As mgmtIfThere, but a refusal is an answer too, with "ok" false, "error" and what else it tells.
+    std::optional<nlohmann::json> mgmtTry(const std::string &op, nlohmann::json request);
+
     // For an answer that takes long: mgmtSend asks, mgmtAnswer waits for the answer, none when the time is
     // over; nothing else may be asked meanwhile. Throws as mgmt does.
     void mgmtSend(const std::string &op, nlohmann::json request = nlohmann::json::object());

@@ -2,12 +2,11 @@
 #include "cli/transaction.h"
 
 #include <chrono>
-#include <csignal>
 #include <set>
 #include <thread>
 #include <tuple>
-#include <unistd.h>
 
+#include "cli/change_lock.h"
 #include "cli/check.h"
 #include "cli/errors.h"
 #include "cli/operate.h"
@@ -263,40 +262,6 @@ void planeTake(Transaction &of) {
 }
 
 } // namespace
-
-struct SignalsHeld::Before {
-    sigset_t mask;
-};
-
-SignalsHeld::SignalsHeld() : pBefore(new Before) {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&held, signal);
-    }
-    pthread_sigmask(SIG_BLOCK, &held, &pBefore->mask);
-}
-
-SignalsHeld::~SignalsHeld() {
-    pthread_sigmask(SIG_SETMASK, &pBefore->mask, nullptr);
-    delete pBefore;
-}
-
-ChangeLock::ChangeLock(Daemon &changedDaemon, const std::string &file) : daemon(changedDaemon) {
-    try {
-        (void)daemon.mgmt("apply.lock", {{"pid", getpid()}, {"file", file}});
-    } catch (const NotOffered &) {
-        // A platform without the lock: its operators see to it.
-    }
-}
-
-ChangeLock::~ChangeLock() {
-    try {
-        (void)daemon.mgmt("apply.unlock");
-    } catch (const std::exception &) {
-        // The connection's end gives it back.
-    }
-}
 
 void planDo(Daemon &daemon, const Policy &before, const Plan &plan, const Where &where, std::ostream &err) {
     const SignalsHeld held;

@@ -16,32 +16,6 @@
 
 namespace cli {
 
-// Interrupts wait: while steps are done they must not leave a half-made policy.
-class SignalsHeld {
-public:
-    SignalsHeld();
-    ~SignalsHeld();
-    SignalsHeld(const SignalsHeld &) = delete;
-    SignalsHeld &operator=(const SignalsHeld &) = delete;
-
-private:
-    struct Before;
-    Before *pBefore;
-};
-
-// The right to change the policy: of one client at a time, given back by its end. `file`: what is applied,
-// for the texts of others. Throws Refused when another client has it, or an apply waits for its confirmation.
-class ChangeLock {
-public:
-    ChangeLock(Daemon &changedDaemon, const std::string &file);
-    ~ChangeLock();
-    ChangeLock(const ChangeLock &) = delete;
-    ChangeLock &operator=(const ChangeLock &) = delete;
-
-private:
-    Daemon &daemon;
-};
-
 // "policy.yaml:12: " for the first of these places that the file names; empty without one.
 using Where = std::function<std::string(const std::vector<std::string> &places)>;
 

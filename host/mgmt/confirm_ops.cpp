@@ -30,8 +30,8 @@ constexpr uint32_t MOST_MILLISECONDS = MOST_SECONDS * 1000;
 // Who may change the policy.
 struct Lock {
     MgmtClientPtr owner; // null: nobody has it
-    uint32_t pid = 0;
-    std::string file; // what it applies
+    bool isApply = true; // else a single change
+    std::string who;     // "process 4711 applies policy.yaml"
 };
 
 enum class Phase { Applying, Waiting, RollingBack };
@@ -81,34 +81,51 @@ std::string secondsLeftText(const Pending &pending) {
     return std::to_string(left < 0 ? 0 : left);
 }
 
-void lockCheck(const MgmtClientPtr &client) {
+// Why a client may not change the policy now.
+struct Refusal {
+    const char *holder; // for programs: "change", "apply", "confirmation"
+    std::string who;    // what the holder does
+    std::string error;
+};
+
+std::optional<Refusal> lockRefusal(const MgmtClientPtr &client) {
     const Lock &lock = state().lock;
     const Pending &pending = state().pending;
     if (lock.owner != nullptr && lock.owner != client) {
-        throw std::runtime_error("another change of the policy is under way: process " + std::to_string(lock.pid) +
-                                 " applies " + lock.file + "; try again when it has ended. Nothing was changed");
+        return Refusal{lock.isApply ? "apply" : "change", lock.who,
+                       "another change of the policy is under way: " + lock.who +
+                           "; try again when it has ended. Nothing was changed"};
     }
     if (pending.owner == nullptr || pending.owner == client) {
-        return;
+        return std::nullopt;
     }
     if (pending.phase == Phase::Waiting) {
-        throw std::runtime_error(pending.file + " was applied and waits for its confirmation, " +
-                                 secondsLeftText(pending) + " s are left: 'pbrctl confirm' keeps it, 'pbrctl confirm "
-                                 "--rollback' undoes it. Nothing was changed");
+        const std::string who = pending.file + " was applied and waits for its confirmation";
+        return Refusal{"confirmation", who,
+                       who + ", " + secondsLeftText(pending) + " s are left: 'pbrctl confirm' keeps it, 'pbrctl "
+                       "confirm --rollback' undoes it. Nothing was changed"};
     }
-    throw std::runtime_error(pending.file + (pending.phase == Phase::Applying ? " is being applied" : " is being rolled back") +
-                             "; try again when that has ended. Nothing was changed");
+    const std::string who = pending.file + (pending.phase == Phase::Applying ? " is being applied" : " is being rolled back");
+    return Refusal{"apply", who, who + "; try again when that has ended. Nothing was changed"};
 }
 
 void opLock(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
-    mgmtArgsOnly(request, {"pid", "file"});
-    const uint32_t pid = mgmtArgNumber(request, "pid", 1, PID_MOST);
-    const std::string file = mgmtArgText(request, "file");
-    lockCheck(client);
+    mgmtArgsOnly(request, {"pid", "file", "command"});
+    const std::string pid = std::to_string(mgmtArgNumber(request, "pid", 1, PID_MOST));
+    const bool isApply = !request.contains("command");
+    const std::string what = mgmtArgText(request, isApply ? "file" : "command");
+    if (!isApply && request.contains("file")) {
+        throw std::runtime_error("give \"file\" or \"command\"");
+    }
+    if (const auto refusal = lockRefusal(client)) {
+        done({{"ok", false}, {"error", refusal->error}, {"holder", refusal->holder}, {"who", refusal->who}});
+        return;
+    }
     if (state().lock.owner == nullptr) {
         endWith(client, state().lock, lockEnd);
     }
-    state().lock = {client, pid, file};
+    state().lock = {client, isApply,
+                    "process " + pid + (isApply ? " applies " + what : " runs 'pbrctl " + what + "'")};
     done({{"ok", true}});
 }
 

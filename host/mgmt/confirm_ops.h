@@ -1,5 +1,5 @@
 // The operations around an apply: "apply.lock" and "apply.unlock", so that one client at a time changes the
-// policy, and "confirm.begin", "confirm.wait", "confirm", "confirm.show", by which an applied policy is kept
+// policy (a whole one or a part of it), and "confirm.begin", "confirm.wait", "confirm", "confirm.show", by which an applied policy is kept
 // or, without a confirmation in time, undone by the client that waits (pbrctl has a process for it).
 //
 // Nothing here changes the policy. Everything belongs to a connection and ends with it. Event thread.

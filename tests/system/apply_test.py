@@ -1,8 +1,10 @@
 """pbrctl apply on a running daemon: packets see one change, a refusal leaves all as it was, and what is not
 confirmed in time is undone."""
 import fcntl
+import json
 import os
 import signal
+import socket
 import struct
 import subprocess
 import tempfile
@@ -252,6 +254,71 @@ class WholeOrNotAtAll(MemoryApply):
                 if process.returncode != 0:
                     self.assertIn("another change of the policy is under way: process ", errors)
             self.assertIn(self.exported(), exports)
+
+
+class OneChangeAtATime(MemoryApply):
+    def setUp(self):
+        super().setUp()
+        self.other = socket.socket(socket.AF_UNIX)
+        self.addCleanup(self.other.close)
+        self.other.connect(self.daemon.root + "/tmp/policyroutemgmt.socket")
+        self.lines = self.other.makefile()
+        self.addCleanup(self.lines.close)
+
+    def ask(self, **request):
+        self.other.sendall(json.dumps(request).encode() + b"\n")
+        answer = json.loads(self.lines.readline())
+        self.assertTrue(answer["ok"], answer)
+
+    def start(self, *words):
+        """pbrctl, once it says that it waits."""
+        process = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, *words], text=True,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stderr.close)
+        return process, process.stderr.readline()
+
+    def test_a_single_change_waits_for_an_apply(self):
+        self.ask(op="apply.lock", pid=4711, file="other.yaml")
+        process, line = self.start("list", "add", "mine")
+        self.assertEqual("waiting, 5 s at most: process 4711 applies other.yaml\n", line)
+        self.assertNotIn("mine", self.exported())
+        self.ask(op="apply.unlock")
+        self.assertEqual(0, process.wait(10), process.stderr.read())
+        self.assertIn("mine", self.exported())
+
+    def test_it_is_refused_when_that_lasts_and_raw_frames_are_not(self):
+        self.ask(op="apply.lock", pid=4711, file="other.yaml")
+        process, _ = self.start("list", "add", "mine")
+        self.assertEqual(1, process.wait(30))
+        self.assertEqual("pbrctl: another change of the policy is under way: process 4711 applies other.yaml; try again "
+                         "when it has ended. Nothing was changed\n", process.stderr.read())
+        self.assertNotIn("mine", self.exported())
+        self.daemon.ctl("raw", "list-set", "--key", "list:raw", "--field", 1, "--number", 2)
+        self.assertIn("raw", self.exported())
+
+    def test_an_apply_waits_for_a_single_change(self):
+        self.ask(op="apply.lock", pid=4711, command="node set")
+        path = os.path.join(self.daemon.root, "first.yaml")
+        with open(path, "w") as file:
+            file.write(self.FIRST)
+        process, line = self.start("apply", path)
+        self.assertEqual("waiting, 5 s at most: process 4711 runs 'pbrctl node set'\n", line)
+        self.other.shutdown(socket.SHUT_RDWR)  # its end gives the right back
+        self.assertEqual(0, process.wait(10), process.stderr.read())
+        self.assertIn("lo: wan", self.exported())
+
+    def test_while_an_apply_waits_for_its_confirmation_single_changes_are_refused_at_once(self):
+        before = self.apply_and_wait(600)
+        refused = self.daemon.ctl("list", "add", "mine", check=False)
+        self.assertEqual(1, refused.returncode)
+        self.assertNotIn("waiting,", refused.stderr)
+        self.assertIn("waits for its confirmation, ", refused.stderr)
+        pid = self.waits()["pid"]
+        self.daemon.ctl("confirm", "--rollback")
+        self.assertTrue(self.gone(pid))
+        self.assertEqual(before, self.exported())
+        self.daemon.ctl("list", "add", "mine")
 
 
 class Confirmed(MemoryApply):

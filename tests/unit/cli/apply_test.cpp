@@ -320,7 +320,11 @@ TEST_F(Apply, AnotherChangeUnderWayIsWaitedForByTheOperator) {
     ASSERT_EQ(apply(FIRST), cli::EXIT_REFUSED);
     EXPECT_TRUE(hasErr("process 4711 applies other.yaml")) << daemon.err;
     EXPECT_EQ(daemon.changes(), 0);
-    EXPECT_EQ(apply(FIRST, {"--dry-run"}), cli::EXIT_DONE) << daemon.err;
+    daemon.refusePid(4711);
+    EXPECT_EQ(apply(FIRST, {"--dry-run"}), cli::EXIT_DONE) << daemon.err; // asks nobody
+    daemon.refusePid(4711, 3, "change"); // a single change is over in a moment
+    EXPECT_EQ(apply(FIRST), cli::EXIT_DONE) << daemon.err;
+    EXPECT_TRUE(daemon.err.empty() || hasErr("warning: ")) << daemon.err;
 }
 
 TEST_F(Apply, ARuleThatTheDaemonCannotDoIsRefusedAtItsLineBeforeAnythingChanges) {

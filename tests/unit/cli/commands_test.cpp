@@ -52,6 +52,50 @@ struct Command : testing::Test {
     std::string why(size_t hop) { return show("next-hops")[hop]["why"]; }
 };
 
+TEST_F(Command, EverySingleChangeAsksForTheRightToChangeThePolicy) {
+    const std::vector<std::vector<std::string>> lines = {
+        {"acl", "create", "1501"},
+        {"acl", "add", "1501", "10", "permit", "tcp"},
+        {"list", "add", "wan"},
+        {"node", "add", "wan", "10", "--acl", "1501"},
+        {"node", "set", "wan", "10", "--priority", "3"},
+        {"next-hop", "add", "wan", "10", "192.0.2.1"},
+        {"node", "otherwise", "wan", "10", "drop"},
+        {"bind", "lan0", "wan"},
+        {"unbind", "lan0"},
+        {"next-hop", "del", "wan", "10", "1"},
+        {"node", "clear", "wan", "10"},
+        {"node", "del", "wan", "10"},
+        {"list", "del", "wan"},
+        {"acl", "del", "1501", "10"},
+        {"acl", "destroy", "1501"},
+        {"probe", "add", "ops/a", "icmp", "192.0.2.1"},
+        {"probe", "del", "ops/a"},
+        {"time-range", "add", "7", "--days", "mon-fri"},
+        {"time-range", "del", "7"}};
+    for (const auto &words : lines) {
+        const bool isTopLevel = words[0] == "bind" || words[0] == "unbind";
+        SCOPED_TRACE(words[0] + " " + words[1]);
+        daemon.refusePid(4711, 1, "confirmation");
+        refused(words, "process 4711 applies other.yaml");
+        daemon.refusePid(4711, 2);
+        daemon.logClear();
+        const int status = daemon.pbrctl(words); // that the fake knows it is not asked here
+        EXPECT_NE(status, cli::EXIT_USAGE) << daemon.err;
+        EXPECT_EQ(daemon.err.find("process 4711"), std::string::npos) << daemon.err;
+        ASSERT_FALSE(daemon.log().empty());
+        EXPECT_EQ(daemon.log()[0],
+                  "apply.lock {\"command\":\"" + (isTopLevel ? words[0] : words[0] + " " + words[1]) + "\"}");
+        EXPECT_EQ(daemon.log().back(), "apply.unlock {}");
+    }
+}
+
+TEST_F(Command, WithoutAManagementSocketSingleChangesAreMadeAllTheSame) {
+    daemon.offerNothing({"apply.lock", "apply.unlock"});
+    ok({"list", "add", "wan"});
+    EXPECT_EQ(daemon.store().lists.count("wan"), 1u);
+}
+
 TEST_F(Command, SingleChangesMakeAPolicy) {
     makeWan();
     const FakeStore store = daemon.store();

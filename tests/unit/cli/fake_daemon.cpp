@@ -336,9 +336,11 @@ void FakeDaemon::releaseAnswers(const json &errors) {
     const std::lock_guard guard(lock);
     releaseErrors = errors;
 }
-void FakeDaemon::refusePid(uint32_t pid) {
+void FakeDaemon::refusePid(uint32_t pid, int times, const std::string &holder) {
     const std::lock_guard guard(lock);
     lockedBy = pid;
+    lockedTimes = times;
+    lockHolder = holder;
 }
 void FakeDaemon::offerNothing(const std::set<std::string> &ops) {
     const std::lock_guard guard(lock);
@@ -622,8 +624,9 @@ bool FakeDaemon::dieNow() {
 
 // Operations around a change.
 json FakeDaemon::around(const std::string &op, const json &request) {
-    if (op == "apply.lock" && lockedBy != 0) {
-        return {{"ok", false}, {"error", "process " + std::to_string(lockedBy) + " applies other.yaml"}};
+    if (op == "apply.lock" && lockedTimes > 0 && lockedTimes-- > 0) {
+        const std::string who = "process " + std::to_string(lockedBy) + " applies other.yaml";
+        return {{"ok", false}, {"error", who}, {"who", who}, {"holder", lockHolder}};
     }
     json shown = request;
     shown.erase("op");

@@ -71,7 +71,8 @@ public:
     void settleAnswers(bool isDetermined, const std::string &error = "");
     void checkAnswers(const nlohmann::json &answer);   // of device.check; its warnings also elsewhere
     void releaseAnswers(const nlohmann::json &errors); // of device.release
-    void refusePid(uint32_t pid);                      // somebody else has the lock; 0 nobody
+    // Somebody else has the lock for so many questions; holder: what for, as the daemon tells.
+    void refusePid(uint32_t pid, int times = 1, const std::string &holder = "apply");
     void offerNothing(const std::set<std::string> &ops); // are unknown operations
 
     // The n-th change from now (1: the next) is made and not answered: the connection is closed. Then the
@@ -103,6 +104,8 @@ private:
     nlohmann::json checked = {{"compared", true}};
     nlohmann::json releaseErrors = nlohmann::json::array();
     uint32_t lockedBy = 0;
+    int lockedTimes = 0;
+    std::string lockHolder;
     int asked = 0; // for the state of probes: each is found at every second question
     std::set<std::string> notOffered;
     int dieIn = 0;
