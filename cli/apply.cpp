@@ -189,24 +189,45 @@ void jsonShow(const Prepared &made, bool isDone, std::ostream &out) {
         << "\n";
 }
 
-void planApply(Daemon &daemon, const Prepared &made, const ApplyOptions &options, std::ostream &err) {
-    std::unique_ptr<ConfirmWatch> pWatch;
-    if (options.confirmSeconds && !made.plan.steps.empty()) {
-        pWatch = std::make_unique<ConfirmWatch>(
-            Rollback{daemon.rootFolder(), options.file, *options.confirmSeconds, made.running.policy});
+// Who undoes what this process leaves half-made when it is killed. Null: nothing is to be done, or the daemon
+// does not know of confirmations, which only --confirm needs.
+std::unique_ptr<ConfirmWatch> watchStart(Daemon &daemon, const Prepared &made, const ApplyOptions &options) {
+    if (made.plan.steps.empty()) {
+        return nullptr;
     }
+    try {
+        return std::make_unique<ConfirmWatch>(
+            Rollback{daemon.rootFolder(), options.file, options.confirmSeconds.value_or(0), made.running.policy});
+    } catch (const Refused &) {
+        if (options.confirmSeconds) {
+            throw;
+        }
+        return nullptr;
+    }
+}
+
+void planApply(Daemon &daemon, const Prepared &made, const ApplyOptions &options, std::ostream &err) {
+    const std::unique_ptr<ConfirmWatch> pWatch = watchStart(daemon, made, options);
+    SignalsHeld signals; // from here on; the watcher is not to inherit it
     const Where where = [&made](const std::vector<std::string> &places) { return placeText(made.file, places); };
     try {
-        planDo(daemon, made.running.policy, made.plan, where, err);
+        planDo(daemon, made.running.policy, made.plan, where, [&signals] { return signals.stopTaken(); }, err);
     } catch (const NoDaemon &lost) {
-        if (pWatch == nullptr) {
+        if (!options.confirmSeconds || pWatch == nullptr) {
             throw;
         }
         pWatch->leave();
         throw NoDaemon(std::string(lost.what()) + "\nThe policy from before is brought back as soon as it runs");
     }
-    if (pWatch != nullptr) {
+    // Before a signal that waits may end this process: the watcher would undo what is done.
+    if (pWatch != nullptr && options.confirmSeconds) {
         pWatch->arm();
+    } else if (pWatch != nullptr) {
+        pWatch->end();
+    }
+    const std::string late = signals.stopTaken();
+    if (!late.empty()) {
+        err << "interrupted (" << late << ") too late: everything was done already\n";
     }
 }
 

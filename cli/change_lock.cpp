@@ -21,14 +21,14 @@ constexpr std::chrono::milliseconds TOLD_AFTER{500}; // shorter waits are not wo
 // Who has the right now, as a refusal tells: "change", "apply" or "confirmation".
 bool isWorthWaiting(ChangeKind kind, const json &refusal) {
     const std::string holder = refusal.value("holder", "");
-    return holder == "change" || (holder == "apply" && kind == ChangeKind::Single);
+    return holder == "change" || (holder == "apply" && kind != ChangeKind::Apply);
 }
 
 } // namespace
 
 ChangeLock::ChangeLock(Daemon &changedDaemon, ChangeKind kind, const std::string &what, std::ostream &err)
     : daemon(changedDaemon) {
-    const char *pWhat = kind == ChangeKind::Apply ? "file" : "command";
+    const char *pWhat = kind == ChangeKind::Single ? "command" : "file";
     const auto begin = Clock::now();
     for (bool isTold = false;;) {
         const auto answer = daemon.mgmtTry("apply.lock", {{"pid", getpid()}, {pWhat, what}});
@@ -59,22 +59,61 @@ ChangeLock::~ChangeLock() {
     }
 }
 
-struct SignalsHeld::Before {
-    sigset_t mask;
+struct SignalsHeld::Masks {
+    sigset_t before;
+    sigset_t stops; // those that nobody has told this process to ignore
+    bool isTaken = false;
 };
 
-SignalsHeld::SignalsHeld() : pBefore(new Before) {
+namespace {
+
+bool isIgnored(int signal) {
+    struct sigaction now;
+    return sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
+}
+
+// Result: the signal of the set that waited, which waits no longer; 0: none did.
+int pendingTake(const sigset_t &set) {
+    const timespec none{};
+    const int signal = sigtimedwait(&set, nullptr, &none);
+    return signal > 0 ? signal : 0;
+}
+
+} // namespace
+
+SignalsHeld::SignalsHeld() : pMasks(new Masks) {
     sigset_t held;
     sigemptyset(&held);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    sigemptyset(&pMasks->stops);
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+        sigaddset(&held, signal);
+        if (!isIgnored(signal)) {
+            sigaddset(&pMasks->stops, signal);
+        }
+    }
+    for (const int signal : {SIGHUP, SIGTSTP, SIGPIPE}) {
         sigaddset(&held, signal);
     }
-    pthread_sigmask(SIG_BLOCK, &held, &pBefore->mask);
+    pthread_sigmask(SIG_BLOCK, &held, &pMasks->before);
 }
 
 SignalsHeld::~SignalsHeld() {
-    pthread_sigmask(SIG_SETMASK, &pBefore->mask, nullptr);
-    delete pBefore;
+    sigset_t forgotten;
+    sigemptyset(&forgotten);
+    if (pMasks->isTaken) {
+        forgotten = pMasks->stops;
+    }
+    sigaddset(&forgotten, SIGPIPE);
+    while (pendingTake(forgotten) != 0) {
+    }
+    pthread_sigmask(SIG_SETMASK, &pMasks->before, nullptr);
+    delete pMasks;
+}
+
+std::string SignalsHeld::stopTaken() {
+    const int signal = pendingTake(pMasks->stops);
+    pMasks->isTaken = pMasks->isTaken || signal != 0;
+    return signal == 0 ? "" : signal == SIGINT ? "SIGINT" : signal == SIGTERM ? "SIGTERM" : "SIGQUIT";
 }
 
 } // namespace cli

@@ -15,8 +15,9 @@ constexpr std::chrono::seconds LOCK_LONGEST{5}; // that somebody else's change i
 
 // What is to be done with the right.
 enum class ChangeKind {
-    Apply,  // a whole policy; waits for single changes, not for another apply
-    Single, // one command; waits for both
+    Apply,    // a whole policy; waits for single changes, not for another apply
+    Single,   // one command; waits for both
+    RollBack, // the way back of an apply; waits for both
 };
 
 // The right, until the object's end or the connection's. On a platform without it its operators see to it.
@@ -35,17 +36,25 @@ private:
     bool isHeld = false;
 };
 
-// Interrupts wait: while steps are done they must not leave a half-made policy.
+// Signals while the policy is changed: they must not leave a half-made one.
+//
+// SIGINT, SIGTERM and SIGQUIT ask to stop: they wait until they are asked for, or for the object's end.
+// SIGHUP (the terminal is gone), SIGTSTP and SIGPIPE ask for nothing that could be done half-way: they wait
+// for the end, SIGPIPE for nothing. Of the calling thread; what it starts meanwhile inherits it.
 class SignalsHeld {
 public:
     SignalsHeld();
+    // What came meanwhile acts now; when a stop was taken, further ones are forgotten.
     ~SignalsHeld();
     SignalsHeld(const SignalsHeld &) = delete;
     SignalsHeld &operator=(const SignalsHeld &) = delete;
 
+    // The name of the signal that asked to stop since the last call ("SIGINT"); empty: none did.
+    std::string stopTaken();
+
 private:
-    struct Before;
-    Before *pBefore;
+    struct Masks;
+    Masks *pMasks;
 };
 
 } // namespace cli

@@ -22,6 +22,7 @@ namespace cli {
 
 namespace {
 
+using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
 // What goes over the socket pair.
@@ -76,8 +77,11 @@ void detach(int parentFd) {
 }
 
 void begin(Daemon &daemon, const Rollback &rollback) {
-    (void)daemon.mgmt("confirm.begin",
-                      {{"pid", getpid()}, {"file", rollback.file}, {"seconds", rollback.seconds}});
+    json request = {{"pid", getpid()}, {"file", rollback.file}};
+    if (rollback.seconds != 0) {
+        request["seconds"] = rollback.seconds;
+    }
+    (void)daemon.mgmt("confirm.begin", request);
 }
 
 // Waits for the confirmation; tells the parent when the daemon has been asked. Result: whether it came.
@@ -125,13 +129,13 @@ Policy withUnitsOfNow(Policy policy, const Interfaces &interfaces) {
 
 void rollBackOnce(Daemon &daemon, const Rollback &rollback) {
     std::ostringstream warnings;
-    const ChangeLock lock(daemon, ChangeKind::Apply, rollback.file + " (roll-back)", warnings);
+    const ChangeLock lock(daemon, ChangeKind::RollBack, rollback.file + " (roll-back)", warnings);
     const Running running = runningRead(daemon);
     const Policy wanted = withUnitsOfNow(rollback.before, running.interfaces);
     const Plan plan = planMake(running.policy, wanted, running.limits);
-    planDo(daemon, running.policy, plan, [](const std::vector<std::string> &) { return std::string(); }, warnings);
-    syslog(LOG_NOTICE, "%s was not confirmed: the policy from before is back (%zu steps)", rollback.file.c_str(),
-           plan.steps.size());
+    const SignalsHeld held;
+    planDo(daemon, running.policy, plan, [](const std::vector<std::string> &) { return std::string(); }, {}, warnings);
+    syslog(LOG_NOTICE, "%s: the policy from before is back (%zu steps)", rollback.file.c_str(), plan.steps.size());
 }
 
 // Result: whether the policy from before is back.
@@ -151,7 +155,7 @@ bool rollBack(Daemon &daemon, const Rollback &rollback) {
         }
         std::this_thread::sleep_for(RECONNECT_STEP);
     }
-    syslog(LOG_ERR, "%s was not confirmed, and the policy from before could not be brought back",
+    syslog(LOG_ERR, "%s is to be undone, and the policy from before could not be brought back",
            rollback.file.c_str());
     return false;
 }
@@ -205,10 +209,13 @@ ConfirmWatch::ConfirmWatch(const Rollback &rollback) {
                   "\nNothing was changed.");
 }
 
-ConfirmWatch::~ConfirmWatch() {
+ConfirmWatch::~ConfirmWatch() { end(); }
+
+void ConfirmWatch::end() {
     if (fd >= 0) {
         (void)sendAll(fd, {SAID_CANCEL});
         close(fd);
+        fd = -1;
         waitpid(pid, nullptr, 0);
     }
 }

@@ -1,10 +1,11 @@
 // `pbrctl apply --confirm` and `pbrctl confirm`: an applied policy is undone by itself unless it is confirmed
-// in time, also when the terminal it was applied from is gone.
+// in time, also when the terminal it was applied from is gone. An apply without --confirm has the same watcher
+// for its steps only.
 //
 // The watcher is a child process of pbrctl in a session of its own, which has the policy from before. It is
 // there before the first step, so that it also undoes what a killed pbrctl leaves half-made:
 //
-//   begun --pbrctl refuses, cancel--> ended
+//   begun --pbrctl refuses, or is done without --confirm, cancel--> ended
 //   begun --pbrctl is gone, leave--> rolling back
 //   begun --arm--> waiting --confirm--> ended
 //                  waiting --time over, confirm --rollback--> rolling back --> ended
@@ -30,7 +31,7 @@ constexpr uint32_t CONFIRM_MOST_SECONDS = 86400;
 struct Rollback {
     std::string root;     // of the daemon's run
     std::string file;     // what is applied, for texts
-    uint32_t seconds = 0; // time for the confirmation
+    uint32_t seconds = 0; // time for the confirmation; 0: it is never armed, and only guards the steps
     Policy before;
 };
 
@@ -38,10 +39,13 @@ class ConfirmWatch {
 public:
     // Starts the watcher, which reports to the daemon. Throws Refused; nothing was changed then.
     explicit ConfirmWatch(const Rollback &rollback);
-    // Not armed: the watcher ends and undoes nothing.
+    // As end, unless it goes on by itself.
     ~ConfirmWatch();
     ConfirmWatch(const ConfirmWatch &) = delete;
     ConfirmWatch &operator=(const ConfirmWatch &) = delete;
+
+    // Nothing is to be undone: the watcher ends.
+    void end();
 
     // The policy is applied: the time begins.
     void arm();

@@ -6,7 +6,6 @@
 #include <thread>
 #include <tuple>
 
-#include "cli/change_lock.h"
 #include "cli/check.h"
 #include "cli/errors.h"
 #include "cli/operate.h"
@@ -63,9 +62,11 @@ struct Transaction {
     const Policy &before;
     const Plan &plan;
     const Where &where;
+    const Stop &stop;
     std::ostream &err;
     std::set<PlaneError> knownErrors; // of the plane, from before
     bool isHeld = false;
+    std::string stopped = {};         // what asked to stop
 };
 
 // Without the operation each step acts when it is done.
@@ -117,7 +118,8 @@ void probesAwait(Transaction &of) {
             const std::string name = textOf(row, "admin") + "/" + textOf(row, "test");
             isComplete = isComplete && (of.plan.newProbes.count(name) == 0 || hasResult(row));
         }
-        if (!isComplete && Clock::now() >= end) {
+        of.stopped = of.stopped.empty() && of.stop ? of.stop() : of.stopped;
+        if (!isComplete && (Clock::now() >= end || !of.stopped.empty())) {
             return;
         }
         if (!isComplete) {
@@ -202,10 +204,19 @@ std::string undo(Transaction &of, size_t count) {
     throw Refused(what + ": " + why + "\nIt serves again. " + undone);
 }
 
+// Undoes when somebody asked to stop.
+void stopCheck(Transaction &of, const std::string &before, size_t doneCount) {
+    of.stopped = of.stopped.empty() && of.stop ? of.stop() : of.stopped;
+    if (!of.stopped.empty()) {
+        refuse(of, "interrupted (" + of.stopped + ") before " + before + ".", doneCount);
+    }
+}
+
 void stepsDo(Transaction &of) {
     const std::vector<Step> &steps = of.plan.steps;
     for (size_t i = 0; i < steps.size(); i++) {
         const std::string number = "step " + std::to_string(i + 1) + " of " + std::to_string(steps.size());
+        stopCheck(of, number + ", " + stepText(steps[i]), i);
         try {
             stepDo(of.daemon, steps[i]);
         } catch (const NotOffered &) {
@@ -248,8 +259,11 @@ void settle(Transaction &of) {
 
 void planeTake(Transaction &of) {
     std::vector<PlaneError> errors;
+    probesAwait(of);
+    if (!of.plan.steps.empty()) {
+        stopCheck(of, "the forwarding plane took it over", of.plan.steps.size());
+    }
     try {
-        probesAwait(of);
         errors = release(of);
     } catch (const Refused &refusal) {
         // It held no longer: the steps have acted already.
@@ -263,9 +277,9 @@ void planeTake(Transaction &of) {
 
 } // namespace
 
-void planDo(Daemon &daemon, const Policy &before, const Plan &plan, const Where &where, std::ostream &err) {
-    const SignalsHeld held;
-    Transaction of{daemon, before, plan, where, err, planeErrorsNow(daemon)};
+void planDo(Daemon &daemon, const Policy &before, const Plan &plan, const Where &where, const Stop &stop,
+            std::ostream &err) {
+    Transaction of{daemon, before, plan, where, stop, err, planeErrorsNow(daemon)};
     if (!plan.steps.empty()) {
         try {
             hold(of);

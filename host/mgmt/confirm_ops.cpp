@@ -13,6 +13,7 @@
 
 #include "host/event/event_loop.h"
 #include "host/logging/host_log.h"
+#include "host/mgmt/hold_ops.h"
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
 
@@ -41,7 +42,7 @@ struct Pending {
     MgmtClientPtr owner; // null: none
     uint32_t pid = 0;
     std::string file;
-    uint32_t seconds = 0;
+    uint32_t seconds = 0; // 0: it only guards the steps
     Phase phase = Phase::Applying;
     std::optional<bool> word; // said while it was still applying: confirmed, or to be rolled back
     MgmtDone done;            // Waiting: the answer to confirm.wait
@@ -143,6 +144,7 @@ void opUnlock(const json &request, const MgmtClientPtr &client, const MgmtDone &
 void pendingEnd() {
     hostEventLoop().timerStop(std::exchange(state().pending.timer, 0));
     state().pending = {};
+    holdGuardSet(false);
 }
 
 void pendingLost() {
@@ -165,7 +167,7 @@ void opBegin(const json &request, const MgmtClientPtr &client, const MgmtDone &d
     Pending begun;
     begun.pid = mgmtArgNumber(request, "pid", 1, PID_MOST);
     begun.file = mgmtArgText(request, "file");
-    begun.seconds = mgmtArgNumber(request, "seconds", 1, MOST_SECONDS);
+    begun.seconds = request.contains("seconds") ? mgmtArgNumber(request, "seconds", 1, MOST_SECONDS) : 0;
     begun.owner = client;
     Pending &pending = state().pending;
     if (pending.owner != nullptr && pending.owner != client) {
@@ -177,6 +179,7 @@ void opBegin(const json &request, const MgmtClientPtr &client, const MgmtDone &d
         pendingEnd();
     }
     pending = begun;
+    holdGuardSet(true);
     done({{"ok", true}});
 }
 
@@ -204,6 +207,7 @@ void opWait(const json &request, const MgmtClientPtr &client, const MgmtDone &do
         throw std::runtime_error("this connection has waited already");
     }
     pending.phase = Phase::Waiting;
+    holdGuardSet(false);
     pending.done = done;
     pending.end = Clock::now() + std::chrono::milliseconds(milliseconds);
     if (pending.word) {

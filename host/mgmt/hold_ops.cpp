@@ -24,7 +24,9 @@ using nlohmann::json;
 
 // Who holds now; event thread only.
 struct Hold {
-    MgmtClientPtr owner; // null: nobody
+    bool isHeld = false;
+    bool isGuarded = false;
+    MgmtClientPtr owner; // of what is held; null: its client has gone, and its guard may take it
     EventLoop::TimerId longest = 0;
 };
 
@@ -34,22 +36,30 @@ Hold &hold() {
 }
 
 std::vector<Device::EntryError> holdEnd() {
+    hold().isHeld = false;
     hold().owner = nullptr;
     hostEventLoop().timerStop(std::exchange(hold().longest, 0));
     return hostDevice().release();
 }
 
 // The change ended without its last step: the plane takes what there is.
-void holdAbandon(const MgmtClientPtr &owner, const char *pWhy) {
-    if (owner == nullptr || hold().owner != owner) {
-        return;
-    }
+void holdAbandon(const char *pWhy) {
     hostLog(LOG_LEVEL_WARNING, "device", "a change is taken over unfinished: %s", pWhy);
     (void)holdEnd(); // nobody is there to hear of it; the entries show their errors
 }
 
+void clientEnd(const MgmtClientPtr &client) {
+    if (client == nullptr || !hold().isHeld || hold().owner != client) {
+        return;
+    }
+    hold().owner = nullptr;
+    if (!hold().isGuarded) {
+        holdAbandon("its client has gone");
+    }
+}
+
 void ownershipCheck(const MgmtClientPtr &client) {
-    if (hold().owner != nullptr && hold().owner != client) {
+    if (hold().isHeld && hold().owner != nullptr && hold().owner != client) {
         throw std::runtime_error("another client changes the policy now; try again when it has finished");
     }
 }
@@ -68,13 +78,13 @@ void opHold(const json &request, const MgmtClientPtr &client, const MgmtDone &do
         lists.insert(name.get<std::string>());
     }
     ownershipCheck(client);
-    if (hold().owner == nullptr) {
+    if (hold().owner != client) {
         hold().owner = client;
         const std::weak_ptr<MgmtClient> weak = client;
-        hold().longest = hostEventLoop().timerStart(HOLD_LONGEST, [weak] {
-            holdAbandon(weak.lock(), "it took longer than 30 seconds");
-        });
-        client->onEnd([weak] { holdAbandon(weak.lock(), "its client has gone"); });
+        client->onEnd([weak] { clientEnd(weak.lock()); });
+    }
+    if (!std::exchange(hold().isHeld, true)) {
+        hold().longest = hostEventLoop().timerStart(HOLD_LONGEST, [] { holdAbandon("it took longer than 30 seconds"); });
     }
     hostDevice().hold(lists);
     done({{"ok", true}});
@@ -93,11 +103,11 @@ json errorsShow(const std::vector<Device::EntryError> &errors) {
 
 void opRelease(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
     mgmtArgsOnly(request, {});
-    if (hold().owner != client) {
+    if (!hold().isHeld || hold().owner != client) {
         throw std::runtime_error("nothing is held by this connection");
     }
     settleWait(hostEventLoop(), nextHopsKnown, [client, done](bool determined) {
-        if (hold().owner != client) {
+        if (!hold().isHeld || hold().owner != client) {
             done({{"ok", false}, {"error", "the change took too long: it was taken over unfinished"}});
             return;
         }
@@ -107,6 +117,13 @@ void opRelease(const json &request, const MgmtClientPtr &client, const MgmtDone 
 }
 
 } // namespace
+
+void holdGuardSet(bool isGuarded) {
+    hold().isGuarded = isGuarded;
+    if (!isGuarded && hold().isHeld && hold().owner == nullptr) {
+        holdAbandon("its client has gone");
+    }
+}
 
 void holdOpsRegister() {
     mgmtRegisterForClient("device.hold", true, opHold);

@@ -1,4 +1,5 @@
 // Tests of `pbrctl apply` against a daemon in the test: whole or not at all, whichever change is refused.
+#include <csignal>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -147,6 +148,35 @@ TEST_F(Apply, WhicheverChangeIsRefusedThePolicyIsAsBefore) {
     }
     EXPECT_GT(refused, 30); // every change of the plan was refused once
     EXPECT_EQ(daemon.store().interfaces.at(8), "v6");
+}
+
+TEST_F(Apply, WheneverItIsInterruptedThePolicyIsAsBefore) {
+    ASSERT_EQ(apply(FIRST), cli::EXIT_DONE) << daemon.err;
+    const FakeStore before = daemon.store();
+    int interrupted = 0;
+    for (int n = 1; n < 200; n++) {
+        SCOPED_TRACE("change " + std::to_string(n));
+        daemon.signalAtChange(n, n % 2 == 0 ? SIGINT : SIGTERM);
+        const int status = apply(SECOND);
+        daemon.signalAtChange(0, 0);
+        if (status == cli::EXIT_DONE) {
+            break;
+        }
+        interrupted++;
+        ASSERT_EQ(status, cli::EXIT_REFUSED) << daemon.err;
+        ASSERT_TRUE(daemon.store() == before) << daemon.err;
+        ASSERT_TRUE(hasErr(n % 2 == 0 ? "interrupted (SIGINT) before " : "interrupted (SIGTERM) before ")) << daemon.err;
+        ASSERT_TRUE(hasErr("\nNothing was changed: what had been done (")) << daemon.err;
+    }
+    EXPECT_GT(interrupted, 30);
+    EXPECT_EQ(daemon.store().interfaces.at(8), "v6");
+}
+
+TEST_F(Apply, AnInterruptThatThisProcessIsToldToIgnoreStopsNothing) {
+    const auto before = std::signal(SIGINT, SIG_IGN);
+    daemon.signalAtChange(3, SIGINT);
+    EXPECT_EQ(apply(FIRST), cli::EXIT_DONE) << daemon.err;
+    std::signal(SIGINT, before);
 }
 
 TEST_F(Apply, WhicheverChangeOfAFirstApplyIsRefusedNothingIsLeft) {

@@ -3,6 +3,7 @@
 #include "tests/unit/cli/fake_daemon.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -276,6 +277,7 @@ FakeDaemon::~FakeDaemon() {
 int FakeDaemon::pbrctl(std::vector<std::string> words) {
     std::ostringstream outText, errText;
     words.insert(words.begin(), {"--root", folder});
+    caller = pthread_self();
     const int status = cli::pbrctlRun(words, outText, errText);
     out = outText.str();
     err = errText.str();
@@ -350,6 +352,18 @@ void FakeDaemon::dieAtChange(int n, const FakeStore &after) {
     const std::lock_guard guard(lock);
     dieIn = n;
     diedTo = after;
+}
+
+void FakeDaemon::signalAtChange(int n, int signal) {
+    const std::lock_guard guard(lock);
+    signalIn = n;
+    signalNumber = signal;
+}
+
+void FakeDaemon::signalNow() {
+    if (signalIn > 0 && --signalIn == 0) {
+        pthread_kill(caller, signalNumber);
+    }
 }
 
 void FakeDaemon::serve() {
@@ -442,6 +456,7 @@ uint32_t FakeDaemon::set(uint16_t command, uint32_t field, const Bytes &key, uin
     if (failIn > 0 && --failIn == 0) {
         return failCode;
     }
+    signalNow();
     if (dieNow()) {
         return PBR_FAIL; // nobody hears it
     }
@@ -656,6 +671,9 @@ json FakeDaemon::mgmt(const json &request) {
     const std::lock_guard guard(lock);
     const std::string op = request["op"];
     json answer = {{"ok", true}};
+    if (op == "confirm.begin") { // nobody to watch here
+        return {{"ok", false}, {"error", "unknown operation confirm.begin"}};
+    }
     if (notOffered.count(op) != 0) {
         return {{"ok", false}, {"error", "unknown operation \"" + op + "\"; known are others"}};
     }
@@ -753,6 +771,7 @@ json FakeDaemon::mgmt(const json &request) {
     if (failIn > 0 && --failIn == 0) {
         return {{"ok", false}, {"error", "the fake refuses " + op}};
     }
+    signalNow();
     if (dieNow()) {
         return {{"ok", false}, {"error", "nobody hears it"}};
     }

@@ -79,6 +79,9 @@ public:
     // daemon serves again, with `after` as its store.
     void dieAtChange(int n, const FakeStore &after);
 
+    // The thread that runs pbrctl gets this signal at the n-th change from now, once it is made; 0: no more.
+    void signalAtChange(int n, int signal);
+
 private:
     void serve();
     bool serveClient(int fd, bool isMgmt);
@@ -89,6 +92,7 @@ private:
     nlohmann::json mgmt(const nlohmann::json &request);
     nlohmann::json around(const std::string &op, const nlohmann::json &request);
     bool dieNow();
+    void signalNow();
     nlohmann::json shell(const std::string &name, const nlohmann::json &args) const;
 
     const std::map<uint32_t, std::string> links = {{7, "lan0"}, {8, "lan1"}, {9, "tun0"}};
@@ -110,6 +114,9 @@ private:
     std::set<std::string> notOffered;
     int dieIn = 0;
     FakeStore diedTo;
+    int signalIn = 0;
+    int signalNumber = 0;
+    pthread_t caller{};
     bool hasDied = false;
     int failIn = 0;
     uint32_t failCode = 0;
