@@ -248,6 +248,10 @@ void settle(Transaction &of) {
         if (!answer.value("determined", true)) {
             of.err << "warning: the state of some next hops is not known yet; 'pbrctl show next-hops' tells which\n";
         }
+        if (answer.value("held", false)) {
+            of.err << "warning: the kernel still has the policy of the daemon's run before; 'pbrctl show device' tells "
+                      "'live' when it has this one\n";
+        }
     } catch (const Refused &refusal) {
         if (of.knownErrors.empty() && !of.plan.steps.empty()) {
             refuse(of, std::string("the forwarding plane refuses it:\n") + refusal.what(), of.plan.steps.size());

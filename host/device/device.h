@@ -101,6 +101,10 @@ public:
     // go of what is no longer wanted. Event thread. Result: empty, or what could not be made right.
     virtual std::string settle() = 0;
 
+    // Whether what an earlier run left is still kept as it was found, and the present configuration waits: it
+    // ends some moments after settle at the latest. Any thread. Lock: takes the device's own
+    virtual bool isHeld() const { return false; }
+
     // Keeps what the plane does for these lists, whatever the store says, until release; more lists may be
     // added. Event thread. A plane that follows the daemon's calls as they come does nothing.
     virtual void hold(const std::set<std::string> &) {}

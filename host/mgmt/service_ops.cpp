@@ -121,20 +121,37 @@ json opDeviceFlush(const json &request) {
     return json::object();
 }
 
+std::string settleNow() {
+    try {
+        return hostDevice().settle();
+    } catch (const std::exception &failure) { // nobody else would answer the client
+        return failure.what();
+    }
+}
+
+void settleAnswer(const MgmtDone &done, bool determined, const std::string &error) {
+    if (!error.empty()) {
+        done({{"ok", false}, {"error", error}});
+        return;
+    }
+    done({{"ok", true},
+          {"determined", determined},
+          {"held", hostDevice().isHeld()},
+          {"warnings", deviceNoticesShow(hostDevice().warnings())}});
+}
+
+// A plane that keeps what an earlier run left lets go of it a moment later: what it says then counts.
 void opDeviceSettle(const json &request, const MgmtDone &done) {
     mgmtArgsOnly(request, {});
     settleWait(hostEventLoop(), nextHopsKnown, [done](bool determined) {
-        std::string error;
-        try {
-            error = hostDevice().settle();
-        } catch (const std::exception &failure) { // nobody else would answer the client
-            error = failure.what();
+        const std::string error = settleNow();
+        if (!hostDevice().isHeld()) {
+            settleAnswer(done, determined, error);
+            return;
         }
-        if (error.empty()) {
-            done({{"ok", true}, {"determined", determined}, {"warnings", deviceNoticesShow(hostDevice().warnings())}});
-        } else {
-            done({{"ok", false}, {"error", error}});
-        }
+        settleWait(hostEventLoop(), [] { return !hostDevice().isHeld(); },
+                   [done, determined](bool isReleased) { settleAnswer(done, determined, isReleased ? settleNow() : ""); },
+                   HELD_LONGEST);
     });
 }
 

@@ -12,6 +12,7 @@
 namespace host {
 
 constexpr std::chrono::milliseconds SETTLE_LONGEST{5000}; // then the peers are taken as they are
+constexpr std::chrono::milliseconds HELD_LONGEST{10000};   // that an earlier run's objects are waited for to be let go of
 constexpr std::chrono::milliseconds SETTLE_STEP{20};      // between two looks, and after the last
 
 // Calls `done` on the event thread once `isDetermined` answers true, or SETTLE_LONGEST has passed, with

@@ -47,6 +47,17 @@ class SurvivesTheDaemon(system_case.LabCase):
         self.all_by("upb", port=443, source_ns="lan2")
         self.all_by("upb", port=443, family=6)
 
+    def test_an_apply_is_done_when_the_kernel_has_the_new_policy(self):
+        self.daemon.apply(policy(both("upa")))
+        self.daemon.kill()
+        self.daemon.options = [*self.options, "host.journal=off"]
+        self.daemon.start()
+        self.assertEqual("held", self.daemon.json("show", "device")["state"])
+        self.daemon.apply(policy(both("upc")))
+        self.assertEqual("live", self.daemon.json("show", "device")["state"])
+        for family in (4, 6):
+            self.assertEqual({"upc": 20}, self.by_uplink(family=family))
+
     def test_fails_over_again_after_the_restart(self):
         text = policy(both("upa", "upc"))
         self.daemon.apply(text)

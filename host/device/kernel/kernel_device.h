@@ -85,7 +85,7 @@ public:
     void readBack(unsigned parts = READ_ALL);
 
     // Whether an earlier run's objects are still kept as they were found. Any thread. Lock: takes
-    bool isHeld() const;
+    bool isHeld() const override;
     KernelCounters counters() const; // any thread. Lock: takes
 
 private:
