@@ -4,6 +4,7 @@
 //     -- storeCompare (daemon's mutex held): the store against what was taken of it -->
 //   answer on the event thread; without the store's turn within STORE_WAIT_MS that is a difference too
 #include <algorithm>
+#include <tuple>
 
 #include "host/device/kernel/kernel_device.h"
 #include "host/device/kernel/nft_codec.h"
@@ -13,6 +14,24 @@ namespace host {
 namespace {
 
 constexpr int READS_MOST = 4; // a change of our own between two reads makes the first one old
+
+// The rules with `fragments` of all programs, each once.
+std::vector<Surroundings::FragmentsRule> fragmentsRulesOf(const KernelModel &model) {
+    std::vector<Surroundings::FragmentsRule> found;
+    std::set<std::tuple<uint32_t, uint32_t, uint8_t>> seen; // an ACL serves one node
+    for (const auto &[list, program] : model.lists()) {
+        for (const auto &[key, node] : program.nodes) {
+            const auto rules = node.rules ? programRules(node.aclNum, *node.rules, key.family)
+                                          : std::vector<std::pair<uint32_t, AclRule>>();
+            for (const auto &[number, rule] : rules) {
+                if (rule.fragments && seen.insert({node.aclNum, number, key.family}).second) {
+                    found.push_back({list, key.nodeIndex, node.aclNum, number, key.family});
+                }
+            }
+        }
+    }
+    return found;
+}
 
 const char *const ADVICE_REPAIR = "it is repaired at once; 'pbrctl check' again tells what remains";
 
@@ -108,6 +127,9 @@ Surroundings KernelDevice::surroundingsBegin() const {
         at.ifName = name;
         around.bound.push_back(at);
     }
+    if (!plane_.isDefragOn()) {
+        around.fragmentsRules = fragmentsRulesOf(plane_.model());
+    }
     const std::optional<FibEgress> everything = hooks_.env.egress(0, 4, IpAddress{});
     std::set<uint32_t> uplinks;
     for (const auto &[key, decision] : plane_.model().decisions().all()) {
@@ -137,7 +159,10 @@ std::vector<DeviceNotice> KernelDevice::warnings() {
     const auto hasDefault = [this](uint8_t family, uint32_t table) {
         return hooks_.env.egress(table, family, IpAddress{}).has_value();
     };
-    const std::string error = surroundingsRead(readers_->rt, hasDefault, &around);
+    std::string error = surroundingsRead(readers_->rt, hasDefault, &around);
+    if (error.empty() && !around.fragmentsRules.empty()) {
+        error = surroundingsTrackersRead(readers_->nft, &around);
+    }
     if (!error.empty()) {
         return {{"unreadable", error, "the daemon needs the right CAP_NET_ADMIN"}};
     }

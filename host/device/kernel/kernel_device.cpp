@@ -578,6 +578,7 @@ nlohmann::json KernelDevice::show() {
             {"state", pState},
             {"error", error_},
             {"markMask", hooks_.options.markMask},
+            {"defrag", plane_.isDefragOn() ? "on" : hooks_.options.defrag ? "off: the kernel cannot" : "off"},
             {"held", kept_},
             {"entries", entriesShow(packets)},
             {"decisions", decisionsShow()},

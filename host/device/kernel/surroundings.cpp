@@ -122,6 +122,22 @@ void hopsJudge(const Surroundings &around, Notices &notices) {
     }
 }
 
+// Once a rule, whatever the number of interfaces.
+void fragmentsJudge(const Surroundings &around, Notices &notices) {
+    for (const Surroundings::FragmentsRule &rule : around.fragmentsRules) {
+        const std::string &tracker = around.tracker[rule.family == 6];
+        if (tracker.empty()) {
+            continue;
+        }
+        notices.push_back({"never-fragments",
+                           "list " + rule.list + " node " + std::to_string(rule.nodeIndex) + ": ACL " +
+                               std::to_string(rule.aclNum) + " rule " + std::to_string(rule.ruleNum) +
+                               " asks for fragments and never matches: nftables table " + tracker +
+                               " tracks connections, for which the kernel puts fragments together first",
+                           "write the rule without 'fragments', and set host.defrag=on"});
+    }
+}
+
 void repairsJudge(const Surroundings &around, Notices &notices) {
     if (around.repairs > SURROUNDINGS_REPAIRS_MOST) {
         notices.push_back({"repaired-often",
@@ -141,6 +157,7 @@ std::vector<DeviceNotice> surroundingsJudge(const Surroundings &around) {
     reversePathJudge(around, notices);
     reflectionJudge(around, notices);
     hopsJudge(around, notices);
+    fragmentsJudge(around, notices);
     return notices;
 }
 

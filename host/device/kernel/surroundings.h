@@ -48,8 +48,15 @@ struct Surroundings {
         bool hasGateway = false;          // it is not on a connected network now
         std::string ifName;               // where its packets leave now
     };
+    struct FragmentsRule { // a rule with `fragments` of a bound list, while we put none together
+        std::string list;
+        uint32_t nodeIndex = 0, aclNum = 0, ruleNum = 0;
+        uint8_t family = 4;
+    };
     std::vector<Bound> bound;
     std::vector<Uplink> uplinks;
+    std::vector<FragmentsRule> fragmentsRules;
+    std::string tracker[2];               // a table of another program that tracks IPv4, IPv6 connections; empty: none
     std::vector<Rule> rules;
     std::vector<Address> addresses;
     std::vector<Hop> hops;
@@ -66,6 +73,10 @@ constexpr uint32_t SURROUNDINGS_REPAIRS_MOST = 3;
 
 // What is told: the worst first. Pure. Lock: none
 std::vector<DeviceNotice> surroundingsJudge(const Surroundings &around);
+
+// Fills `tracker`: the nftables tables of others (iptables' too) whose rules make the kernel track connections,
+// which puts fragments together before any rule of ours sees them. Result: empty, or what cannot be read.
+std::string surroundingsTrackersRead(NetlinkSocket &nft, Surroundings *pAround);
 
 // Fills what the kernel knows: sysctls, rules, addresses (name and state of an interface come from `link`).
 // hasDefault: whether a table leads every address somewhere. Result: empty, or what cannot be read.

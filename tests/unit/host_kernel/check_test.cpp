@@ -229,6 +229,32 @@ TEST_F(CheckTest, AProgramThatRemovesOurObjectsAgainAndAgainIsWarnedOf) {
     EXPECT_EQ(textsOf(checked()["warnings"]), "");
 }
 
+TEST_F(CheckTest, RulesWithFragmentsNeverMatchWhereAnotherProgramTracksConnections) {
+    world_.acl(1501, {"permit udp from any to any port 5000", "permit udp from any to any fragments"});
+    EXPECT_EQ(textsOf(checked()["warnings"]), "");
+    EXPECT_EQ(device_->show()["defrag"], "off");
+    run("nft 'add table ip6 six; add chain ip6 six c; add rule ip6 six c ct state new'");
+    EXPECT_EQ(textsOf(checked()["warnings"]), "") << "IPv6 only";
+    run("nft 'add table ip others; add chain ip others c; add rule ip others c counter accept'");
+    EXPECT_EQ(textsOf(checked()["warnings"]), "") << "tracks nothing";
+    run("nft 'add rule ip others c ct state established accept'");
+    EXPECT_EQ(textsOf(checked()["warnings"]),
+              "never-fragments: list wan node 10: ACL 1501 rule 20 asks for fragments and never matches: nftables table ip "
+              "others tracks connections, for which the kernel puts fragments together first\n");
+    run("nft delete table ip others");
+    EXPECT_EQ(textsOf(checked()["warnings"]), "");
+    run("nft 'add table inet nat; add chain inet nat p { type nat hook postrouting priority 100; }; "
+        "add rule inet nat p oifname up1 masquerade'");
+    EXPECT_NE(textsOf(checked()["warnings"]).find("nftables table inet nat"), std::string::npos);
+}
+
+TEST_F(CheckTest, WhereFragmentsArePutTogetherByUsTheDeviceSaysSo) {
+    world_.options.defrag = true;
+    run("nft 'add table ip others; add chain ip others c; add rule ip others c ct state established accept'");
+    EXPECT_EQ(textsOf(checked()["warnings"]), "");
+    EXPECT_EQ(device_->show()["defrag"], "on");
+}
+
 // ---- judging alone ----
 
 Surroundings healthy() {
