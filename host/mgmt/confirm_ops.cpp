@@ -224,7 +224,8 @@ json opConfirm(const json &request) {
     mgmtArgsOnly(request, {"rollback"});
     const bool rollback = mgmtArgFlag(request, "rollback", false);
     Pending &pending = state().pending;
-    if (pending.owner == nullptr) {
+    const bool isGuardOnly = pending.phase == Phase::Applying && pending.seconds == 0;
+    if (pending.owner == nullptr || isGuardOnly) {
         throw std::runtime_error("nothing waits for a confirmation");
     }
     if (pending.phase == Phase::RollingBack) {

@@ -154,6 +154,7 @@ TEST_F(ConfirmOps, WhileOneWaitsNobodyElseMayChangeOrBegin) {
 TEST_F(ConfirmOps, AGuardOfStepsHasNoTime) {
     ok(owner, {{"op", "confirm.begin"}, {"pid", 4712}, {"file", "p.yaml"}});
     EXPECT_EQ(ok(other, {{"op", "confirm.show"}})["secondsLeft"], 0);
+    EXPECT_EQ(refused(other, {{"op", "confirm"}}), "nothing waits for a confirmation");
 }
 
 TEST_F(ConfirmOps, OneClientHolds) {
