@@ -83,12 +83,12 @@ class AtAnyMoment(system_case.MemoryCase):
             self.assertIn(self.quiet(), self.exports, (status, errors))
 
     def test_nobody_reads_any_more_what_it_prints(self):
-        for _ in range(ROUNDS):
+        for words in ([], ["--json"]) * ROUNDS:  # the plan before the steps, longer than the pipe; all of it at the end
             wanted = 1 - self.exports.index(self.daemon.ctl("export").stdout)
-            process = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply",
-                                        self.paths[wanted]], stdout=subprocess.PIPE, stderr=subprocess.PIPE, pipesize=4096)
+            command = [self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", self.paths[wanted], *words]
+            process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, pipesize=4096)
             time.sleep(self.random.uniform(0, self.seconds))
-            process.stdout.close()  # the plan is longer than the pipe: it is not begun
+            process.stdout.close()
             process.stderr.close()
             self.assertIn(process.wait(60), (0, -signal.SIGPIPE))
             self.assertIn(self.quiet(), self.exports)
