@@ -1,4 +1,5 @@
 """pbrctl apply broken off at any moment: the old policy or the new one holds whole, and packets never see a half."""
+import contextlib
 import os
 import random
 import signal
@@ -97,7 +98,8 @@ class AtAnyMoment(system_case.MemoryCase):
         def kill_both(process):
             children = netlab.run(["pgrep", "-P", str(process.pid)], check=False).stdout.split()
             for pid in [process.pid, *map(int, children)]:
-                os.kill(pid, signal.SIGKILL)
+                with contextlib.suppress(ProcessLookupError):  # the watcher has ended by itself
+                    os.kill(pid, signal.SIGKILL)
         left = 0
         for _ in range(4 * ROUNDS):
             wanted, _, _ = self.broken_off(kill_both)
