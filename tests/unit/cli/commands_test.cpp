@@ -83,10 +83,10 @@ TEST_F(Command, EverySingleChangeAsksForTheRightToChangeThePolicy) {
         const int status = daemon.pbrctl(words); // that the fake knows it is not asked here
         EXPECT_NE(status, cli::EXIT_USAGE) << daemon.err;
         EXPECT_EQ(daemon.err.find("process 4711"), std::string::npos) << daemon.err;
-        ASSERT_FALSE(daemon.log().empty());
-        EXPECT_EQ(daemon.log()[0],
+        ASSERT_FALSE(daemon.locks().empty());
+        EXPECT_EQ(daemon.locks()[0],
                   "apply.lock {\"command\":\"" + (isTopLevel ? words[0] : words[0] + " " + words[1]) + "\"}");
-        EXPECT_EQ(daemon.log().back(), "apply.unlock {}");
+        EXPECT_EQ(daemon.locks().back(), "apply.unlock {}");
     }
 }
 

@@ -310,9 +310,14 @@ std::vector<std::string> FakeDaemon::log() {
     const std::lock_guard guard(lock);
     return changeLog;
 }
+std::vector<std::string> FakeDaemon::locks() {
+    const std::lock_guard guard(lock);
+    return lockLog;
+}
 void FakeDaemon::logClear() {
     const std::lock_guard guard(lock);
     changeLog.clear();
+    lockLog.clear();
 }
 
 void FakeDaemon::peersAre(const json &rows) {
@@ -646,7 +651,9 @@ json FakeDaemon::around(const std::string &op, const json &request) {
     json shown = request;
     shown.erase("op");
     shown.erase("pid");
-    changeLog.push_back(op + " " + shown.dump());
+    const bool isOfSingle = op == "apply.lock" ? request.contains("command") : op == "apply.unlock" && isSingleLocked;
+    isSingleLocked = isOfSingle && op == "apply.lock";
+    (isOfSingle ? lockLog : changeLog).push_back(op + " " + shown.dump());
     if (op != "device.release") {
         return {{"ok", true}};
     }

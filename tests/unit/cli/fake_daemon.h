@@ -63,6 +63,7 @@ public:
     void failFrom(const std::string &interface, uint32_t code);
     int changes(); // changes asked for since the start, done or refused
     std::vector<std::string> log(); // the changes done, as text
+    std::vector<std::string> locks(); // what single changes asked about the right to change the policy
     void logClear();
 
     // Answers of the management socket beside ACLs.
@@ -110,6 +111,8 @@ private:
     uint32_t lockedBy = 0;
     int lockedTimes = 0;
     std::string lockHolder;
+    bool isSingleLocked = false;
+    std::vector<std::string> lockLog;
     int asked = 0; // for the state of probes: each is found at every second question
     std::set<std::string> notOffered;
     int dieIn = 0;
