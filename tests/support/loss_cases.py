@@ -42,7 +42,17 @@ def prepare(lab):
     for number, (r4, _, r6, _) in enumerate(UPLINKS.values(), 1):
         netlab.run(f"ip route replace {r4}/32 via 172.16.{number}.1", "srv")
         netlab.run(f"ip -6 route replace {r6}/128 via 2001:db8:f{number}::1", "srv")
+    know_neighbours()
     speed(100)
+
+
+def know_neighbours():
+    """Every router of the lab has seen its next one: the first question of a fresh link may go unheard, and what
+    waits for the answer to the second would be taken for lost."""
+    for number, (up, (_, h4, _, h6)) in enumerate(UPLINKS.items(), 1):
+        for ns, address in (("rtr", h4), ("rtr", h6), (netlab.ISP[up], f"172.16.{number}.2"),
+                            (netlab.ISP[up], f"2001:db8:f{number}::2")):
+            netlab.run(f"ping -c 1 -w 10 -i 0.2 -W 10 {address}", ns)
 
 
 def speed(retrans_ms):
