@@ -16,6 +16,7 @@
 #include "host/mgmt/mgmt.h"
 #include "host/mgmt/mgmt_args.h"
 #include "host/option/option.h"
+#include "host/process/own_files.h"
 
 namespace host {
 
@@ -376,9 +377,11 @@ std::string journalOpen(std::function<void()> settle) {
     }
     std::error_code ignored; // a folder that is missing shows when the file is opened
     std::filesystem::create_directories(given, ignored);
+    const std::string path = given.empty() ? optionPath(DEFAULT_FOLDER + FILE_NAME) : given + FILE_NAME;
     auto pJournal = std::make_unique<Journal>();
-    const std::string error = pJournal->open(given.empty() ? optionPath(DEFAULT_FOLDER + FILE_NAME) : given + FILE_NAME,
-                                             std::move(settle));
+    std::string error = fileCheck(path);
+    error = error.empty() ? fileCheck(path + "-wal") : error;
+    error = error.empty() ? pJournal->open(path, std::move(settle)) : error;
     if (!error.empty()) {
         return error + "; name another folder with host.state-dir, or do without with host.journal=off";
     }

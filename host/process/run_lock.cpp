@@ -7,9 +7,11 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "host/option/option.h"
+#include "host/process/own_files.h"
 
 namespace host {
 namespace {
@@ -29,9 +31,19 @@ std::string holderText(int fd) {
 
 std::string runLockTake() {
     const std::string path = optionPath(LOCK_PATH);
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    const std::string inTheWay = fileCheck(path);
+    if (!inTheWay.empty()) {
+        return inTheWay;
+    }
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
     if (fd < 0) {
-        return path + ": " + strerror(errno) + "; run as root, or name a folder of yours with host.root";
+        const int why = errno;
+        return path + ": " + strerror(why) + "; run as root, or name a folder of yours with host.root";
+    }
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != geteuid()) {
+        close(fd);
+        return path + " was changed by somebody else meanwhile: name another folder with host.root";
     }
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         const std::string error = errno == EWOULDBLOCK

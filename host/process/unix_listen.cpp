@@ -14,6 +14,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "host/process/own_files.h"
 #include "host/process/peer_rights.h"
 
 namespace host {
@@ -72,39 +73,86 @@ std::string placeClear(const std::string &path, const sockaddr_un &address, int 
     if (!S_ISSOCK(status.st_mode)) {
         return path + " exists and is no socket: remove it, or name another folder with host.root";
     }
+    if (status.st_uid != geteuid()) {
+        return path + " is a socket of user " + std::to_string(status.st_uid) +
+               ": remove it, or name another folder with host.root";
+    }
     if (isServed(address, type)) {
         return path + " is served by another process: stop it, or name another folder with host.root";
     }
     return unlink(path.c_str()) == 0 ? "" : failed("cannot remove " + path);
 }
 
-// Gives the file its owner and mode. The mode is set before bind as well, so that the file is never open
-// to more than it will be.
-std::string bindGuarded(int fd, const sockaddr_un &address, const PeerPolicy &policy) {
+// A folder that only this user can enter, beside the path: what is in it is ours, whoever may write around it.
+class PrivateFolder {
+public:
+    explicit PrivateFolder(const std::string &besidePath) : name_(besidePath + ".XXXXXX") {}
+    PrivateFolder(const PrivateFolder &) = delete;
+    PrivateFolder &operator=(const PrivateFolder &) = delete;
+    ~PrivateFolder() {
+        if (fd_ >= 0) {
+            (void)unlinkat(fd_, SOCKET_NAME, 0); // gone already when all went well
+            close(fd_);
+        }
+        (void)rmdir(name_.c_str()); // an empty folder with an odd name is all that stays
+    }
+
+    // Result: empty, or why not.
+    std::string make(const std::string &path) {
+        if (mkdtemp(name_.data()) == nullptr) {
+            return failed("cannot make " + path);
+        }
+        fd_ = open(name_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        struct stat status {};
+        if (fd_ < 0 || fstat(fd_, &status) != 0) {
+            return failed("cannot make " + path);
+        }
+        const bool isOurs = status.st_uid == geteuid() && (status.st_mode & 077) == 0;
+        return isOurs ? "" : "cannot make " + path + ": somebody else works in its folder";
+    }
+    int fd() const { return fd_; }
+    static constexpr const char *SOCKET_NAME = "s";
+
+private:
+    std::string name_;
+    int fd_ = -1;
+};
+
+// Makes the socket file with its owner and mode, and serves it, where nobody else comes; then moves it to
+// its place, unless something is there.
+std::string bindGuarded(int fd, const std::string &path, const PeerPolicy &policy, SocketFile *pFile) {
+    PrivateFolder folder(path);
+    const std::string error = folder.make(path);
+    if (!error.empty()) {
+        return error;
+    }
+    sockaddr_un address{};
+    (void)addressMake("/proc/self/fd/" + std::to_string(folder.fd()) + "/" + PrivateFolder::SOCKET_NAME, address); // short
     const mode_t mode = policy.areOthersReading ? 0666 : 0660;
-    const char *pPath = address.sun_path;
-    if (fchmod(fd, mode) != 0 && errno != EINVAL) {
-        return failed("cannot guard " + std::string(pPath));
-    }
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
-        return failed("cannot make " + std::string(pPath));
+        return failed("cannot make " + path);
     }
-    if (policy.group && chown(pPath, static_cast<uid_t>(-1), *policy.group) != 0) {
-        return failed("cannot give " + std::string(pPath) + " to the group of host.group");
+    if (policy.group && fchownat(folder.fd(), PrivateFolder::SOCKET_NAME, static_cast<uid_t>(-1), *policy.group,
+                                 AT_SYMLINK_NOFOLLOW) != 0) {
+        return failed("cannot give " + path + " to the group of host.group");
     }
-    if (chmod(pPath, mode) != 0 || listen(fd, SOMAXCONN) != 0) {
-        return failed("cannot serve " + std::string(pPath));
+    struct stat status {};
+    if (fchmodat(folder.fd(), PrivateFolder::SOCKET_NAME, mode, 0) != 0 || listen(fd, SOMAXCONN) != 0 ||
+        fstatat(folder.fd(), PrivateFolder::SOCKET_NAME, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return failed("cannot serve " + path);
     }
-    return "";
+    *pFile = {path, status.st_dev, status.st_ino};
+    if (renameat2(folder.fd(), PrivateFolder::SOCKET_NAME, AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
+        return "";
+    }
+    return errno == EEXIST ? path + " came into being meanwhile: remove it, or name another folder with host.root"
+                           : failed("cannot make " + path);
 }
 
-void remember(const std::string &path) {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) == 0) {
-        Files &all = files();
-        const std::lock_guard<std::mutex> guard(all.lock);
-        all.made.push_back({path, status.st_dev, status.st_ino});
-    }
+void remember(const SocketFile &file) {
+    Files &all = files();
+    const std::lock_guard<std::mutex> guard(all.lock);
+    all.made.push_back(file);
 }
 
 // Removes the file unless another took its place.
@@ -129,7 +177,10 @@ std::string unixListen(const std::string &path, int type, int *pFd) {
     if (!policy) {
         return error;
     }
-    error = placeClear(path, address, type);
+    error = foldersCheck(path);
+    if (error.empty()) {
+        error = placeClear(path, address, type);
+    }
     if (!error.empty()) {
         return error;
     }
@@ -137,12 +188,13 @@ std::string unixListen(const std::string &path, int type, int *pFd) {
     if (fd < 0) {
         return failed("cannot make a socket for " + path);
     }
-    error = bindGuarded(fd, address, *policy);
+    SocketFile file{};
+    error = bindGuarded(fd, path, *policy, &file);
     if (!error.empty()) {
         close(fd);
         return error;
     }
-    remember(path);
+    remember(file);
     *pFd = fd;
     return "";
 }

@@ -7,8 +7,10 @@
 namespace host {
 
 // Makes a non-blocking listening socket of `type` (SOCK_STREAM, SOCK_SEQPACKET) at `path`, an absolute
-// path whose folder exists. A socket file that nobody serves any more is replaced; a file of another kind
-// and the socket of a live server are left alone and are an error. The file's mode is 0660, of the group
+// path whose folder exists. A socket file of ours that nobody serves any more is replaced; a file of another
+// kind, a socket of another user or of a live server, and folders below host.root of another user are left
+// alone and are an error. Where others can write to the folder nothing that they do meanwhile is followed or
+// changed: the file is made in a folder of its own and moved to its place. The file's mode is 0660, of the group
 // of option host.group when one is named, or 0666 when others may read (credentials then decide who may
 // write). The file is removed at an orderly end of the process (filesRemove).
 // Result: empty and *pFd, or why not. Lock: none

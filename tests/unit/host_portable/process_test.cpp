@@ -1,6 +1,8 @@
 // What surrounds the process: arguments, the lock, socket files, rights, signals, crashes.
+#include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -99,6 +101,27 @@ TEST(RunLock, AFileThatNobodyHoldsAnyMoreIsTaken) {
     EXPECT_EQ(std::to_string(getpid()) + "\n", text);
 }
 
+TEST(RunLock, WhatWasPutInItsPlaceIsRefusedAndLeftAlone) {
+    support::Options options;
+    const std::string path = host::optionPath("/run/policyroute/policyrouted.lock");
+    const std::string precious = options.root.file("precious", "precious");
+    const std::string remedy = ": remove it, or name another folder with host.root";
+    ASSERT_EQ(0, symlink(precious.c_str(), path.c_str()));
+    EXPECT_EQ(path + " exists and is no regular file" + remedy, host::runLockTake());
+    ASSERT_EQ(0, unlink(path.c_str()));
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0666));
+    EXPECT_EQ(path + " exists and is no regular file" + remedy, host::runLockTake());
+    ASSERT_EQ(0, unlink(path.c_str()));
+    ASSERT_EQ(0, mkdir(path.c_str(), 0777));
+    EXPECT_EQ(path + " exists and is no regular file" + remedy, host::runLockTake());
+    ASSERT_EQ(0, rmdir(path.c_str()));
+    ASSERT_EQ(0, link(precious.c_str(), path.c_str()));
+    EXPECT_EQ(path + " has a second name" + remedy, host::runLockTake());
+    struct stat status {};
+    ASSERT_EQ(0, stat(precious.c_str(), &status));
+    EXPECT_EQ(8, status.st_size);
+}
+
 TEST(RunLock, AFileThatCannotBeMadeIsAnErrorThatNamesIt) {
     support::Options options({"host.root=/proc/self/nowhere"});
     EXPECT_EQ(0u, host::runLockTake().find("/proc/self/nowhere/run/policyroute/policyrouted.lock: "));
@@ -178,6 +201,31 @@ TEST_F(SocketFile, AFileOfAnotherKindIsNeverRemoved) {
     ASSERT_EQ(0, symlink("elsewhere", path.c_str()));
     EXPECT_NE("", listenNow());
     EXPECT_TRUE(S_ISLNK(modeOf(path)));
+}
+
+TEST_F(SocketFile, AFifoInItsPlaceIsLeftAlone) {
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0666));
+    EXPECT_EQ(path + " exists and is no socket: remove it, or name another folder with host.root", listenNow());
+    EXPECT_TRUE(S_ISFIFO(modeOf(path)));
+}
+
+TEST_F(SocketFile, NothingElseStaysBesideIt) {
+    ASSERT_EQ("", listenNow());
+    options.root.file("b.socket", "in the way");
+    int other = -1;
+    EXPECT_NE("", host::unixListen(options.root.path + "/b.socket", SOCK_STREAM, &other));
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(options.root.path)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ((std::vector<std::string>{"a.socket", "b.socket", "empty.conf"}), names);
+}
+
+TEST_F(SocketFile, AFolderThatIsNoFolderIsNamed) {
+    options.root.file("tmp", "in the way");
+    EXPECT_EQ(options.root.path + "/tmp exists and is no folder: remove it, or name another folder with host.root",
+              host::unixListen(options.root.path + "/tmp/a.socket", SOCK_STREAM, &fd));
 }
 
 TEST_F(SocketFile, AtTheEndOurFilesAreRemovedAndOnlyOurs) {
