@@ -6,9 +6,9 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config ccache git python3
   g++-mips-linux-gnu qemu-user-static
-  libmnl-dev libnftnl-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
+  libmnl-dev libnftnl-dev libseccomp-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
-  nftables iproute2 iputils-ping util-linux mount
+  nftables iproute2 iputils-ping util-linux mount strace
   dpkg-dev passwd man-db groff-base systemd
 )
 missing=()

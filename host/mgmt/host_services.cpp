@@ -5,6 +5,7 @@
 #include <future>
 
 #include "host/acl/acl_mgmt.h"
+#include "host/confine/system_calls.h"
 #include "host/device/device.h"
 #include "host/event/event_loop.h"
 #include "host/fib/fib.h"
@@ -21,6 +22,7 @@
 #include "host/mgmt/watch_ops.h"
 #include "host/nqa/nqa_service.h"
 #include "host/option/option.h"
+#include "host/process/privileges.h"
 #include "host/shell/shell_mgmt.h"
 #include "host/timerange/timerange_service.h"
 
@@ -32,7 +34,7 @@ struct Step {
     const char *name;                   // what it is, for the operator
     std::function<std::string()> start; // empty, or why not
     bool needsKernel;                   // may fail when nothing is forwarded
-    const char *advice;                 // what to do when it fails
+    std::string advice;                 // what to do when it fails
 };
 
 void registerAll() {
@@ -78,7 +80,8 @@ std::string probesRestore() {
 std::string hostServicesStart() {
     constexpr const char *privileges = "run as root, or use --option host.device=memory";
     const Step steps[] = {
-        {"journal", journalStart, false, "run as root, or use another folder with --option host.root=DIR"},
+        {"system call filter", systemCallsConfine, false, ""},
+        {"journal", journalStart, false, privilegesAdvice()},
         {"interfaces", ifnetStart, true, privileges},
         {"routing tables", fibStart, true, privileges},
         {"probes", probesRestore, false, ""},
@@ -100,7 +103,7 @@ std::string hostServicesStart() {
         }
         // A text that names an option says already what to do.
         const bool isAdvised = error.find("host.") != std::string::npos;
-        return std::string(step.name) + ": " + error + (isAdvised ? "" : std::string(": ") + step.advice);
+        return std::string(step.name) + ": " + error + (isAdvised ? "" : ": " + step.advice);
     }
     return "";
 }

@@ -62,6 +62,7 @@ const Choice CHOICES[] = {
     {"host.next-hop-via-gateway", {"on", "off"}},
     {"host.defrag", {"on", "off"}},
     {"host.read-others", {"yes", "no"}},
+    {"host.seccomp", {"on", "off"}},
     {"host.journal", {"on", "off"}},
     {"host.log", {"auto", "stderr", "syslog"}},
     {"host.memory-member-entries", {"on", "off"}},

@@ -25,6 +25,8 @@ namespace host {
     X("host.defrag", "on", "on: fragments are reassembled before they are matched, where the kernel can") \
     X("host.adopt-wait-ms", "10000", "longest time in ms that a policy found at start is kept untouched") \
     X("host.group", "", "group whose members may write to the sockets; none: root only")            \
+    X("host.user", "", "user that the process becomes when root starts it; none: it stays root, without root's rights") \
+    X("host.seccomp", "on", "on: system calls that the daemon does not use are refused by the kernel") \
     X("host.read-others", "no", "yes: everybody may read through the sockets")                      \
     X("host.journal", "on", "on: the running policy comes back by itself at the next start")          \
     X("host.state-dir", "", "folder of the journal; none: /var/lib/policyroute below host.root")       \

@@ -68,18 +68,28 @@ PeerRight peerRightOf(const PeerProcess &process, const PeerPolicy &policy) {
     return policy.areOthersReading ? PeerRight::Read : PeerRight::None;
 }
 
+std::optional<gid_t> peerGroup(std::string *pError) {
+    const std::string name = optionGet("host.group").value_or("");
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    const std::optional<gid_t> group = groupOf(name);
+    if (!group) {
+        *pError = "option host.group: there is no group '" + name + "'";
+    }
+    return group;
+}
+
 std::optional<PeerPolicy> peerPolicy(std::string *pError) {
-    static const uid_t owner = geteuid(); // of the process as it was started
+    static const uid_t owner = geteuid(); // of the process when it serves: it does not change any more
     PeerPolicy policy;
     policy.owner = owner;
     policy.areOthersReading = optionGet("host.read-others") == "yes";
-    const std::string name = optionGet("host.group").value_or("");
-    if (!name.empty()) {
-        policy.group = groupOf(name);
-        if (!policy.group) {
-            *pError = "option host.group: there is no group '" + name + "'";
-            return std::nullopt;
-        }
+    std::string error;
+    policy.group = peerGroup(&error);
+    if (!error.empty()) {
+        *pError = error;
+        return std::nullopt;
     }
     return policy;
 }

@@ -33,6 +33,10 @@ struct PeerProcess {
 // The right of a process under a policy. Lock: none
 PeerRight peerRightOf(const PeerProcess &process, const PeerPolicy &policy);
 
+// The group of option host.group; none when none is named, or with *pError set when there is no such group.
+// Lock: none
+std::optional<gid_t> peerGroup(std::string *pError);
+
 // The policy of options host.group (a name or a number) and host.read-others. Result: none, with *pError
 // saying why, when there is no such group. Lock: none
 std::optional<PeerPolicy> peerPolicy(std::string *pError);

@@ -1,5 +1,5 @@
-// The process's start (silProcessArguments): arguments, options, the lock, signals, the route bus, the
-// services, in this order. A file of its own, so that only the daemon's program is linked with the services.
+// The process's start (silProcessArguments): arguments, options, privileges, the lock, signals, the
+// route bus, the services, in this order. A file of its own, so that only the daemon's program is linked with the services.
 #include <cstdio>
 #include <string>
 
@@ -7,6 +7,7 @@
 #include "host/option/option.h"
 #include "host/process/arguments.h"
 #include "host/process/host_services.h"
+#include "host/process/privileges.h"
 #include "host/process/run_lock.h"
 #include "host/process/stop_signals.h"
 #include "host/process/unix_listen.h"
@@ -31,7 +32,10 @@ bool isServing() {
 
 // Result: empty, or why the process cannot serve.
 std::string servicesStart() {
-    std::string error = host::runLockTake();
+    std::string error = host::privilegesDrop();
+    if (error.empty()) {
+        error = host::runLockTake();
+    }
     if (!error.empty()) {
         return error;
     }

@@ -12,6 +12,7 @@
 
 #include "host/option/option.h"
 #include "host/process/own_files.h"
+#include "host/process/privileges.h"
 
 namespace host {
 namespace {
@@ -38,7 +39,7 @@ std::string runLockTake() {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
     if (fd < 0) {
         const int why = errno;
-        return path + ": " + strerror(why) + "; run as root, or name a folder of yours with host.root";
+        return path + ": " + strerror(why) + "; " + privilegesAdvice();
     }
     struct stat status {};
     if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != geteuid()) {
