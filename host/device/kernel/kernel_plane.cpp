@@ -263,23 +263,43 @@ void KernelPlane::decisionRefuse(const DecisionKey &key, const std::string &text
     }
 }
 
-void KernelPlane::decisionsInstall() {
+// Result: the decisions that were to be installed.
+std::set<DecisionKey> KernelPlane::decisionsSend() {
     std::vector<RtStep> steps;
     std::set<uint32_t> planned;
-    std::vector<DecisionKey> pending;
+    std::set<DecisionKey> pending;
     for (const auto &[key, decision] : model_.decisions().all()) {
         if (decision.users > 0 && !decision.installed && decision.error.empty()) {
             stepsFor(key, planned, steps);
-            pending.push_back(key);
+            pending.insert(key);
         }
         isCollectDue_ = isCollectDue_ || decision.users == 0;
     }
-    if (pending.empty()) {
-        return;
-    }
     if (!steps.empty()) {
         counters_.applies++;
-        (void)stepsSend(steps); // what failed is in the decisions, below
+        (void)stepsSend(steps); // what failed is in the decisions
+    }
+    return pending;
+}
+
+// A refusal may come from what the kernel took along with a link and we have not read yet: read, and try again once.
+void KernelPlane::decisionsInstall() {
+    std::set<DecisionKey> pending = decisionsSend();
+    const auto isRefused = [this](const DecisionKey &key) {
+        const Decision *pDecision = model_.decisions().get(key);
+        return !pDecision->error.empty() && !pDecision->waits;
+    };
+    RtImage image;
+    if (std::any_of(pending.begin(), pending.end(), isRefused) && rtRead(sockets_->rt, &image).empty()) {
+        for (const DecisionKey &key : pending) {
+            if (isRefused(key)) {
+                model_.decisions().get(key)->error.clear();
+            }
+        }
+        installed_.rt = image;
+        model_.decisions().nextHopsAvoid(installed_.rt.foreignNextHops);
+        decisionsMark();
+        pending.merge(decisionsSend());
     }
     for (const DecisionKey &key : pending) {
         Decision *pDecision = model_.decisions().get(key);

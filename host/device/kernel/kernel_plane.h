@@ -109,6 +109,7 @@ private:
         std::function<void(RtImage &)> done; // what the image is after it
     };
     void defragProbe();
+    std::set<DecisionKey> decisionsSend();
     void decisionsInstall();
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
     bool stepsSend(std::vector<RtStep> &steps);

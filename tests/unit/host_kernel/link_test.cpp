@@ -63,6 +63,21 @@ TEST_F(LinkTest, WhatTheKernelRefusesBecauseItsLinkIsDownIsNoErrorOfTheNode) {
     EXPECT_TRUE(has(run("ip route show table 1000002"), "via 198.51.100.1 dev up2")) << run("ip route show table all");
 }
 
+TEST_F(LinkTest, AGroupOverANextHopThatTheKernelTookUnnoticedWaitsForItsLink) {
+    world_.nextHops("wan", "lan0", 10, 1501, {"192.0.2.1"});
+    device();
+    store();
+    quiet();
+    run("ip link set up1 down"); // and nothing was read since
+    world_.nextHops("wan", "lan0", 20, 1502, {"192.0.2.1", "198.51.100.1"});
+    world_.nextHops("wan", "lan0", 30, 1503, {"198.51.100.1"});
+    store();
+    EXPECT_EQ(node(20)["error"], "");
+    EXPECT_TRUE(has(node(20)["reason"], "a link is down: ")) << node(20);
+    EXPECT_EQ(node(30)["reason"], "");
+    EXPECT_EQ(device().counters().refusals, 0u);
+}
+
 TEST_F(LinkTest, AChangeThatEndsWhileALinkIsDownIsNotRefused) {
     device();
     device().hold({"wan"});
