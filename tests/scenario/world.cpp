@@ -32,6 +32,13 @@ PbrApiValue bytesValue(std::string &text) {
 
 void World::SetUp() {
     fake::reset();
+    maxFd_ = 0; // a test may begin anew
+    passes_ = 0;
+    peers_.clear();
+    registered_.clear();
+    posted_.clear();
+    calls_.clear();
+    mirror_ = steps::ViewMirror();
     ASSERT_EQ(PBR_OK, pbrInit(maxLists_, maxNodes_, maxIfs_));
     fake::answerWith("aclIfSetApi", [this](const std::string &line) { return deviceCall(line); });
     fake::answerWith("hrdScalarSetApi", [this](const std::string &line) { return detectionCall(line); });
@@ -143,6 +150,9 @@ int64_t World::deviceCall(const std::string &line) {
 }
 
 int64_t World::detectionCall(const std::string &line) {
+    if (failingDetection_ != 0 && --failingDetection_ == 0) {
+        return -1;
+    }
     uint32_t head = 0, vrf = 0, reserved = 0, word[4] = {};
     const int count = sscanf(line.c_str(), "hrdScalarSetApi(0, 6, %x %x %x %x %x %x %x)", &head, &vrf, &reserved,
                              &word[0], &word[1], &word[2], &word[3]);

@@ -62,6 +62,7 @@ protected:
 
     std::set<uint32_t> failingUnits_;   // interfaces whose device adds fail
     std::set<uint32_t> failingDeletes_; // interfaces whose device deletes fail
+    uint32_t failingDetection_ = 0;     // the n-th registration or release of a peer from now fails; 0: none
     uint32_t allowed_ = 0;              // oddities that the test is about, for the store checker
     uint32_t checkedPasses_ = 1;        // the store is checked after each so many passes, and at rest
     uint32_t maxLists_ = 0, maxNodes_ = 0, maxIfs_ = 0; // limits, 0: the defaults; set before SetUp
