@@ -113,7 +113,10 @@ void *EpollLoop::threadMain(void *pArg) {
 
 void EpollLoop::wake() {
     const uint64_t one = 1;
-    (void)!write(wakeFd, &one, sizeof(one)); // full means that the thread wakes anyway
+    ssize_t written = -1;
+    do {
+        written = write(wakeFd, &one, sizeof(one)); // full means that the thread wakes anyway
+    } while (written < 0 && errno == EINTR);
 }
 
 void EpollLoop::fdAdd(int fd, uint32_t events, Handler ready) {

@@ -87,7 +87,11 @@ bool stderrSend(const Log &log, const std::string &line) {
     if (poll(&writable, 1, log.lost == 0 ? WAIT_MS : 0) != 1 || (writable.revents & POLLOUT) == 0) {
         return false;
     }
-    return ::write(STDERR_FILENO, line.data(), line.size()) >= 0;
+    ssize_t written = -1;
+    do {
+        written = ::write(STDERR_FILENO, line.data(), line.size());
+    } while (written < 0 && errno == EINTR);
+    return written >= 0;
 }
 
 bool lineSend(Log &log, int level, const std::string &module, const std::string &text) {

@@ -28,6 +28,14 @@ std::string holderText(int fd) {
     return digits.empty() ? "another process" : "process " + digits;
 }
 
+bool numberWrite(int fd, const std::string &number) {
+    ssize_t written = -1;
+    do {
+        written = pwrite(fd, number.data(), number.size(), 0);
+    } while (written < 0 && errno == EINTR);
+    return written >= 0; // less of it is for the operator's eyes only
+}
+
 } // namespace
 
 std::string runLockTake() {
@@ -55,7 +63,7 @@ std::string runLockTake() {
         return error;
     }
     const std::string number = std::to_string(getpid()) + "\n";
-    if (ftruncate(fd, 0) != 0 || pwrite(fd, number.data(), number.size(), 0) < 0) {
+    if (ftruncate(fd, 0) != 0 || !numberWrite(fd, number)) {
         const std::string error = path + ": " + strerror(errno);
         close(fd);
         return error;
