@@ -8,7 +8,7 @@ packages=(
   g++-mips-linux-gnu qemu-user-static
   libmnl-dev libnftnl-dev libseccomp-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
-  nftables iproute2 iputils-ping util-linux mount strace
+  nftables iproute2 iputils-ping util-linux mount
   dpkg-dev passwd man-db groff-base systemd
 )
 missing=()
