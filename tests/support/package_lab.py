@@ -27,8 +27,12 @@ class Machine:
         self.upper, self.root = os.path.join(self.folder, "upper"), os.path.join(self.folder, "root")
         for path in (self.upper, os.path.join(self.folder, "work"), self.root):
             os.mkdir(path)
+        # What some run left in the state folder of this machine is not there on that one.
+        mask = os.path.join(self.folder, "mask")
+        os.makedirs(mask + "/var/lib")
+        os.mknod(mask + "/var/lib/policyroute", stat.S_IFCHR, os.makedev(0, 0))
         netlab.run(["mount", "-t", "overlay", "overlay", "-o",
-                    f"lowerdir=/,upperdir={self.upper},workdir={self.folder}/work", self.root])
+                    f"lowerdir={mask}:/,upperdir={self.upper},workdir={self.folder}/work", self.root])
         for name in ("proc", "dev"):
             netlab.run(["mount", "--rbind", "/" + name, self.path("/" + name)])
         for name in ("run", "tmp"):

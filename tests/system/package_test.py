@@ -192,8 +192,8 @@ class Installed(PackageCase):
         with open(f"/proc/{self.pid()}/status") as file:
             status = dict(line.rstrip("\n").split(":\t", 1) for line in file)
         self.assertNotIn("0", status["Uid"].split())
-        for kind in ("CapEff", "CapPrm", "CapBnd", "CapAmb"):
-            self.assertEqual(0x3000, int(status[kind], 16), kind)
+        for kind, kept in (("CapEff", 0x3000), ("CapPrm", 0x3000), ("CapBnd", 0x3000), ("CapAmb", 0), ("CapInh", 0)):
+            self.assertEqual(kept, int(status[kind], 16), kind)
         self.assertEqual("1", status["NoNewPrivs"])
 
         # what is to survive a boot is not below /run
