@@ -21,7 +21,12 @@
 namespace host {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define CONFINE_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(CONFINE_SANITIZED)
 constexpr bool IS_SANITIZED = true;
 #else
 constexpr bool IS_SANITIZED = false;

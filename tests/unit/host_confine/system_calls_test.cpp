@@ -33,7 +33,12 @@ protected:
     SystemCallsDeathTest() { GTEST_FLAG_SET(death_test_style, "fast"); }
 };
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define CONFINE_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(CONFINE_SANITIZED)
 #define SKIP_WIDER_LIST() GTEST_SKIP() << "the sanitizers' run time makes these calls itself"
 #else
 #define SKIP_WIDER_LIST() (void)0
