@@ -341,7 +341,9 @@ class Storm:
                 "changes answered with success": self.answered, "refused": self.refused, "open at a kill": self.open,
                 "messages on the route bus": self.messages, "changes of a cable": self.flaps,
                 "kernel compared (pbrctl check)": self.checks,
-                "start until it serves: median, most": f"{starts[len(starts) // 2] * 1000:.0f} ms, {starts[-1] * 1000:.0f} ms"}
+                "start until it serves: median, 99 of 100, most":
+                    ", ".join(f"{starts[len(starts) * share // 1000] * 1000:.0f} ms" for share in (500, 990, 999)),
+                "starts of more than 1 s": f"{sum(start > 1 for start in starts)} of {len(starts)}"}
 
     def close(self):
         self.daemon.close()
