@@ -64,7 +64,7 @@ NetlinkAttrs::NetlinkAttrs(const nlmsghdr *pMessage, size_t headerBytes) {
         return;
     }
     const void *pFirst = mnl_nlmsg_get_payload_offset(pMessage, headerBytes);
-    takeAll(pFirst, static_cast<const uint8_t *>(mnl_nlmsg_get_payload_tail(pMessage)));
+    takeAll(pFirst, reinterpret_cast<const uint8_t *>(pMessage) + pMessage->nlmsg_len); // libmnl's tail is rounded up
 }
 
 NetlinkAttrs::NetlinkAttrs(const nlattr *pNest) {

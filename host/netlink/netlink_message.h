@@ -89,6 +89,13 @@ private:
     std::array<const nlattr *, MAX_TYPE + 1> attrs_{};
 };
 
+// Whether `left` bytes begin with a whole message. libmnl's own test takes a length from 2 GiB on for a negative
+// one, which fits everywhere.
+inline bool netlinkIsWhole(const nlmsghdr *pMessage, int left) {
+    return left >= static_cast<int>(sizeof(nlmsghdr)) && pMessage->nlmsg_len >= sizeof(nlmsghdr) &&
+           pMessage->nlmsg_len <= static_cast<uint32_t>(left);
+}
+
 // The fixed header behind nlmsghdr, or null when the message is too short to hold it.
 template <class T> const T *netlinkHeader(const nlmsghdr *pMessage) {
     return mnl_nlmsg_get_payload_len(pMessage) < sizeof(T)

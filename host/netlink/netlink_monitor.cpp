@@ -107,7 +107,7 @@ void NetlinkMonitor::read() {
         }
         int left = static_cast<int>(len);
         for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(buffer_.data());
-             mnl_nlmsg_ok(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
+             netlinkIsWhole(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
             message_(pMessage);
         }
     }

@@ -39,7 +39,7 @@ size_t acksAsked(const void *pMessages, size_t len) {
     size_t count = 0;
     int left = static_cast<int>(len);
     const nlmsghdr *pMessage = static_cast<const nlmsghdr *>(pMessages);
-    while (mnl_nlmsg_ok(pMessage, left)) {
+    while (netlinkIsWhole(pMessage, left)) {
         count += (pMessage->nlmsg_flags & NLM_F_ACK) != 0 ? 1 : 0;
         pMessage = mnl_nlmsg_next(pMessage, &left);
     }
@@ -67,7 +67,7 @@ NetlinkError netlinkErrorOf(const nlmsghdr *pMessage) {
     if (pErr->error == 0) {
         return error;
     }
-    error.code = -pErr->error;
+    error.code = pErr->error < 0 && pErr->error != INT32_MIN ? -pErr->error : EBADMSG; // others are no errno
     error.seq = pErr->msg.nlmsg_seq;
     error.text = std::strerror(error.code);
     const bool echoed = (pMessage->nlmsg_flags & NLM_F_CAPPED) == 0 && pErr->msg.nlmsg_len >= MNL_NLMSG_HDRLEN;
@@ -189,7 +189,7 @@ NetlinkError NetlinkSocket::request(NetlinkMessage &message, const Handler &repl
         }
         int left = static_cast<int>(len);
         for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(buffer_.data());
-             mnl_nlmsg_ok(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
+             netlinkIsWhole(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
             if (pMessage->nlmsg_seq != seq) {
                 continue;
             }
@@ -215,7 +215,7 @@ NetlinkSocket::Attempt NetlinkSocket::dumpOnce(NetlinkMessage &message) {
         attempt.error = receive(true, &len);
         int left = attempt.error ? 0 : static_cast<int>(len);
         for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(buffer_.data());
-             mnl_nlmsg_ok(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
+             netlinkIsWhole(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
             if (pMessage->nlmsg_seq != seq_) {
                 continue;
             }
@@ -259,7 +259,7 @@ NetlinkDumpResult NetlinkSocket::dump(NetlinkMessage &message, const Handler &re
     }
     int left = static_cast<int>(attempt.messages.size());
     for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(attempt.messages.data());
-         mnl_nlmsg_ok(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
+         netlinkIsWhole(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
         reply(pMessage);
     }
     return result;
@@ -295,7 +295,7 @@ NetlinkBatchResult NetlinkSocket::batch(const void *pMessages, size_t len, const
         }
         int left = static_cast<int>(got);
         for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(buffer_.data());
-             mnl_nlmsg_ok(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
+             netlinkIsWhole(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
             if (pMessage->nlmsg_type != NLMSG_ERROR) {
                 if (reply && pMessage->nlmsg_type >= NLMSG_MIN_TYPE) {
                     reply(pMessage);

@@ -192,6 +192,37 @@ TEST(Netlink, AttributesAreReadWithinTheirBounds) {
     EXPECT_FALSE(attrs.has(60000));
 }
 
+TEST(Netlink, AnErrorThatIsNoErrnoIsStillAnError) {
+    for (const int told : {INT32_MIN, 16, INT32_MAX}) {
+        NetlinkMessage message(NLMSG_ERROR, 0);
+        nlmsgerr header = {};
+        header.error = told;
+        message.header(header);
+        EXPECT_EQ(host::netlinkErrorOf(message.get()).code, EBADMSG) << told;
+    }
+}
+
+TEST(Netlink, AttributesEndWhereTheMessageEnds) {
+    NetlinkMessage message(RTM_NEWROUTE, 0);
+    message.header(uint32_t{0}).put(5, nullptr, 0);
+    nlmsghdr *pMessage = message.get();
+    EXPECT_TRUE(NetlinkAttrs(pMessage, sizeof(uint32_t)).has(5));
+    pMessage->nlmsg_len -= 2; // the attribute's head is cut in its middle
+    EXPECT_FALSE(NetlinkAttrs(pMessage, sizeof(uint32_t)).has(5));
+}
+
+TEST(Netlink, AMessageIsWholeWhenItsLengthIsThere) {
+    nlmsghdr header = {};
+    for (const uint32_t length : {0u, 15u, 17u, 0x80000010u, 0xFFFFFFFFu}) {
+        header.nlmsg_len = length;
+        EXPECT_FALSE(host::netlinkIsWhole(&header, sizeof(header))) << length;
+    }
+    header.nlmsg_len = sizeof(header);
+    EXPECT_TRUE(host::netlinkIsWhole(&header, sizeof(header)));
+    EXPECT_FALSE(host::netlinkIsWhole(&header, sizeof(header) - 1));
+    EXPECT_FALSE(host::netlinkIsWhole(&header, -1));
+}
+
 TEST(Netlink, BrokenAttributesEndTheReading) {
     for (uint16_t len : {0, 3, 200}) {
         NetlinkMessage message(RTM_NEWROUTE, 0);
