@@ -187,31 +187,40 @@ void ruleUdataSet(nftnl_rule *pRule, const NftRule &rule) {
                         nftnl_udata_buf_len(buffer.get()));
 }
 
-int fingerprintTake(const nftnl_udata *pAttr, void *pData) {
-    uint64_t *pFingerprint = static_cast<uint64_t *>(pData);
-    if (nftnl_udata_type(pAttr) == UDATA_FINGERPRINT && nftnl_udata_len(pAttr) == sizeof *pFingerprint) {
-        memcpy(pFingerprint, nftnl_udata_get(pAttr), sizeof *pFingerprint);
+// The first value of a kind in an object's user data: kind, length, bytes, one behind the other. Whoever made
+// the object wrote the lengths, the kernel looks at none of it, and libnftnl's own reader believes them; here
+// what does not fit ends the reading. Empty: there is none.
+std::string udataValue(const void *pData, uint32_t len, uint8_t kind) {
+    const auto *pAt = static_cast<const uint8_t *>(pData);
+    for (uint32_t left = pAt == nullptr ? 0 : len; left >= 2 && pAt[1] <= left - 2u;) {
+        if (pAt[0] == kind) {
+            return {reinterpret_cast<const char *>(pAt) + 2, pAt[1]};
+        }
+        left -= 2u + pAt[1];
+        pAt += 2u + pAt[1];
     }
-    return 0;
+    return {};
 }
 
-uint64_t fingerprintOf(const nftnl_rule *pRule) {
+std::string ruleUdata(const nftnl_rule *pRule, uint8_t kind) {
     uint32_t len = 0;
-    uint64_t fingerprint = 0;
     const void *pData = nftnl_rule_get_data(pRule, NFTNL_RULE_USERDATA, &len);
-    if (pData != nullptr) {
-        (void)nftnl_udata_parse(pData, len, fingerprintTake, &fingerprint); // malformed: not our rule
+    return udataValue(pData, len, kind);
+}
+
+// Up to its terminator.
+std::string textOf(const std::string &value) { return value.substr(0, value.find('\0')); }
+
+uint64_t fingerprintOf(const nftnl_rule *pRule) {
+    const std::string value = ruleUdata(pRule, UDATA_FINGERPRINT);
+    uint64_t fingerprint = 0;
+    if (value.size() == sizeof fingerprint) { // else it is not our rule
+        memcpy(&fingerprint, value.data(), sizeof fingerprint);
     }
     return fingerprint;
 }
 
-int commentTake(const nftnl_udata *pAttr, void *pData) {
-    const auto *pText = static_cast<const char *>(nftnl_udata_get(pAttr));
-    if (nftnl_udata_type(pAttr) == NFTNL_UDATA_TABLE_COMMENT) {
-        static_cast<std::string *>(pData)->assign(pText, strnlen(pText, nftnl_udata_len(pAttr)));
-    }
-    return 0;
-}
+std::string commentOf(const nftnl_rule *pRule) { return textOf(ruleUdata(pRule, NFTNL_UDATA_RULE_COMMENT)); }
 
 // ---- dumps ----
 
@@ -227,6 +236,9 @@ NetlinkMessage request(uint16_t message, const char *pTable, uint16_t tableAttr)
     return built;
 }
 
+// A name that the kernel told; empty: it told none.
+std::string nameOf(const char *pName) { return pName == nullptr ? "" : pName; }
+
 bool isOurs(const char *pTable) { return pTable != nullptr && strcmp(pTable, KERNEL_TABLE) == 0; }
 
 void tableTake(const nlmsghdr *pMessage, NftImage *pImage) {
@@ -237,11 +249,8 @@ void tableTake(const nlmsghdr *pMessage, NftImage *pImage) {
         return;
     }
     uint32_t len = 0;
-    std::string comment;
     const void *pData = nftnl_table_get_data(table.get(), NFTNL_TABLE_USERDATA, &len);
-    if (pData != nullptr) {
-        (void)nftnl_udata_parse(pData, len, commentTake, &comment); // malformed: not ours
-    }
+    const std::string comment = textOf(udataValue(pData, len, NFTNL_UDATA_TABLE_COMMENT));
     pImage->foreign = comment.rfind(NFT_OWNER, 0) != 0;
     pImage->stale = !pImage->foreign && comment != std::string(NFT_OWNER) + NFT_LAYOUT;
     pImage->table = !pImage->foreign && !pImage->stale;
@@ -262,7 +271,7 @@ void chainTake(const nlmsghdr *pMessage, NftImage *pImage) {
         !isOurs(nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TABLE))) {
         return;
     }
-    const std::string name = nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_NAME);
+    const std::string name = nameOf(nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_NAME));
     pImage->chains[name];
     if (name == KERNEL_BASE_CHAIN && !isBaseAsMeant(chain.get())) {
         pImage->stale = true;
@@ -272,7 +281,7 @@ void chainTake(const nlmsghdr *pMessage, NftImage *pImage) {
 void setTake(const nlmsghdr *pMessage, NftImage *pImage) {
     Set set(nftnl_set_alloc());
     if (nftnl_set_nlmsg_parse(pMessage, set.get()) == 0 && isOurs(nftnl_set_get_str(set.get(), NFTNL_SET_TABLE))) {
-        pImage->sets.insert(nftnl_set_get_str(set.get(), NFTNL_SET_NAME));
+        pImage->sets.insert(nameOf(nftnl_set_get_str(set.get(), NFTNL_SET_NAME)));
     }
 }
 
@@ -287,7 +296,7 @@ NetlinkError rulesVisit(NetlinkSocket &socket, const RuleVisitor &visit, const s
         Rule rule(nftnl_rule_alloc());
         if (nftnl_rule_nlmsg_parse(pMessage, rule.get()) == 0 &&
             isOurs(nftnl_rule_get_str(rule.get(), NFTNL_RULE_TABLE))) {
-            visit(nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN), rule.get());
+            visit(nameOf(nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN)), rule.get());
         }
     }).error;
 }
@@ -316,24 +325,6 @@ NetlinkError elementsRead(NetlinkSocket &socket, const std::string &name, NftIma
             nftnl_set_elem_foreach(set.get(), elementTake, &context);
         }
     }).error;
-}
-
-int ruleCommentTake(const nftnl_udata *pAttr, void *pData) {
-    const auto *pText = static_cast<const char *>(nftnl_udata_get(pAttr));
-    if (nftnl_udata_type(pAttr) == NFTNL_UDATA_RULE_COMMENT) {
-        static_cast<std::string *>(pData)->assign(pText, strnlen(pText, nftnl_udata_len(pAttr)));
-    }
-    return 0;
-}
-
-std::string commentOf(const nftnl_rule *pRule) {
-    uint32_t len = 0;
-    std::string comment;
-    const void *pData = nftnl_rule_get_data(pRule, NFTNL_RULE_USERDATA, &len);
-    if (pData != nullptr) {
-        (void)nftnl_udata_parse(pData, len, ruleCommentTake, &comment); // malformed: not our rule
-    }
-    return comment;
 }
 
 NftCount countOf(nftnl_rule *pRule) {
