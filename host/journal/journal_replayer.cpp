@@ -137,6 +137,15 @@ void Replayer::aclsUnmake() {
     }
 }
 
+// Whether the value is of the kind that the handler reads: it would take a number for an address. In a file
+// that somebody changed it may be another.
+bool isKindFitting(uint32_t commandId, const PolicySet &set) {
+    constexpr uint32_t BYTE_FIELDS = 32; // fields that a shape's mask can name
+    const bool isByteField = commandId < gIcmCommandShapeCount && set.field < BYTE_FIELDS &&
+                             (gIcmCommandShapes[commandId].byteFields >> set.field & 1) != 0;
+    return isByteField == set.value.isBytes;
+}
+
 uint32_t Replayer::call(const PolicySet &set) const {
     static constexpr uint32_t COMMANDS[] = {PBR_CMD_SCALAR_SET, PBR_CMD_LIST_SET, PBR_CMD_NODE_SET, PBR_CMD_NEXT_HOP_SET,
                                             PBR_CMD_IF_SET}; // in the order of PolicyTable
@@ -144,6 +153,9 @@ uint32_t Replayer::call(const PolicySet &set) const {
     const IcmCommand *pFound = std::find_if(pCommands_, pCommands_ + count_, [id](const IcmCommand &each) { return each.id == id; });
     if (pFound == pCommands_ + count_ || pFound->handler == nullptr) {
         return QRV_FAIL;
+    }
+    if (!isKindFitting(id, set)) {
+        return QRV_ERR_BAD_ARGUMENT;
     }
     PbrListKey listKey{};
     PbrNodeKey nodeKey{};

@@ -237,6 +237,24 @@ TEST_F(Journals, WhatAServiceCouldNotKeepIsKeptWithTheNextChange) {
     EXPECT_EQ((std::map<std::string, std::string>{{"1001", "{}"}}), host::journalTexts("acl"));
 }
 
+TEST_F(Journals, AValueOfAnotherKindThanItsFieldsIsNotBroughtBack) {
+    (void)ifSet(PBR_IF_CREATE);
+    (void)bindSet("wan");
+    host::journalClose();
+    { // as in a file that was changed by hand
+        host::JournalFile file;
+        host::PolicyState state;
+        std::vector<std::string> findings;
+        ASSERT_EQ("", file.open(root + "/var/lib/policyroute/journal.db", &state, &findings));
+        const host::PolicyRow row{host::PolicyTable::Interface, "", 0, 0, UNIT};
+        ASSERT_EQ("", file.append({row, PBR_IF_PBR_NAME, {false, 4096, ""}}));      // a number for a name
+        ASSERT_EQ("", file.append({{host::PolicyTable::List, "b", 0, 0, 0}, 7, {true, 0, "xyz"}})); // and the other way
+        ASSERT_EQ("", file.append({{host::PolicyTable::Node, "b", 5, 0, 0}, 4, {true, 0, "xyz"}}));
+    }
+
+    EXPECT_EQ((std::vector<std::string>{"list b 1=2", "node 5 1=2", "interface 2147483632 1=1"}), restart());
+}
+
 TEST_F(Journals, ALongLogIsFolded) {
     for (int i = 0; i < 5000; ++i) {
         (void)listSet("l" + std::to_string(i % 7), i % 2 == 0 ? PBR_ROW_CREATED : PBR_ROW_ACTIVE);
