@@ -258,6 +258,7 @@ NetlinkDumpResult NetlinkSocket::dump(NetlinkMessage &message, const Handler &re
         return result;
     }
     int left = static_cast<int>(attempt.messages.size());
+    attempt.messages.push_back(0); // libnftnl copies a text up to its terminator, whether the kernel sent one or not
     for (const nlmsghdr *pMessage = reinterpret_cast<const nlmsghdr *>(attempt.messages.data());
          netlinkIsWhole(pMessage, left); pMessage = mnl_nlmsg_next(pMessage, &left)) {
         reply(pMessage);
