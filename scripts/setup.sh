@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  g++ cmake ninja-build pkg-config ccache git python3
+  g++ clang libclang-rt-14-dev cmake ninja-build pkg-config ccache git python3
   g++-mips-linux-gnu qemu-user-static
   libmnl-dev libnftnl-dev libseccomp-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr

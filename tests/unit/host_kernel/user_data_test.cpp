@@ -1,5 +1,7 @@
 // User data that others put into our table: the kernel takes any bytes, their lengths are not to be believed.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
