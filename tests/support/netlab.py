@@ -343,10 +343,13 @@ class Daemon:
         self.process = subprocess.Popen(words, stderr=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True)
         self.errors = []
         serving = threading.Event()
-        threading.Thread(target=self._read, args=(self.process, serving), daemon=True).start()
+        reader = threading.Thread(target=self._read, args=(self.process, serving), daemon=True)
+        reader.start()
         begin = time.monotonic()
         while not serving.wait(0.02):
             if self.process.poll() is not None or time.monotonic() - begin > wait:
+                if self.process.poll() is not None:
+                    reader.join(5)  # what it said before it ended
                 raise Refused("policyrouted did not start: " + "".join(self.errors[-5:]))
         return self
 

@@ -4,7 +4,9 @@ import contextlib
 import json
 import os
 import pwd
+import select
 import shutil
+import signal
 import socket
 import stat
 import struct
@@ -249,6 +251,34 @@ class InTheWay(unittest.TestCase):
             os.chmod(path, 0o666)
 
         self.refused(lock, file_of_another, f"belongs to user {OTHER}")
+
+    def test_somebody_who_swaps_files_while_the_daemon_starts_has_nothing_changed(self):
+        os.chmod(self.folder, 0o777)  # not even sticky: he may replace what the daemon makes
+        precious, path, other = self.root + "/precious", self.folder + "/policyroutemgmt.socket", self.folder + "/other"
+        with open(precious, "w") as file:
+            file.write("precious")
+        os.chmod(precious, 0o640)
+        before = os.stat(precious)
+        child = os.fork()
+        if child == 0:  # waits for a socket, and puts a link in its place at once
+            while True:
+                os.symlink(precious, other)
+                while True:
+                    with contextlib.suppress(OSError):
+                        if stat.S_ISSOCK(os.lstat(path).st_mode):
+                            break
+                with contextlib.suppress(OSError):
+                    os.rename(other, path)
+                    select.select([], [], [], 0.03)  # long enough to be followed
+                    os.unlink(path)
+        try:
+            results = {self.start().split(":")[0] for _ in range(25)}  # started or refused, as it comes
+        finally:
+            os.kill(child, signal.SIGKILL)
+            os.waitpid(child, 0)
+        after = os.stat(precious)
+        self.assertEqual((before.st_mode, before.st_uid, before.st_gid, before.st_ctime_ns),
+                         (after.st_mode, after.st_uid, after.st_gid, after.st_ctime_ns), results)
 
     def test_a_stale_socket_of_ours_is_replaced_and_nothing_stays_beside(self):
         daemon = netlab.Daemon(ns=None, device="memory", root=self.root).start()
