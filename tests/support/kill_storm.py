@@ -342,7 +342,7 @@ class Storm:
                 "messages on the route bus": self.messages, "changes of a cable": self.flaps,
                 "kernel compared (pbrctl check)": self.checks,
                 "start until it serves: median, 99 of 100, most":
-                    ", ".join(f"{starts[len(starts) * share // 1000] * 1000:.0f} ms" for share in (500, 990, 999)),
+                    ", ".join(f"{starts[int(len(starts) * share / 1000)] * 1000:.0f} ms" for share in (500, 990, 999.999)),
                 "starts of more than 1 s": f"{sum(start > 1 for start in starts)} of {len(starts)}"}
 
     def close(self):
