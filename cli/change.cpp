@@ -10,6 +10,7 @@
 #include "cli/errors.h"
 #include "cli/numbers.h"
 #include "cli/operate.h"
+#include "cli/plane_hold.h"
 #include "cli/running.h"
 #include "cli/vrf_names.h"
 #include "core/pbr_types.h"
@@ -229,20 +230,24 @@ void installedCheck(Daemon &daemon, uint32_t unit, const std::string &interface)
     }
 }
 
-// What the device says of the nodes of an ACL that it does not take: "node wan/10: ...". The daemon looks at its
-// policy at the end of each command, so one is sent first.
-std::set<std::string> aclRefusals(Daemon &daemon, uint32_t acl) {
-    client::ScalarRow scalars;
-    must(client::scalarsRead(daemon.command(), scalars), "read the scalars");
-    std::set<std::string> refusals;
+// The bound lists with a node that uses the ACL.
+std::set<std::string> listsOfAcl(Daemon &daemon, uint32_t acl) {
+    std::set<std::string> lists;
     const auto device = daemon.mgmtIfThere("device.show");
     for (const auto &entry : device ? device->value("entries", nlohmann::json::array()) : nlohmann::json::array()) {
-        const std::string error = entry.value("error", "");
-        if (entry.value("acl", 0U) == acl && !error.empty()) {
-            refusals.insert(place(entry.value("list", ""), entry.value("node", 0U)) + ": " + error);
+        if (entry.value("acl", 0U) == acl) {
+            lists.insert(entry.value("list", ""));
         }
     }
-    return refusals;
+    return lists;
+}
+
+std::string refusalText(const std::vector<PlaneError> &errors) {
+    std::string text;
+    for (const auto &[list, node, error] : errors) {
+        text += (text.empty() ? "" : "; ") + (list.empty() ? error : place(list, node) + ": " + error);
+    }
+    return text;
 }
 
 // The rule as it is; none when there is none.
@@ -289,15 +294,15 @@ void changeAclDestroy(Daemon &daemon, uint32_t acl) {
     aclRemove(daemon, acl);
 }
 
+// The lists that use the ACL are held meanwhile: their packets see the rule only when the plane takes it.
 void changeAclAdd(Daemon &daemon, uint32_t acl, uint32_t rule, const std::vector<std::string> &words) {
     bool wasAclThere = false;
     const auto before = ruleText(daemon, acl, rule, wasAclThere);
-    const std::set<std::string> known = aclRefusals(daemon, acl);
+    PlaneHold plane(daemon);
+    plane.hold(listsOfAcl(daemon, acl));
     (void)daemon.mgmt("acl.set", {{"acl", acl}, {"rule", rule}, {"text", joined(words, " ")}});
-    std::string refused;
-    for (const std::string &each : aclRefusals(daemon, acl)) {
-        refused += known.count(each) == 0 ? (refused.empty() ? "" : "; ") + each : "";
-    }
+    std::vector<PlaneError> refused = plane.trial();
+    refused = refused.empty() ? plane.release() : refused;
     if (refused.empty()) {
         return;
     }
@@ -309,7 +314,8 @@ void changeAclAdd(Daemon &daemon, uint32_t acl, uint32_t rule, const std::vector
     if (!wasAclThere) {
         (void)daemon.mgmt("acl.destroy", {{"acl", acl}});
     }
-    throw Refused("the forwarding plane does not take it: " + refused + ". Nothing was changed");
+    (void)plane.release();
+    throw Refused("the forwarding plane does not take it: " + refusalText(refused) + ". Nothing was changed");
 }
 
 void changeAclDel(Daemon &daemon, uint32_t acl, uint32_t rule) {

@@ -4,11 +4,11 @@
 #include <chrono>
 #include <set>
 #include <thread>
-#include <tuple>
 
 #include "cli/check.h"
 #include "cli/errors.h"
 #include "cli/operate.h"
+#include "cli/plane_hold.h"
 
 namespace cli {
 
@@ -32,28 +32,9 @@ std::string joined(const std::vector<std::string> &lines, const char *pIndent) {
     return text;
 }
 
-// An entry that the plane cannot do: list, node, why.
-using PlaneError = std::tuple<std::string, uint32_t, std::string>;
-
 std::string textOf(const json &row, const char *pName) {
     const auto found = row.find(pName);
     return found != row.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
-std::set<PlaneError> planeErrorsOf(const json &rows) {
-    std::set<PlaneError> errors;
-    for (const json &row : rows) {
-        const std::string error = textOf(row, "error");
-        if (!error.empty()) {
-            errors.insert({textOf(row, "list"), row.value("node", 0u), error});
-        }
-    }
-    return errors;
-}
-
-std::set<PlaneError> planeErrorsNow(Daemon &daemon) {
-    const auto shown = daemon.mgmtIfThere("device.show");
-    return shown && shown->contains("entries") ? planeErrorsOf((*shown)["entries"]) : std::set<PlaneError>();
 }
 
 // One run of a plan.
@@ -64,39 +45,9 @@ struct Transaction {
     const Where &where;
     const Stop &stop;
     std::ostream &err;
-    std::set<PlaneError> knownErrors; // of the plane, from before
-    bool isHeld = false;
+    PlaneHold plane;
     std::string stopped = {};         // what asked to stop
 };
-
-// Without the operation each step acts when it is done.
-void hold(Transaction &of) {
-    if (of.plan.held.empty()) {
-        return;
-    }
-    try {
-        (void)of.daemon.mgmt("device.hold", {{"lists", of.plan.held}});
-        of.isHeld = true;
-    } catch (const NotOffered &) {
-        of.isHeld = false;
-    }
-}
-
-// Lets the plane go on. Result: what it cannot do and could before.
-std::vector<PlaneError> release(Transaction &of) {
-    std::vector<PlaneError> fresh;
-    if (!of.isHeld) {
-        return fresh;
-    }
-    of.isHeld = false;
-    const json answer = of.daemon.mgmt("device.release");
-    for (const PlaneError &error : planeErrorsOf(answer.value("errors", json::array()))) {
-        if (of.knownErrors.count(error) == 0) {
-            fresh.push_back(error);
-        }
-    }
-    return fresh;
-}
 
 // Passing, or failing although it was really asked: a probe through a next hop that is not resolved yet fails
 // without a question.
@@ -110,7 +61,7 @@ bool hasResult(const json &row) {
 // their next hop because its probe is new.
 void probesAwait(Transaction &of) {
     const auto end = Clock::now() + PROBES_WAIT;
-    bool isComplete = of.plan.newProbes.empty() || !of.isHeld;
+    bool isComplete = of.plan.newProbes.empty() || !of.plane.isHeld();
     while (!isComplete) {
         const auto answer = of.daemon.mgmtIfThere("probes");
         isComplete = true;
@@ -148,9 +99,9 @@ std::vector<std::string> differencesNow(Transaction &of, bool mend, std::vector<
 std::string undo(Transaction &of, size_t count) {
     std::vector<std::string> failures;
     try {
-        hold(of);
+        of.plane.hold(of.plan.held);
     } catch (const Refused &) {
-        of.isHeld = false; // then it is undone step by step
+        of.plane.lost(); // then it is undone step by step
     }
     for (size_t i = count; i > 0; i--) {
         const Step step = stepUndo(of.plan.steps[i - 1]);
@@ -166,7 +117,7 @@ std::string undo(Transaction &of, size_t count) {
         left = differencesNow(of, false, failures);
     }
     try {
-        (void)release(of); // as before, with what could not be done before
+        (void)of.plane.release(); // as before, with what could not be done before
     } catch (const Refused &refusal) {
         of.err << "warning: " << refusal.what() << "\n";
     }
@@ -192,7 +143,7 @@ std::string undo(Transaction &of, size_t count) {
 // The daemon, or the connection to it, is gone: a daemon that serves again is brought back to what was.
 [[noreturn]] void lose(Transaction &of, const std::string &what, const std::string &why, size_t doneCount) {
     of.daemon.disconnect();
-    of.isHeld = false;
+    of.plane.lost();
     std::string undone;
     try {
         undone = undo(of, doneCount);
@@ -253,7 +204,7 @@ void settle(Transaction &of) {
                       "'live' when it has this one\n";
         }
     } catch (const Refused &refusal) {
-        if (of.knownErrors.empty() && !of.plan.steps.empty()) {
+        if (of.plane.known().empty() && !of.plan.steps.empty()) {
             refuse(of, std::string("the forwarding plane refuses it:\n") + refusal.what(), of.plan.steps.size());
         }
         throw Refused(std::string("the policy is applied, but the device is not right, as before: ") + refusal.what() +
@@ -268,7 +219,8 @@ void planeTake(Transaction &of) {
         stopCheck(of, "the forwarding plane took it over", of.plan.steps.size());
     }
     try {
-        errors = release(of);
+        errors = of.plane.trial();
+        errors = errors.empty() ? of.plane.release() : errors; // refused on trial: the plane still has the old
     } catch (const Refused &refusal) {
         // It held no longer: the steps have acted already.
         of.err << "warning: " << refusal.what() << "\n";
@@ -283,10 +235,10 @@ void planeTake(Transaction &of) {
 
 void planDo(Daemon &daemon, const Policy &before, const Plan &plan, const Where &where, const Stop &stop,
             std::ostream &err) {
-    Transaction of{daemon, before, plan, where, stop, err, planeErrorsNow(daemon)};
+    Transaction of{daemon, before, plan, where, stop, err, PlaneHold(daemon)};
     if (!plan.steps.empty()) {
         try {
-            hold(of);
+            of.plane.hold(plan.held);
         } catch (const Refused &refusal) {
             throw Refused(std::string(refusal.what()) + "\nNothing was changed.");
         }

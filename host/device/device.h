@@ -119,6 +119,9 @@ public:
     };
     virtual std::vector<EntryError> release() { return {}; }
 
+    // What release would answer, as far as it can be told without the plane itself. Event thread.
+    virtual std::vector<EntryError> trial() { return {}; }
+
     // Removes everything of ours from the plane. Event thread. Result: empty, or why not.
     virtual std::string flush() = 0;
 

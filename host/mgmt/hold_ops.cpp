@@ -101,11 +101,21 @@ json errorsShow(const std::vector<Device::EntryError> &errors) {
     return shown;
 }
 
-void opRelease(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
-    mgmtArgsOnly(request, {});
+void holderMust(const MgmtClientPtr &client) {
     if (!hold().isHeld || hold().owner != client) {
         throw std::runtime_error("nothing is held by this connection");
     }
+}
+
+void opTrial(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
+    mgmtArgsOnly(request, {});
+    holderMust(client);
+    done({{"ok", true}, {"errors", errorsShow(hostDevice().trial())}});
+}
+
+void opRelease(const json &request, const MgmtClientPtr &client, const MgmtDone &done) {
+    mgmtArgsOnly(request, {});
+    holderMust(client);
     settleWait(hostEventLoop(), nextHopsKnown, [client, done](bool determined) {
         if (!hold().isHeld || hold().owner != client) {
             done({{"ok", false}, {"error", "the change took too long: it was taken over unfinished"}});
@@ -127,6 +137,7 @@ void holdGuardSet(bool isGuarded) {
 
 void holdOpsRegister() {
     mgmtRegisterForClient("device.hold", true, opHold);
+    mgmtRegisterForClient("device.trial", true, opTrial);
     mgmtRegisterForClient("device.release", true, opRelease);
 }
 

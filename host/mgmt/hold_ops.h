@@ -1,5 +1,5 @@
-// The operations "device.hold" and "device.release": a change of several steps that the forwarding plane
-// takes over in one.
+// The operations "device.hold", "device.trial" and "device.release": a change of several steps that the
+// forwarding plane takes over in one; on trial it tells what it could not do.
 //
 // One client at a time holds; what it holds is released with its connection at the latest, and after
 // HOLD_LONGEST in any case. When a guard is there that undoes what a client leaves half-made, the hold waits

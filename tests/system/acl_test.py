@@ -82,6 +82,8 @@ class Rules(AclCase):
         for family in (4, 6):
             self.all_by("upa", family=family)
         before = self.daemon.ctl("show", "acls").stdout
+        counted = self.daemon.ctl("--json", "show", "policy-counters").stdout
+        streams = [netlab.Stream(self.lab, family) for family in (4, 6)]
         for words, reason in (((1501, 20, "permit", "udp", "fragments"), "node wan/10: ACL 1501 rule 20: fragments are"),
                               ((1501, 10, "permit", "udp", "fragments"), "node wan/10: ACL 1501 rule 10: fragments are"),
                               ((3501, 20, "permit", 51), "node wan/20: ACL 3501 rule 20: protocol 51 is")):
@@ -91,9 +93,31 @@ class Rules(AclCase):
             self.assertIn("Nothing was changed", refused.stderr)
             self.assertEqual(before, self.daemon.ctl("show", "acls").stdout)
         self.assertEqual(0, self.daemon.ctl("check").returncode)
+        self.stay_and_count(streams, counted)
+        self.daemon.ctl("acl", "add", 1502, 10, "permit", "udp", "fragments")  # nobody uses it yet
+
+    def stay_and_count(self, streams, counted):
+        """No packet of the streams was disturbed, and the counters went on from `counted`."""
+        for stream in streams:
+            result = stream.stop()
+            self.assertEqual((0, {"upa": result["sent"]}), (result["lost"], result["uplinks"]))
+        packets = [[row["packets"] for row in json.loads(text)["counters"]] for text in (
+            counted, self.daemon.ctl("--json", "show", "policy-counters").stdout)]
+        self.assertTrue(all(a <= b for a, b in zip(*packets)), packets)
+        self.assertLess(sum(packets[0]) + 100, sum(packets[1]))
+
+    def test_a_refused_file_disturbs_no_packet_and_no_counter(self):
+        self.daemon.apply(self.policy("permit udp to any port 443"))
         for family in (4, 6):
             self.all_by("upa", family=family)
-        self.daemon.ctl("acl", "add", 1502, 10, "permit", "udp", "fragments")  # nobody uses it yet
+        counted = self.daemon.ctl("--json", "show", "policy-counters").stdout
+        streams = [netlab.Stream(self.lab, family) for family in (4, 6)]
+        for _ in range(5):
+            refused = self.daemon.apply(self.policy("permit udp fragments"), check=False)
+            self.assertEqual(1, refused.returncode)
+            self.assertIn("the forwarding plane refuses it:", refused.stderr)
+            self.assertIn("Nothing was changed", refused.stderr)
+        self.stay_and_count(streams, counted)
 
 
 class FragmentCase(AclCase):

@@ -187,14 +187,18 @@ std::vector<std::string> KernelDevice::provisionalMerge(bool all, uint32_t ifUni
     return changed;
 }
 
-void KernelDevice::listsCompile(const std::vector<std::string> &lists) {
+ProgramList KernelDevice::listCompile(const std::string &list) const {
     static const std::map<EntryKey, RedirectEntry> none;
+    const auto it = state_.lists.find(list);
+    return programCompile(list, it == state_.lists.end() ? none : it->second, hooks_.env);
+}
+
+void KernelDevice::listsCompile(const std::vector<std::string> &lists) {
     for (const std::string &list : std::set<std::string>(lists.begin(), lists.end())) {
         if (kept_.count(list) != 0) {
             continue;
         }
-        auto it = state_.lists.find(list);
-        plane_.model().listSet(list, programCompile(list, it == state_.lists.end() ? none : it->second, hooks_.env));
+        plane_.model().listSet(list, listCompile(list));
     }
 }
 
@@ -382,38 +386,6 @@ std::string KernelDevice::settle() {
     allCompile();
     apply();
     return error_.empty() ? firstError() : error_;
-}
-
-void KernelDevice::hold(const std::set<std::string> &lists) {
-    std::lock_guard guard(lock_);
-    kept_.insert(lists.begin(), lists.end());
-}
-
-std::vector<Device::EntryError> KernelDevice::release() {
-    std::lock_guard guard(lock_);
-    const std::set<std::string> lists = std::exchange(kept_, {});
-    plane_.retryRefused();
-    listsCompile({lists.begin(), lists.end()});
-    if (!isFlushed_) {
-        apply();
-    }
-    std::vector<EntryError> errors;
-    if (!error_.empty()) {
-        errors.push_back({"", 0, 0, error_});
-    }
-    for (const std::string &list : lists) {
-        const auto entries = state_.lists.find(list);
-        if (entries == state_.lists.end()) {
-            continue;
-        }
-        for (const auto &[key, entry] : entries->second) {
-            const std::string error = statusOf(list, key).error;
-            if (!error.empty()) {
-                errors.push_back({list, key.second, key.first, error});
-            }
-        }
-    }
-    return errors;
 }
 
 std::string KernelDevice::flush() {

@@ -68,6 +68,7 @@ public:
     std::string settle() override;
     void hold(const std::set<std::string> &lists) override;
     std::vector<EntryError> release() override;
+    std::vector<EntryError> trial() override;
     std::string flush() override;
     void listsChanged(const std::set<std::string> &lists) override;
     void check(std::function<void(nlohmann::json)> done) override;
@@ -95,6 +96,7 @@ private:
     std::vector<std::string> provisionalMerge(bool all, uint32_t ifUnit, uint32_t aclNum);
     std::string entryMerge(const RedirectEntry &entry);
     bool isDone(const RedirectEntry &wanted) const;
+    ProgramList listCompile(const std::string &list) const;
     void listsCompile(const std::vector<std::string> &lists);
     void allCompile();
     void apply();
@@ -106,6 +108,7 @@ private:
     void checksAnswer(const std::vector<DeviceNotice> &storeNotices);
     Surroundings surroundingsBegin() const;
     uint32_t repairsLately() const;
+    std::vector<EntryError> errorsOf(const KernelModel &model, const std::set<std::string> &lists) const;
     KernelEntryStatus statusOf(const std::string &list, const EntryKey &key) const;
     std::string firstError() const;
     std::string linkName(uint32_t unit) const;

@@ -294,6 +294,21 @@ TEST_F(Apply, APlaneThatRefusesAfterItsReleaseHasEverythingUndone) {
     EXPECT_EQ(std::count(log.begin(), log.end(), "device.release {}"), 2);
 }
 
+TEST_F(Apply, WhatThePlaneRefusesOnTrialIsUndoneBeforeItSeesAnything) {
+    ASSERT_EQ(apply(FIRST), cli::EXIT_DONE) << daemon.err;
+    const FakeStore before = daemon.store();
+    daemon.trialAnswers({{{"list", "v6"}, {"node", 5}, {"interface", "lan1"}, {"error", "the kernel has no ECMP"}}});
+    daemon.logClear();
+
+    ASSERT_EQ(apply(SECOND), cli::EXIT_REFUSED);
+
+    EXPECT_TRUE(hasErr("policy.yaml:10: node v6/5: the kernel has no ECMP")) << daemon.err;
+    EXPECT_TRUE(daemon.store() == before);
+    const std::vector<std::string> log = daemon.log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "device.release {}"), 1);
+    EXPECT_EQ(log[log.size() - 2], "device.release {}"); // then the lock goes
+}
+
 TEST_F(Apply, WhatThePlaneCouldNotDoBeforeIsNoReasonToRefuse) {
     daemon.entriesAre({{{"list", "wan"}, {"node", 20}, {"error", "tun0 is gone"}}});
     daemon.releaseAnswers({{{"list", "wan"}, {"node", 20}, {"interface", "lan0"}, {"error", "tun0 is gone"}}});

@@ -339,6 +339,11 @@ void FakeDaemon::checkAnswers(const json &answer) {
     checked = answer;
 }
 
+void FakeDaemon::trialAnswers(const json &errors) {
+    const std::lock_guard guard(lock);
+    trialErrors = errors;
+}
+
 void FakeDaemon::releaseAnswers(const json &errors) {
     const std::lock_guard guard(lock);
     releaseErrors = errors;
@@ -760,6 +765,9 @@ json FakeDaemon::mgmt(const json &request) {
             answer["acls"].push_back({{"acl", acl}, {"users", 0}, {"rules", texts}});
         }
         return answer;
+    }
+    if (op == "device.trial") {
+        return {{"ok", true}, {"errors", std::exchange(trialErrors, json::array())}};
     }
     if (op == "device.hold" || op == "device.release" || op == "apply.lock" || op == "apply.unlock") {
         return around(op, request);

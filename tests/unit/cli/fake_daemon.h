@@ -72,6 +72,7 @@ public:
     void settleAnswers(bool isDetermined, const std::string &error = "");
     void checkAnswers(const nlohmann::json &answer);   // of device.check; its warnings also elsewhere
     void releaseAnswers(const nlohmann::json &errors); // of device.release
+    void trialAnswers(const nlohmann::json &errors);   // of device.trial
     // Somebody else has the lock for so many questions; holder: what for, as the daemon tells.
     void refusePid(uint32_t pid, int times = 1, const std::string &holder = "apply");
     void offerNothing(const std::set<std::string> &ops); // are unknown operations
@@ -107,7 +108,7 @@ private:
     bool determined = true;
     std::string settleError;
     nlohmann::json checked = {{"compared", true}};
-    nlohmann::json releaseErrors = nlohmann::json::array();
+    nlohmann::json releaseErrors = nlohmann::json::array(), trialErrors = nlohmann::json::array();
     uint32_t lockedBy = 0;
     int lockedTimes = 0;
     std::string lockHolder;

@@ -309,10 +309,14 @@ TEST_F(Operations, DeviceSettleAnswersAndLetsOthersWorkMeanwhile) {
 
 TEST_F(Operations, OneClientAtATimeHoldsAndItsEndReleases) {
     const json held = {{"op", "device.hold"}, {"lists", {"wan"}}};
-    EXPECT_EQ(errorOf({{"op", "device.release"}}), "nothing is held by this connection");
+    for (const char *pOp : {"device.release", "device.trial"}) {
+        EXPECT_EQ(errorOf({{"op", pOp}}), "nothing is held by this connection");
+    }
     {
         Client first(socketPath());
         EXPECT_EQ(first.call(held), (json{{"ok", true}}));
+        EXPECT_EQ(first.call({{"op", "device.trial"}}), json::parse(R"({"ok": true, "errors": []})"));
+        EXPECT_EQ(errorOf({{"op", "device.trial"}}), "nothing is held by this connection");
         EXPECT_EQ(first.call({{"op", "device.hold"}, {"lists", {"dmz"}}}), (json{{"ok", true}}));
         EXPECT_EQ(errorOf(held), "another client changes the policy now; try again when it has finished");
         EXPECT_EQ(errorOf({{"op", "device.release"}}), "nothing is held by this connection");

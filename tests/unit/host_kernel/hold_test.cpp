@@ -98,6 +98,45 @@ TEST_F(HoldTest, AnEntryThatCannotBeExpressedIsRefusedAtOnceAndNamedAtTheEnd) {
     EXPECT_TRUE(has(errors[0].error, "priority 9 cannot be set")) << errors[0].error;
 }
 
+TEST_F(HoldTest, OnTrialItTellsWhatItWouldRefuseAndTouchesNothing) {
+    const std::string before = table();
+    device().hold({"wan"});
+    world_.nextHops("wan", "lan0", 20, 1502, {"192.0.2.1"}, 9);
+    world_.acl(1501, {"permit tcp from any to any port 80"});
+    device().aclChanged(1501);
+    store();
+    const std::vector<Device::EntryError> errors = device().trial();
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].nodeIndex, 20u);
+    EXPECT_EQ(table(), before);
+
+    world_.nextHops("wan", "lan0", 20, 1502, {"192.0.2.1"});
+    world_.acl(1501, {"permit tcp from any to any port 443"});
+    device().aclChanged(1501);
+    store();
+    EXPECT_TRUE(device().trial().empty());
+    const uint64_t messages = device().counters().kernelMessages;
+    EXPECT_TRUE(device().release().empty());
+    EXPECT_EQ(device().counters().kernelMessages, messages);
+    EXPECT_TRUE(device().trial().empty()) << "nothing is held";
+}
+
+TEST_F(HoldTest, OnTrialItTellsOfRulesThatReassemblyMakesVain) {
+    world_.options.defrag = true;
+    device_.reset();
+    device();
+    store();
+    quiet();
+    const std::string before = table();
+    device().hold({"wan"});
+    world_.acl(1501, {"permit udp fragments"});
+    device().aclChanged(1501);
+    const std::vector<Device::EntryError> errors = device().trial();
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(has(errors[0].error, "would never match")) << errors[0].error;
+    EXPECT_EQ(table(), before);
+}
+
 TEST_F(HoldTest, ANewListIsInstalledAtTheEnd) {
     device().hold({"lab"});
     world_.acl(5001, {"permit ip"});
