@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <thread>
 
 #include "client/command_frame.h"
@@ -83,11 +82,7 @@ void straight(const std::vector<Bytes> &pieces, host::PeerRight right) {
 
 std::string serverPath() {
     static const std::string path = [] {
-        char folder[] = "/tmp/pbrfuzzXXXXXX";
-        fuzz::require(mkdtemp(folder) != nullptr, "no folder");
-        static std::string root;
-        root = folder;
-        (void)atexit([] { std::filesystem::remove_all(root); });
+        const std::string root = fuzz::folderMake();
         fuzz::require(host::optionLoad({"host.root=" + root, "host.log=stderr"}, "/dev/null").empty(), "options");
         const fake::CommandServer server = fake::commandServers().at(0); // its commands are constant
         fuzz::require(fuzzHostIcmProcTcpInit("server", SOCKET, server.pCommands, server.count) == 0, "no server");

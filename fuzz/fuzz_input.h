@@ -75,6 +75,14 @@ inline void require(bool holds, const std::string &what) {
     }
 }
 
+// A new folder; the runner of the fuzzers (scripts/fuzz.py) takes it away, also after a finding.
+inline std::string folderMake() {
+    const char *pParent = getenv("TMPDIR");
+    std::string path = std::string(pParent != nullptr ? pParent : "/tmp") + "/pbrfuzzXXXXXX";
+    require(mkdtemp(path.data()) != nullptr, "no folder");
+    return path;
+}
+
 } // namespace fuzz
 
 #endif

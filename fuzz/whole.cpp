@@ -4,10 +4,6 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-
 #include "api/pbr_func_map.h"
 #include "api/pbr_keys.h"
 #include "core/pbr_start.h"
@@ -40,10 +36,7 @@ const char *const WHOLE_EMPTY_REQUESTS = "{\"op\": \"probe.replaceAll\", \"probe
 
 const std::string &wholeStart() {
     static const std::string root = [] {
-        static std::string made;
-        made = access("/dev/shm", W_OK) == 0 ? "/dev/shm/pbrfuzzXXXXXX" : "/tmp/pbrfuzzXXXXXX"; // without waiting for a disk
-        require(mkdtemp(made.data()) != nullptr, "no folder");
-        (void)atexit([] { std::filesystem::remove_all(made); });
+        const std::string made = folderMake();
         if (unshare(CLONE_NEWNET) != 0) {
             require(unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0, "no network namespace of its own");
         }
