@@ -13,6 +13,7 @@
 #include <map>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/sil_option.h"
 
@@ -215,10 +216,22 @@ std::string fileLoad(const std::string &file, std::map<std::string, std::string>
     return fileRead(input, name, values);
 }
 
-void foldersMake(const std::string &path) {
+// A link that somebody else put there: nothing is made where it leads.
+bool isLinkOfAnother(const std::string &path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid != 0 &&
+           status.st_uid != geteuid();
+}
+
+// Makes what is missing of the folders of a path, those of `root` without looking whose they are.
+void foldersMake(const std::string &root, const std::string &path) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string folder = path.substr(0, slash);
+        if (slash > root.size() && !root.empty() && isLinkOfAnother(folder)) {
+            return; // whoever opens the file tells it
+        }
         // Failing here shows when the file itself is opened, with a better text.
-        (void)mkdir(path.substr(0, slash).c_str(), 0755);
+        (void)mkdir(folder.c_str(), 0755);
     }
 }
 
@@ -258,7 +271,7 @@ std::string optionPath(const std::string &path) {
         root.pop_back();
     }
     const std::string whole = root + path;
-    foldersMake(whole);
+    foldersMake(root, whole);
     return whole;
 }
 

@@ -243,7 +243,20 @@ class InTheWay(unittest.TestCase):
 
         self.refused(self.folder, folder_of_another, f"is a folder of user {OTHER}", os.rmdir)
         self.refused(self.folder, link_of_another, f"is a symbolic link of user {OTHER}")
+        victim = tempfile.mkdtemp(prefix="pbr-")
+        self.addCleanup(shutil.rmtree, victim)
+
+        def link_to_victim(path):
+            os.symlink(victim, path)
+            os.chown(path, OTHER, OTHER, follow_symlinks=False)
+
+        for folder in ("run", "tmp", "var"):
+            if os.path.isdir(f"{self.root}/{folder}"):
+                shutil.rmtree(f"{self.root}/{folder}")
+            self.refused(f"{self.root}/{folder}", link_to_victim, f"is a symbolic link of user {OTHER}")
+            self.assertEqual([], os.listdir(victim), folder)
         lock = self.root + "/run/policyroute/policyrouted.lock"
+        os.makedirs(os.path.dirname(lock), exist_ok=True)
 
         def file_of_another(path):
             open(path, "w").close()
