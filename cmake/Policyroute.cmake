@@ -18,7 +18,7 @@ endfunction()
 # Header-only libraries for a cross compiler that does not look into /usr/include: a folder of links.
 set(POLICYROUTE_HEADER_ONLY_DIR ${CMAKE_BINARY_DIR}/header-only)
 file(MAKE_DIRECTORY ${POLICYROUTE_HEADER_ONLY_DIR})
-foreach(lib boost nlohmann)
+foreach(lib boost nlohmann CLI)
   if(EXISTS /usr/include/${lib})
     file(CREATE_LINK /usr/include/${lib} ${POLICYROUTE_HEADER_ONLY_DIR}/${lib} SYMBOLIC)
   endif()

@@ -16,8 +16,15 @@
 #include "host/event/event_loop.h"
 #include "host/ifnet/ifnet.h"
 #include "host/logging/host_log.h"
+#include "host/netlink/netlink_monitor.h"
+#include "host/netlink/netlink_socket.h"
 
 namespace host {
+
+struct NqaWays::Kernel {
+    std::unique_ptr<NetlinkSocket> pSocket;
+    std::unique_ptr<NetlinkMonitor> pMonitor;
+};
 
 namespace {
 
@@ -117,27 +124,23 @@ std::string vrfText(uint32_t vrf) {
 
 } // namespace
 
-std::optional<NqaWayKey> nqaWayKey(const NqaQuestion &question) {
-    if (!question.via && question.vrf == 0) {
-        return std::nullopt;
-    }
-    return NqaWayKey{question.target.version, question.vrf, question.via, question.via ? question.interface : ""};
-}
-
 NqaWays::NqaWays(const KernelOptions &options) : options_(options) {}
+
+NqaWays::~NqaWays() = default;
 
 std::string NqaWays::open() {
     try {
-        auto pSocket = std::make_unique<NetlinkSocket>(NETLINK_ROUTE);
-        pMonitor_ = std::make_unique<NetlinkMonitor>(
+        auto pKernel = std::make_unique<Kernel>();
+        pKernel->pSocket = std::make_unique<NetlinkSocket>(NETLINK_ROUTE);
+        pKernel->pMonitor = std::make_unique<NetlinkMonitor>(
             NETLINK_ROUTE, std::vector<uint32_t>{RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE},
             [this](const nlmsghdr *pMessage) { ruleMessage(pMessage); }, [this] { rulesStale_ = repairNeeded_ = true; });
-        pSocket_ = std::move(pSocket);
+        pKernel_ = std::move(pKernel);
     } catch (const std::exception &error) {
         return error.what();
     }
     leftoversRemove();
-    pMonitor_->start(hostEventLoop(), [this] {
+    pKernel_->pMonitor->start(hostEventLoop(), [this] {
         if (std::exchange(repairNeeded_, false)) {
             refresh();
         }
@@ -147,7 +150,7 @@ std::string NqaWays::open() {
 
 void NqaWays::ruleMessage(const nlmsghdr *pMessage) {
     const auto *pHeader = netlinkHeader<fib_rule_hdr>(pMessage);
-    const bool isOwn = pMessage->nlmsg_pid == pSocket_->portId();
+    const bool isOwn = pMessage->nlmsg_pid == pKernel_->pSocket->portId();
     if (isOwn || pHeader == nullptr || (pMessage->nlmsg_type != RTM_NEWRULE && pMessage->nlmsg_type != RTM_DELRULE)) {
         return;
     }
@@ -159,7 +162,7 @@ void NqaWays::ruleMessage(const nlmsghdr *pMessage) {
 void NqaWays::leftoversRemove() {
     for (const int version : {4, 6}) {
         std::vector<LeftRule> left;
-        const NetlinkError error = rulesDump(*pSocket_, version, [](uint32_t) {},
+        const NetlinkError error = rulesDump(*pKernel_->pSocket, version, [](uint32_t) {},
                                              [&](const LeftRule &rule) { left.push_back(rule); });
         if (error) {
             hostLog(LOG_LEVEL_WARNING, "nqa", "rules of an earlier run cannot be read: %s", error.text.c_str());
@@ -167,11 +170,11 @@ void NqaWays::leftoversRemove() {
         for (const LeftRule &rule : left) {
             // Gone already or not permitted: then nothing is lost, the marks have no senders.
             NetlinkMessage message = ruleMessageOf(false, version, rule.way, rule.table);
-            (void)pSocket_->request(message);
+            (void)pKernel_->pSocket->request(message);
         }
-        for (const uint32_t table : routesDump(*pSocket_, version)) {
+        for (const uint32_t table : routesDump(*pKernel_->pSocket, version)) {
             NetlinkMessage message = routeDelMessage(version, table);
-            (void)pSocket_->request(message);
+            (void)pKernel_->pSocket->request(message);
         }
     }
 }
@@ -182,7 +185,7 @@ void NqaWays::rulesRead() {
     }
     taken_.clear();
     for (const int version : {4, 6}) {
-        const NetlinkError error = rulesDump(*pSocket_, version,
+        const NetlinkError error = rulesDump(*pKernel_->pSocket, version,
                                              [&](uint32_t preference) { taken_.insert({version, preference}); },
                                              [](const LeftRule &) {});
         rulesStale_ = rulesStale_ || error;
@@ -196,7 +199,7 @@ void NqaWays::idTake(const NqaWayKey &key, Held &held) {
         const uint32_t preference = options_.rulePreference + id - 1;
         const uint32_t table = options_.tableBase + id;
         if (ids_.count({key.version, id}) != 0 || taken_.count({key.version, preference}) != 0 ||
-            rtTableIsForeign(*pSocket_, key.version, table)) {
+            rtTableIsForeign(*pKernel_->pSocket, key.version, table)) {
             continue;
         }
         ids_.insert({key.version, id});
@@ -256,7 +259,7 @@ NetlinkError NqaWays::routeInstall(const NqaWayKey &key, Held &held) {
         std::memcpy(value.data() + sizeof family, gateway.bytes.data(), bytes);
         message.put(RTA_VIA, value.data(), value.size());
     }
-    NetlinkError error = pSocket_->request(message);
+    NetlinkError error = pKernel_->pSocket->request(message);
     if (isSame && error.code == EEXIST) {
         error = {};
     }
@@ -268,16 +271,16 @@ NetlinkError NqaWays::routeInstall(const NqaWayKey &key, Held &held) {
 NetlinkError NqaWays::rulesInstall(const NqaWayKey &key, const Held &held) {
     const uint32_t table = key.via ? held.way.table : fibTableOfVrf(key.vrf);
     NetlinkMessage lookUp = ruleMessageOf(true, key.version, held.way, table);
-    const NetlinkError error = pSocket_->request(lookUp);
+    const NetlinkError error = pKernel_->pSocket->request(lookUp);
     if (error && error.code != EEXIST) {
         return error;
     }
     if (!error) {
         NetlinkMessage gone = ruleMessageOf(false, key.version, held.way, 0);
-        (void)pSocket_->request(gone); // usually there is none
+        (void)pKernel_->pSocket->request(gone); // usually there is none
     }
     NetlinkMessage refuse = ruleMessageOf(true, key.version, held.way, 0);
-    const NetlinkError second = pSocket_->request(refuse);
+    const NetlinkError second = pKernel_->pSocket->request(refuse);
     return second.code == EEXIST ? NetlinkError() : second;
 }
 
@@ -318,11 +321,11 @@ void NqaWays::remove(const NqaWayKey &key, const Held &held) {
     }
     for (const uint32_t table : {key.via ? held.way.table : fibTableOfVrf(key.vrf), 0u}) {
         NetlinkMessage message = ruleMessageOf(false, key.version, held.way, table);
-        (void)pSocket_->request(message); // somebody may have taken it away
+        (void)pKernel_->pSocket->request(message); // somebody may have taken it away
     }
     if (held.installed) {
         NetlinkMessage message = routeDelMessage(key.version, held.way.table);
-        (void)pSocket_->request(message); // gone with its link, perhaps
+        (void)pKernel_->pSocket->request(message); // gone with its link, perhaps
     }
     ids_.erase({key.version, held.way.id});
 }

@@ -26,11 +26,13 @@
 
 #include "host/device/kernel/kernel_rules.h"
 #include "host/fib/fib.h"
-#include "host/netlink/netlink_monitor.h"
-#include "host/netlink/netlink_socket.h"
 #include "host/nqa/nqa_config.h"
 
+struct nlmsghdr;
+
 namespace host {
+
+struct NetlinkError;
 
 constexpr uint8_t NQA_PROTO = 207; // on the rules and routes of probes
 
@@ -43,7 +45,12 @@ struct NqaWayKey {
 };
 
 // The way that a question needs; none: the main table's, without a mark.
-std::optional<NqaWayKey> nqaWayKey(const NqaQuestion &question);
+inline std::optional<NqaWayKey> nqaWayKey(const NqaQuestion &question) {
+    if (!question.via && question.vrf == 0) {
+        return std::nullopt;
+    }
+    return NqaWayKey{question.target.version, question.vrf, question.via, question.via ? question.interface : ""};
+}
 
 struct NqaWay {
     uint32_t id = 0, mark = 0, mask = 0, preference = 0, table = 0; // id 0: none could be had
@@ -53,10 +60,12 @@ struct NqaWay {
 class NqaWays {
 public:
     explicit NqaWays(const KernelOptions &options);
+    ~NqaWays();
+    NqaWays(const NqaWays &) = delete;
 
     // Opens the sockets, removes what an earlier run left and follows the rules. Result: empty, or why not.
     std::string open();
-    bool isOpen() const { return pSocket_ != nullptr; }
+    bool isOpen() const { return pKernel_ != nullptr; }
 
     // One more user of the way; it is made when needed. get() tells how it is.
     void acquire(const NqaWayKey &key);
@@ -92,8 +101,8 @@ private:
     void ruleMessage(const nlmsghdr *pMessage);
 
     KernelOptions options_;
-    std::unique_ptr<NetlinkSocket> pSocket_;
-    std::unique_ptr<NetlinkMonitor> pMonitor_;
+    struct Kernel; // the sockets to it
+    std::unique_ptr<Kernel> pKernel_;
     std::map<NqaWayKey, Held> held_;
     std::set<std::pair<int, uint32_t>> taken_;    // (version, preference) of rules that are not ours
     std::set<std::pair<int, uint32_t>> ids_;      // (version, id) of held_
