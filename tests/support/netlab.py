@@ -14,6 +14,7 @@ import ctypes
 import json
 import os
 import select
+import shlex
 import shutil
 import signal
 import socket
@@ -28,6 +29,15 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 CLONE_NEWNET = 0x40000000
 _libc = ctypes.CDLL(None, use_errno=True)
 
+def byte_order():
+    """The byte order of the daemon's machine, for `struct`: an emulated one may have another than ours."""
+    if "POLICYROUTE_EMULATOR" not in os.environ:
+        return "="
+    with open(os.path.join(os.environ["POLICYROUTE_BUILD"], "policyrouted"), "rb") as file:
+        return "<" if file.read(6)[5] == 1 else ">"
+
+
+ORDER = byte_order()
 SERVER = {4: "192.0.2.10", 6: "2001:db8:ffff::10"}
 LAN = {4: "10.0.0.10", 6: "2001:db8:1::10"}
 LAN2 = {4: "10.2.0.10", 6: "2001:db8:2::10"}
@@ -324,18 +334,24 @@ class Refused(Exception):
 
 
 class Daemon:
-    """policyrouted in a namespace, and pbrctl talking to it."""
+    """policyrouted in a namespace, and pbrctl talking to it. Programs of another machine run under the emulator that
+    POLICYROUTE_EMULATOR names."""
 
     def __init__(self, build=None, ns="rtr", device="kernel", options=(), root=None):
         self.build = build or os.environ.get("POLICYROUTE_BUILD") or os.path.join(ROOT, "build/release")
+        self.emulator = shlex.split(os.environ.get("POLICYROUTE_EMULATOR", ""))
         self.ns, self.device, self.options = ns, device, list(options)
         self.root = root or tempfile.mkdtemp(prefix="pbr-")
         self.process = None
         self.errors = []
 
+    def program(self, name):
+        """The words that start a program of the build."""
+        return self.emulator + [os.path.join(self.build, name)]
+
     def start(self, wait=15.0):
-        words = [os.path.join(self.build, "policyrouted"), "--option", f"host.root={self.root}",
-                 "--option", f"host.device={self.device}", "--option", "host.log=stderr"]
+        words = self.program("policyrouted") + ["--option", f"host.root={self.root}",
+                                                "--option", f"host.device={self.device}", "--option", "host.log=stderr"]
         for option in self.options:
             words += ["--option", option]
         if self.ns is not None:
@@ -361,7 +377,7 @@ class Daemon:
                     serving.set()
 
     def ctl(self, *words, check=True, stdin=None):
-        command = [os.path.join(self.build, "pbrctl"), "--root", self.root] + [str(word) for word in words]
+        command = self.program("pbrctl") + ["--root", self.root] + [str(word) for word in words]
         if self.ns is not None:
             command = ["nsenter", f"--net=/run/netns/{self.ns}"] + command
         done = subprocess.run(command, text=True, capture_output=True, input=stdin, timeout=60)
@@ -442,11 +458,11 @@ class Command:
 
 
 def list_key(name, length=None):
-    return name[:16].ljust(16, b"\0") + struct.pack("=H", len(name) if length is None else length)
+    return name[:16].ljust(16, b"\0") + struct.pack(ORDER + "H", len(name) if length is None else length)
 
 
 def node_key(name, index, hop=0, mask=0, length=None):
-    return list_key(name, length) + b"\0\0" + struct.pack("=IBB", index, mask, hop) + b"\0\0"
+    return list_key(name, length) + b"\0\0" + struct.pack(ORDER + "IBB", index, mask, hop) + b"\0\0"
 
 
 def unit_of(interface):

@@ -245,7 +245,7 @@ class WholeOrNotAtAll(MemoryApply):
             paths.append(os.path.join(self.daemon.root, f"{number}.yaml"))
             with open(paths[-1], "w") as file:
                 file.write(text)
-        command = [self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply"]
+        command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply"]
         for _ in range(10):
             running = [subprocess.Popen(command + [path], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
                        for path in paths * 2]
@@ -331,11 +331,12 @@ class Confirmed(MemoryApply):
         self.assertEqual({"pending": False}, self.waits())
 
     def test_confirmed_in_time_it_stays(self):
-        before = self.apply_and_wait(2)
+        seconds = 10 if self.daemon.emulator else 2  # emulated programs take a while to start
+        before = self.apply_and_wait(seconds)
         after, pid = self.exported(), self.waits()["pid"]
         self.daemon.ctl("confirm")
         self.assertTrue(self.gone(pid))
-        time.sleep(2.2)
+        time.sleep(seconds + 0.2)
         self.assertEqual(after, self.exported())
         self.assertNotEqual(before, after)
         late = self.daemon.ctl("confirm", check=False)
@@ -378,7 +379,7 @@ class Confirmed(MemoryApply):
             acls = "".join(f"  {1100 + i}: {{10: permit udp to any port {i + 1}}}\n" for i in range(100))
             nodes = "".join(f"    {i + 1}: {{acl: {1100 + i}, next-hops: [192.0.2.7]}}\n" for i in range(100))
             file.write("acls:\n" + acls + "lists:\n  large:\n" + nodes)
-        process = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", path,
+        process = subprocess.Popen([*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", path,
                                     "--confirm", "1"], stdout=subprocess.DEVNULL)
         self.assertTrue(self.daemon.until(lambda: "large" in self.daemon.ctl("show", "lists").stdout, 10))
         process.send_signal(signal.SIGKILL)

@@ -2,6 +2,7 @@
 import struct
 
 import system_case
+from system_case import netlab
 from netlab import list_key, node_key, unit_of
 
 OK, FAIL, BAD, NO_ROW, IN_USE = 0, 0xFFFFFFFF, 0x03E8001A, 0x03E80002, 0x03E8000C
@@ -34,7 +35,7 @@ class EveryCommandAnswers(system_case.MemoryCase):
         walked = []
         code, _, key, _, _ = self.client.call(1, key=list_key(b""), kind=0)
         while code == OK:
-            walked.append(key[:struct.unpack_from("=H", key, 16)[0]])
+            walked.append(key[:struct.unpack_from(netlab.ORDER + "H", key, 16)[0]])
             code, _, key, _, _ = self.client.call(2, key=key, kind=0)
         self.assertEqual([b"a", b"ab", b"b"], walked)
         self.assertEqual((OK, 2), self.client.call(9, key=list_key(b"a"), field=1)[:2])
@@ -86,7 +87,7 @@ class EveryCommandAnswers(system_case.MemoryCase):
         self.make_node()
         self.code(19, key=node_key(b"wan", 10, 1), field=1, number=CREATE)
         self.code(19, key=node_key(b"wan", 10, 1), field=2, data=b"\xc6\x33\x64\x01", number=4)
-        unit = struct.pack("=I", unit_of("lo"))
+        unit = struct.pack(netlab.ORDER + "I", unit_of("lo"))
         self.assertEqual(NO_ROW, self.code(15, key=unit, field=1))
         self.assertEqual(OK, self.code(16, key=unit, field=1, number=1))
         self.assertEqual(0x044B0003, self.code(16, key=unit, field=2, data=b"none", number=4))
@@ -104,7 +105,7 @@ class EveryCommandAnswers(system_case.MemoryCase):
         self.assertEqual([64, 128, 0, 0], [self.client.call(21, field=field)[1] for field in (1, 2, 3, 4)])
         self.assertEqual(b"PBR_V7.00.00.00", self.client.call(21, field=5, kind=2, number=100)[3])
         self.assertEqual(b"PBR_", self.client.call(21, field=5, kind=2, number=4)[3])
-        self.assertEqual(struct.pack("=3I", 1, 0, 2), self.client.call(21, field=6, kind=2, number=12)[3])
+        self.assertEqual(struct.pack(netlab.ORDER + "3I", 1, 0, 2), self.client.call(21, field=6, kind=2, number=12)[3])
         self.assertEqual(OK, self.code(21, field=9))
         self.assertEqual(OK, self.code(22, field=4, number=64))
         self.assertEqual(64, self.client.call(21, field=4)[1])

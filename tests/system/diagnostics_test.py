@@ -24,7 +24,7 @@ bindings:
 
 class Shell(system_case.MemoryCase):
     def bytes_of(self, *words):
-        return subprocess.run([self.daemon.build + "/pbrctl", "--root", self.daemon.root, "shell", *words],
+        return subprocess.run([*self.daemon.program("pbrctl"), "--root", self.daemon.root, "shell", *words],
                               capture_output=True, check=True).stdout
 
     def test_the_report_shows_what_is_configured(self):

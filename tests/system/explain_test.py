@@ -22,7 +22,7 @@ class Watcher:
 
     def __init__(self, daemon):
         self.events = []
-        self.process = subprocess.Popen([daemon.build + "/pbrctl", "--root", daemon.root, "watch", "--json"],
+        self.process = subprocess.Popen([*daemon.program("pbrctl"), "--root", daemon.root, "watch", "--json"],
                                         stdout=subprocess.PIPE, text=True)
         self.thread = threading.Thread(target=self.read)
         self.thread.start()
@@ -99,7 +99,7 @@ class OnADesk(system_case.MemoryCase):
         self.assertRegex(watcher.events[0]["time"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
 
     def test_a_watcher_that_does_not_read_holds_nobody_up(self):
-        watcher = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, "watch", "--json"],
+        watcher = subprocess.Popen([*self.daemon.program("pbrctl"), "--root", self.daemon.root, "watch", "--json"],
                                    stdout=subprocess.PIPE)
         self.addCleanup(watcher.stdout.close)
         self.addCleanup(watcher.wait)

@@ -19,11 +19,11 @@ NOT_KEPT = 0x03E80E01
 
 
 def list_key(name):
-    return name.encode().ljust(16, b"\0") + len(name).to_bytes(2, "little")
+    return netlab.list_key(name.encode())
 
 
 def node_key(name, node, hop=0):
-    return list_key(name) + b"\0\0" + node.to_bytes(4, "little") + bytes([0, hop, 0, 0])
+    return netlab.node_key(name.encode(), node, hop=hop)
 
 
 class ComesBack(system_case.MemoryCase):
