@@ -23,10 +23,14 @@ work=$(mktemp -d "$dir/fetch.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work"/lists/partial "$work"/cache/archives/partial "$work"/sources "$work"/i686
 signed='[signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]'
-cat >"$work/sources.list" <<LIST
-deb-src $signed http://deb.debian.org/debian bookworm main
-deb $signed http://deb.debian.org/debian bookworm main
-LIST
+# The archive that this machine uses, asked for sources and i386 packages of the release itself.
+# shellcheck disable=SC2016 # the words are apt's
+apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
+  awk '$2 !~ /-/ && $3 == "main"' | sort -u |
+  while read -r archive; do
+    printf 'deb %s %s\ndeb-src %s %s\n' "$signed" "$archive" "$signed" "$archive"
+  done >"$work/sources.list"
+[[ -s $work/sources.list ]] || { echo "foreign-libraries: apt knows no archive with a component 'main'" >&2; exit 1; }
 apt=(apt-get -qq -o Dir::Etc::sourcelist="$work/sources.list" -o Dir::Etc::sourceparts=-
   -o Dir::State::lists="$work/lists" -o Dir::Cache="$work/cache" -o Dir::State::status=/dev/null
   -o APT::Architecture=i386 -o APT::Architectures::=i386 -o APT::Sandbox::User="$(id -un)")

@@ -15,7 +15,7 @@ for preset in "${presets[@]}"; do
   cmake --preset "$preset" >"build-$preset.log" 2>&1 || { cat "build-$preset.log"; rm -f "build-$preset.log"; exit 1; }
   rm -f "build-$preset.log"
   cmake --build --preset "$preset"
-  options=(--preset "$preset")
+  options=(--preset "$preset" -j2) # system tests mostly wait
   [[ ${PBR_FAST:-} ]] && options+=(-L unit)
   report=build/$preset/ctest.log
   ctest "${options[@]}" 2>&1 | tee "$report" || true
