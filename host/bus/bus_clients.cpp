@@ -179,7 +179,7 @@ void admit(int fd) {
     const uint32_t code = admission(all, pClient->right);
     if (code != QRV_OK) {
         refuse(all, *pClient, 0, code);
-        close(fd);
+        unixHangUp(fd);
         return;
     }
     watch(*pClient);

@@ -353,7 +353,7 @@ void MgmtServer::Core::shut(const ConnectionPtr &c) {
         loop.fdDel(c->fd);
     }
     connections.erase(c->fd);
-    close(c->fd);
+    unixHangUp(c->fd);
     c->fd = -1;
     c->caller.client->end();
 }

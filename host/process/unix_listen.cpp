@@ -240,6 +240,14 @@ int unixAccept(int listener) {
     }
 }
 
+void unixHangUp(int fd) {
+    shutdown(fd, SHUT_RD); // from now on the peer cannot send: what is dropped has an end
+    char dropped[4096];
+    while (recv(fd, dropped, sizeof dropped, MSG_DONTWAIT) > 0) {
+    }
+    close(fd);
+}
+
 void filesRemove() {
     Files &all = files();
     const std::lock_guard<std::mutex> guard(all.lock);

@@ -23,6 +23,10 @@ void unixUnlisten(const std::string &path, int fd);
 // descriptor is hung up on, so that the listener does not stay ready for ever. Lock: none
 int unixAccept(int listener);
 
+// Closes a connection so that its peer reads what was sent before: what the peer has sent and nobody read is
+// dropped first, for the kernel tells a connection that is closed over unread bytes as broken, at once. Lock: none
+void unixHangUp(int fd);
+
 // Removes the socket files that this process made, unless another took their place. Lock: none
 void filesRemove();
 

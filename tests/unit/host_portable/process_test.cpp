@@ -127,6 +127,24 @@ TEST(RunLock, AFileThatCannotBeMadeIsAnErrorThatNamesIt) {
     EXPECT_EQ(0u, host::runLockTake().find("/proc/self/nowhere/run/policyroute/policyrouted.lock: "));
 }
 
+// ---- hanging up ----
+
+TEST(HangUp, ThePeerReadsWhatWasSentAlthoughItsOwnWordsWereNot) {
+    for (int type : {SOCK_STREAM, SOCK_SEQPACKET}) {
+        int ends[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends));
+        for (int i = 0; i < 3; i++) {
+            ASSERT_EQ(4, send(ends[1], "mine", 4, 0));
+        }
+        ASSERT_EQ(2, send(ends[0], "no", 2, 0));
+        host::unixHangUp(ends[0]);
+        char heard[8];
+        EXPECT_EQ(2, recv(ends[1], heard, sizeof(heard), 0)) << strerror(errno);
+        EXPECT_EQ(0, recv(ends[1], heard, sizeof(heard), 0));
+        close(ends[1]);
+    }
+}
+
 // ---- socket files ----
 
 class SocketFile : public testing::Test {
