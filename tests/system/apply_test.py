@@ -167,7 +167,7 @@ class WholeOrNotAtAll(MemoryApply):
         path = os.path.join(self.daemon.root, "policy.yaml")
         with open(path, "w") as file:
             file.write(text)
-        command = [self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", path]
+        command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", path]
         with tempfile.TemporaryFile("w+") as errors, subprocess.Popen(command, text=True, stdout=subprocess.PIPE,
                                                                       stderr=errors, pipesize=4096) as process:
             def waiting():
@@ -272,7 +272,7 @@ class OneChangeAtATime(MemoryApply):
 
     def start(self, *words):
         """pbrctl, once it says that it waits."""
-        process = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, *words], text=True,
+        process = subprocess.Popen([*self.daemon.program("pbrctl"), "--root", self.daemon.root, *words], text=True,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.stderr.close)

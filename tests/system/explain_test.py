@@ -58,6 +58,7 @@ class OnADesk(system_case.MemoryCase):
         self.assertIn("routed as usual: no node matches it\n", text)
         self.assertIn("it cannot be told: ACL 1501 rule 10: it asks for the protocol", self.explain())
 
+    @unittest.skipUnless(system_case.knows_kernel(), "this build does not know kinds of links")
     def test_an_interface_without_ethernet_has_no_source_mac_whatever_is_told(self):
         self.daemon.apply(POLICY.replace("deny udp from any to any port 6000", "permit udp source-mac 02:00:5e:00:53:01"))
         for told in ((), ("--source-mac", "02:00:5e:00:53:01")):

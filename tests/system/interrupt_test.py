@@ -11,7 +11,7 @@ import system_case
 import netlab
 from apply_test import ACLS, hops
 
-NODES = 300
+NODES = 40 if "POLICYROUTE_EMULATOR" in os.environ else 300  # an apply of some hundred milliseconds
 ROUNDS = 6
 
 
@@ -47,7 +47,7 @@ class AtAnyMoment(system_case.MemoryCase):
     def broken_off(self, how):
         """An apply of the policy that does not run, broken off by `how` somewhere between its begin and its end."""
         wanted = 1 - self.exports.index(self.daemon.ctl("export").stdout)
-        command = [self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", self.paths[wanted]]
+        command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", self.paths[wanted]]
         with tempfile.TemporaryFile("w+") as errors, subprocess.Popen(command, stdout=subprocess.DEVNULL,
                                                                       stderr=errors) as process:
             time.sleep(self.random.uniform(0, self.seconds))
@@ -86,7 +86,7 @@ class AtAnyMoment(system_case.MemoryCase):
     def test_nobody_reads_any_more_what_it_prints(self):
         for words in ([], ["--json"]) * ROUNDS:  # the plan before the steps, longer than the pipe; all of it at the end
             wanted = 1 - self.exports.index(self.daemon.ctl("export").stdout)
-            command = [self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", self.paths[wanted], *words]
+            command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", self.paths[wanted], *words]
             process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, pipesize=4096)
             time.sleep(self.random.uniform(0, self.seconds))
             process.stdout.close()
@@ -142,7 +142,7 @@ class WithPackets(system_case.LabCase):
         time.sleep(0.3)
         undone = 0
         for share in (0.3, 0.5, 0.7):
-            process = subprocess.Popen([self.daemon.build + "/pbrctl", "--root", self.daemon.root, "apply", path],
+            process = subprocess.Popen([*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", path],
                                        stdout=subprocess.DEVNULL)
             time.sleep(seconds * share)
             process.kill()

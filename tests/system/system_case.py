@@ -35,6 +35,11 @@ class MemoryCase(unittest.TestCase):
         self.assertIsNone(self.daemon.process.poll(), "the daemon died: " + "".join(self.daemon.errors[-20:]))
 
 
+def knows_kernel():
+    """Whether the build asks the kernel for anything: its forwarding plane, and what kind of link an interface is."""
+    return "kernel" in os.environ.get("POLICYROUTE_DEVICES", "kernel memory")
+
+
 class LabCase(unittest.TestCase):
     """The lab once a class, a daemon with the kernel device for each test; afterwards everything that
     the daemon installed is flushed."""
@@ -44,7 +49,7 @@ class LabCase(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        if "kernel" not in os.environ.get("POLICYROUTE_DEVICES", "kernel memory"):
+        if not knows_kernel():
             raise unittest.SkipTest("this build has no kernel device")
         cls.lab = netlab.Lab(wide=cls.wide)
         for up in cls.lab.uplinks:

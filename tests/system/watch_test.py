@@ -13,7 +13,7 @@ class TextWatcher(Watcher):
 
     def __init__(self, daemon):
         self.events = []
-        self.process = subprocess.Popen([daemon.build + "/pbrctl", "--root", daemon.root, "watch"],
+        self.process = subprocess.Popen([*daemon.program("pbrctl"), "--root", daemon.root, "watch"],
                                         stdout=subprocess.PIPE, text=True)
         self.thread = threading.Thread(target=self.read)
         self.thread.start()
