@@ -54,8 +54,8 @@ TEST_F(Events, WorkPostedByWorkRunsToo) {
 }
 
 TEST_F(Events, TimersRunInTheOrderOfTheirTimes) {
-    hostEventLoop().post([&] { // started together, so that their order is theirs alone
-        hostEventLoop().timerStart(milliseconds(3), [&] { notes.put(3); });
+    hostEventLoop().post([&] { // the last one first, so late that a machine that stalls here does not change the order
+        hostEventLoop().timerStart(milliseconds(200), [&] { notes.put(3); });
         hostEventLoop().timerStart(milliseconds(1), [&] { notes.put(1); });
         hostEventLoop().timerStart(milliseconds(2), [&] { notes.put(2); });
     });
