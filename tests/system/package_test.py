@@ -9,7 +9,7 @@ import tempfile
 import time
 import unittest
 
-import system_case  # noqa: F401  (finds tests/support)
+import system_case
 import netlab
 import package_lab
 
@@ -91,18 +91,11 @@ class PackageCase(unittest.TestCase):
     def ctl(self, *words, user="root", check=True):
         return self.machine.run("setpriv", "--reuid=" + user, "--init-groups", "pbrctl", *words, ns="rtr", check=check)
 
-    def by_uplink(self, count=20):
-        arrivals = netlab.Arrivals(self.lab, 4, 443)
-        netlab.send(self.lab, 4, 443, count)
-        arrivals.wait(count, 1.0)
-        arrivals.close()
-        return arrivals.by_uplink()
-
     def all_by(self, up):
         end = time.monotonic() + 5
-        seen = self.by_uplink()
+        seen = system_case.by_uplink(self.lab)
         while seen != {up: 20} and time.monotonic() < end:
-            seen = self.by_uplink()
+            seen = system_case.by_uplink(self.lab)
         self.assertEqual({up: 20}, seen)
 
     def kernel(self):

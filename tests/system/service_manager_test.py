@@ -62,18 +62,11 @@ class Booted(unittest.TestCase):
             time.sleep(0.05)
         return question()
 
-    def by_uplink(self, count=20):
-        arrivals = netlab.Arrivals(self.lab, 4, 443)
-        netlab.send(self.lab, 4, 443, count)
-        arrivals.wait(count, 1.0)
-        arrivals.close()
-        return arrivals.by_uplink()
-
     def all_by(self, up):
         seen = {}
 
         def question():
-            seen["now"] = self.by_uplink()
+            seen["now"] = system_case.by_uplink(self.lab)
             return seen["now"] == {up: 20}
 
         self.assertTrue(self.until(question), f"{seen}\n{self.machine.journal()}")
@@ -167,7 +160,7 @@ class Booted(unittest.TestCase):
                 if str(rule.get("protocol")) == "206":
                     netlab.run(f"ip {family} rule del pref {rule['priority']}", "rtr")
         netlab.run("ip nexthop flush proto 206", "rtr", check=False)
-        self.assertEqual({"upb": 20}, self.by_uplink())
+        self.assertEqual({"upb": 20}, system_case.by_uplink(self.lab))
         # when the machine is switched on
         self.machine.boot()
         # then nobody has to do anything

@@ -40,6 +40,17 @@ def knows_kernel():
     return "kernel" in os.environ.get("POLICYROUTE_DEVICES", "kernel memory")
 
 
+def by_uplink(lab, family=4, port=443, count=20, **options):
+    """Sends packets to the server; result: {uplink: how many arrived by it}. Options: those of netlab.send."""
+    arrivals = netlab.Arrivals(lab, family, port)
+    try:
+        netlab.send(lab, family, port, count, **options)
+        arrivals.wait(count, 1.0)
+        return arrivals.by_uplink()
+    finally:
+        arrivals.close()
+
+
 class LabCase(unittest.TestCase):
     """The lab once a class, a daemon with the kernel device for each test; afterwards everything that
     the daemon installed is flushed."""
@@ -78,15 +89,8 @@ class LabCase(unittest.TestCase):
                     "NO-CARRIER" in netlab.run(f"ip link show dev {up}", "rtr").stdout:
                 self.lab.link(up, "up")
 
-    def by_uplink(self, family=4, port=443, count=20, ports=1, source_ns="lan", destination=None):
-        """Sends packets to the server; result: {uplink: how many arrived by it}."""
-        arrivals = netlab.Arrivals(self.lab, family, port)
-        try:
-            netlab.send(self.lab, family, port, count, ports=ports, source_ns=source_ns, destination=destination)
-            arrivals.wait(count, 1.0)
-            return arrivals.by_uplink()
-        finally:
-            arrivals.close()
+    def by_uplink(self, **options):
+        return by_uplink(self.lab, **options)
 
     def all_by(self, up, seconds=5.0, **options):
         """Waits until all packets take `up`; fails with what was seen last."""
