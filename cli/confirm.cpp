@@ -168,7 +168,9 @@ int watch(const Rollback &rollback, int parentFd) {
         (void)sendAll(parentFd, SAID_REFUSED + std::string(refusal.what()));
         return EXIT_REFUSED;
     }
-    (void)sendAll(parentFd, {SAID_BEGUN});
+    if (!sendAll(parentFd, {SAID_BEGUN})) {
+        return EXIT_DONE; // the parent ended before it did anything, and others may have changed the policy since
+    }
     const std::string said = receive(parentFd, true);
     if (said == std::string{SAID_CANCEL}) {
         return EXIT_DONE;

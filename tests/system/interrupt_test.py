@@ -22,6 +22,17 @@ def large(priority, port):
     return "acls:\n" + acls + "lists:\n  large:\n" + nodes + "bindings: {lo: large}\n"
 
 
+def running(command):
+    """Whether a process runs `command`: a watcher has the line of the pbrctl that made it."""
+    line = "\0".join(command).encode()
+    for folder in os.listdir("/proc"):
+        with contextlib.suppress(OSError):
+            with open(f"/proc/{folder}/cmdline", "rb") as file:
+                if file.read().rstrip(b"\0") == line:
+                    return True
+    return False
+
+
 class AtAnyMoment(system_case.MemoryCase):
     options = (f"policyroute.maxnodenum={2 * NODES}",)
 
@@ -39,29 +50,36 @@ class AtAnyMoment(system_case.MemoryCase):
             self.exports.append(self.daemon.ctl("export").stdout)
         self.daemon.ctl("apply", self.paths[0])
 
-    def quiet(self):
-        """Waits until nobody undoes anything any more; result: what is exported."""
-        self.assertTrue(self.daemon.until(lambda: not self.daemon.json("confirm", "--show")["pending"], 30))
-        return self.daemon.ctl("export").stdout
+    @contextlib.contextmanager
+    def apply_of_the_other(self, *words, **pipes):
+        """pbrctl applies the policy that does not run, and some moment of it has come; at the end nobody undoes anything
+        any more. Gives the process and the number of the policy."""
+        wanted = 1 - self.exports.index(self.exported())
+        command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", self.paths[wanted], *words]
+        with subprocess.Popen(command, **pipes) as process:
+            time.sleep(self.random.uniform(0, self.seconds))
+            yield process, wanted
+            process.wait(60)
+        self.assertTrue(self.daemon.until(lambda: not running(command), 60))
 
     def broken_off(self, how):
-        """An apply of the policy that does not run, broken off by `how` somewhere between its begin and its end."""
-        wanted = 1 - self.exports.index(self.daemon.ctl("export").stdout)
-        command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", self.paths[wanted]]
-        with tempfile.TemporaryFile("w+") as errors, subprocess.Popen(command, stdout=subprocess.DEVNULL,
-                                                                      stderr=errors) as process:
-            time.sleep(self.random.uniform(0, self.seconds))
-            how(process)
-            status = process.wait(60)
+        with tempfile.TemporaryFile("w+") as errors:
+            with self.apply_of_the_other(stdout=subprocess.DEVNULL, stderr=errors) as (process, wanted):
+                how(process)
             errors.seek(0)
-            return wanted, status, errors.read()
+            return wanted, process.returncode, errors.read()
+
+    def exported(self):
+        return self.daemon.ctl("export").stdout
 
     def test_an_interrupt_rolls_back_and_says_so(self):
         undone = 0
-        for number in (signal.SIGINT, signal.SIGTERM) * ROUNDS:
+        for number in [signal.SIGINT, signal.SIGTERM] * 10 * ROUNDS:
+            if undone == ROUNDS:
+                break
             wanted, status, errors = self.broken_off(lambda process: process.send_signal(number))
             with self.subTest(signal=number.name, status=status, errors=errors):
-                found = self.exports.index(self.quiet())
+                found = self.exports.index(self.exported())
                 if status == 1:
                     undone += 1
                     self.assertIn(f"interrupted ({number.name}) before ", errors)
@@ -75,24 +93,22 @@ class AtAnyMoment(system_case.MemoryCase):
     def test_a_killed_pbrctl_leaves_nothing_half_made(self):
         for _ in range(2 * ROUNDS):
             self.broken_off(lambda process: process.kill())
-            self.assertIn(self.quiet(), self.exports)
+            self.assertIn(self.exported(), self.exports)
             self.assertEqual(0, self.daemon.ctl("check").returncode)
 
     def test_a_terminal_that_goes_away_changes_nothing_of_it(self):
         for _ in range(ROUNDS):
             _, status, errors = self.broken_off(lambda process: process.send_signal(signal.SIGHUP))
-            self.assertIn(self.quiet(), self.exports, (status, errors))
+            self.assertIn(self.exported(), self.exports, (status, errors))
 
     def test_nobody_reads_any_more_what_it_prints(self):
         for words in ([], ["--json"]) * ROUNDS:  # the plan before the steps, longer than the pipe; all of it at the end
-            wanted = 1 - self.exports.index(self.daemon.ctl("export").stdout)
-            command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", self.paths[wanted], *words]
-            process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, pipesize=4096)
-            time.sleep(self.random.uniform(0, self.seconds))
-            process.stdout.close()
-            process.stderr.close()
-            self.assertIn(process.wait(60), (0, -signal.SIGPIPE))
-            self.assertIn(self.quiet(), self.exports)
+            with self.apply_of_the_other(*words, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                         pipesize=4096) as (process, _):
+                process.stdout.close()
+                process.stderr.close()
+            self.assertIn(process.returncode, (0, -signal.SIGPIPE))
+            self.assertIn(self.exported(), self.exports)
 
     def test_what_is_left_when_its_watcher_is_killed_too_is_told_and_healed(self):
         def kill_both(process):
@@ -101,13 +117,15 @@ class AtAnyMoment(system_case.MemoryCase):
                 with contextlib.suppress(ProcessLookupError):  # the watcher has ended by itself
                     os.kill(pid, signal.SIGKILL)
         left = 0
-        for _ in range(4 * ROUNDS):
+        for _ in range(20 * ROUNDS):
             wanted, _, _ = self.broken_off(kill_both)
-            if self.quiet() not in self.exports:
+            if self.exported() not in self.exports:
                 left += 1
                 self.assertEqual(1, self.daemon.ctl("diff", self.paths[wanted], check=False).returncode)
             self.daemon.ctl("apply", self.paths[wanted])
-            self.assertEqual(self.exports[wanted], self.daemon.ctl("export").stdout)
+            self.assertEqual(self.exports[wanted], self.exported())
+            if left == ROUNDS:
+                break
         self.assertGreater(left, 0)
 
 
@@ -142,19 +160,20 @@ class WithPackets(system_case.LabCase):
         time.sleep(0.3)
         undone = 0
         for share in (0.3, 0.5, 0.7):
-            process = subprocess.Popen([*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", path],
-                                       stdout=subprocess.DEVNULL)
-            time.sleep(seconds * share)
-            process.kill()
-            process.wait()
-            self.assertTrue(self.daemon.until(lambda: not self.daemon.json("confirm", "--show")["pending"], 30))
+            command = [*self.daemon.program("pbrctl"), "--root", self.daemon.root, "apply", path]
+            with subprocess.Popen(command, stdout=subprocess.DEVNULL) as process:
+                time.sleep(seconds * share)
+                process.kill()
+            self.assertTrue(self.daemon.until(lambda: not running(command), 30))
             undone += self.daemon.ctl("export").stdout == before
         time.sleep(0.3)
         for port, stream in streams.items():
             result = stream.stop()
             self.assertEqual(0, result["lost"], (port, result["lost_numbers"][:10]))
-            # upb is the routing table's way: nobody was without the policy for a moment.
-            self.assertEqual({"upa"} if undone == 3 or port == 443 else {"upa", "upc"}, set(result["uplinks"]), port)
+            # upb is the routing table's way: nobody was without the policy for a moment. One killed behind its last step
+            # is undone too, and then the new way was the policy's for a while.
+            self.assertLessEqual(set(result["uplinks"]), {"upa"} if port == 443 else {"upa", "upc"}, port)
+            self.assertIn("upa" if undone == 3 or port == 443 else "upc", result["uplinks"], port)
         self.assertEqual([], self.daemon.json("show", "device")["held"])
 
 
