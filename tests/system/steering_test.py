@@ -31,6 +31,21 @@ def both(*uplinks, **options):
             20: f"acl: 3501, next-hops: {hops(*uplinks, family=6)}{extra}"}
 
 
+class LinksOnly(system_case.LabCase):
+    options = ("host.neighbour-probe-ms=60000",)  # no confirmation of a neighbour falls due within a test
+
+    def test_a_link_that_goes_down_is_noticed_at_once(self):
+        self.daemon.apply(policy(both("upa", "upc")))
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+        self.lab.link("upa", "down")
+        for family in (4, 6):
+            self.all_by("upc", family=family)
+        self.lab.link("upa", "up")
+        for family in (4, 6):
+            self.all_by("upa", family=family)
+
+
 class OneNextHop(system_case.LabCase):
     def test_matching_traffic_takes_the_next_hop_and_the_rest_the_routing_table(self):
         self.daemon.apply(policy(both("upa")))
@@ -49,17 +64,6 @@ class OneNextHop(system_case.LabCase):
         self.lab.unsilence("upa")
         for family in (4, 6):
             self.all_by("upa", family=family)
-
-    def test_a_link_that_goes_down_is_noticed_at_once(self):
-        self.daemon.apply(policy(both("upa", "upc")))
-        self.all_by("upa")
-        self.all_by("upa", family=6)
-        self.lab.link("upa", "down")
-        self.all_by("upc", seconds=1)
-        self.all_by("upc", family=6, seconds=1)
-        self.lab.link("upa", "up")
-        self.all_by("upa")
-        self.all_by("upa", family=6)
 
     def test_with_nothing_usable_packets_are_routed_normally(self):
         self.daemon.apply(policy(both("upa")))
@@ -126,7 +130,7 @@ acls:
         self.all_by("upa")
         self.lab.link("upa", "down")
         self.daemon.ctl("unbind", "lan1")
-        self.all_by("upc", seconds=1)
+        self.all_by("upc")
         self.assertEqual({"upb": 20}, self.by_uplink(source_ns="lan2"))
 
     def test_rebinding_after_the_peer_died_meanwhile(self):
