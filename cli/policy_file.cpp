@@ -3,6 +3,10 @@
 #include "cli/policy_file.h"
 
 #include <algorithm>
+#include <optional>
+#include <sstream>
+
+#include <yaml-cpp/eventhandler.h>
 
 #include "cli/numbers.h"
 #include "cli/policy_file_reader.h"
@@ -362,6 +366,41 @@ void documentRead(Reader &reader, const YAML::Node &document) {
     guardedHopsFind(reader);
 }
 
+// Where the second document of a text has its first node.
+class SecondDocument : public YAML::EventHandler {
+public:
+    int count = 0;
+    std::optional<int> line;
+
+    void OnDocumentStart(const YAML::Mark &) override { ++count; }
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark &mark, YAML::anchor_t) override { take(mark); }
+    void OnAlias(const YAML::Mark &mark, YAML::anchor_t) override { take(mark); }
+    void OnScalar(const YAML::Mark &mark, const std::string &, YAML::anchor_t, const std::string &) override { take(mark); }
+    void OnSequenceStart(const YAML::Mark &mark, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value) override { take(mark); }
+    void OnSequenceEnd() override {}
+    void OnMapStart(const YAML::Mark &mark, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value) override { take(mark); }
+    void OnMapEnd() override {}
+
+private:
+    void take(const YAML::Mark &mark) {
+        if (count == 2 && !line) {
+            line = mark.line + 1;
+        }
+    }
+};
+
+// The line of the second document; none when there is one at most. Not all documents are loaded to count them: in a
+// text that begins with a comma the library finds empty ones without end.
+std::optional<int> secondDocumentLine(const std::string &text) {
+    std::istringstream stream(text);
+    YAML::Parser parser(stream);
+    SecondDocument second;
+    while (second.count < 2 && parser.HandleNextDocument(second)) {
+    }
+    return second.count < 2 ? std::nullopt : std::optional<int>(second.line.value_or(1));
+}
+
 } // namespace
 
 PolicyFile policyFileRead(const std::string &name, const std::string &text, const VrfNames *pVrfs) {
@@ -369,11 +408,10 @@ PolicyFile policyFileRead(const std::string &name, const std::string &text, cons
     file.name = name;
     Reader reader(file, pVrfs);
     try {
-        const std::vector<YAML::Node> documents = YAML::LoadAll(text);
-        if (documents.size() > 1) {
-            reader.problem(documents[1].Mark().line + 1, "a policy file holds one document");
+        if (const std::optional<int> second = secondDocumentLine(text)) {
+            reader.problem(*second, "a policy file holds one document");
         } else {
-            documentRead(reader, documents.empty() ? YAML::Node() : documents[0]);
+            documentRead(reader, YAML::Load(text));
         }
     } catch (const YAML::Exception &wrong) {
         reader.problem(wrong.mark.is_null() ? 1 : wrong.mark.line + 1, wrong.msg);

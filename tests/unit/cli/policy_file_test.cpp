@@ -253,6 +253,8 @@ TEST(PolicyFile, TextThatIsNoPolicyIsRefused) {
     expectProblem("- a\n- b\n", 1, "must be a map with the sections");
     expectProblem("lists: {\n", 2, "");
     expectProblem("lists: {}\n---\nlists: {}\n", 3, "one document");
+    expectProblem("lists: {}\n---\n# nothing\n\n...\n", 5, "one document");
+    expectProblem(", 192.0.2.4]}\n    10: {acl: 9999}\n", 1, "one document"); // so the library takes what is behind a comma
     expectProblem("lists: {}\n? [a, b]\n: c\n", 2, "a key must be plain text");
 }
 
