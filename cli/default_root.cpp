@@ -16,10 +16,11 @@ std::string trimmed(const std::string &text) {
     return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
-// The line up to a comment: a # at its start or behind a blank.
+// The line up to a comment, as the daemon reads it: a # at its start, behind a blank, or right behind the = of its key.
 std::string withoutComment(const std::string &line) {
+    const size_t equals = line.find('=');
     for (size_t at = line.find('#'); at != std::string::npos; at = line.find('#', at + 1)) {
-        if (at == 0 || strchr(BLANKS, line[at - 1]) != nullptr) {
+        if (at == 0 || at - 1 == equals || strchr(BLANKS, line[at - 1]) != nullptr) {
             return line.substr(0, at);
         }
     }

@@ -39,7 +39,7 @@ TEST_F(DefaultRoot, IsWhatTheDaemonsOptionFileSays) {
 }
 
 TEST_F(DefaultRoot, IsTheMachineItselfWhenTheFileNamesNone) {
-    for (const char *text : {"", "host.group = x\n", "host.root\n", "host.roots = /a\n", "#host.root = /a\n"}) {
+    for (const char *text : {"", "host.group = x\n", "host.root\n", "host.roots = /a\n", "#host.root = /a\n", "host.root=#/a\n"}) {
         fileHas(text);
         EXPECT_EQ("", cli::defaultRoot(path)) << text;
     }

@@ -32,6 +32,16 @@ TEST_F(Option, LinesOfKeyAndValueAreRead) {
     EXPECT_EQ("many", host::optionGet("policyroute.maxlistnum"));
 }
 
+TEST_F(Option, ACommentRightBehindTheEqualsSignLeavesAnEmptyValue) {
+    ASSERT_EQ("", load("policyroute.maxlistnum =#64\nhost.group=# nobody\nhost.root=/a=#b\n"));
+
+    EXPECT_EQ("", host::optionGet("policyroute.maxlistnum"));
+    EXPECT_EQ("", host::optionGet("host.group"));
+    EXPECT_EQ("/a=#b", host::optionGet("host.root"));
+    EXPECT_EQ("--option host.device=#x: '#x' is no value for host.device: one of kernel, memory is expected",
+              host::optionLoad({"host.device=#x"}, "/dev/null"));
+}
+
 TEST_F(Option, WhatIsNotGivenHasItsDefaultOrNone) {
     ASSERT_EQ("", load(""));
     EXPECT_EQ("kernel", host::optionGet("host.device"));
