@@ -32,6 +32,17 @@ constexpr const char *TABLES =
     "PRAGMA user_version=1;";
 constexpr int FORMAT = 1;
 
+// What a row of both tables is as this program writes it: numbers of 32 bits, bytes that are bytes. Another one came of
+// damage that left the database whole; part of its key would be lost in reading, so that it could never be replaced.
+constexpr const char *IS_WRITTEN_BY_US =
+    "typeof(kind) = 'integer' AND kind BETWEEN 0 AND 4 AND typeof(list) = 'blob'"
+    " AND typeof(node) = 'integer' AND node BETWEEN 0 AND 4294967295"
+    " AND typeof(hop) = 'integer' AND hop BETWEEN 0 AND 4294967295"
+    " AND typeof(unit) = 'integer' AND unit BETWEEN 0 AND 4294967295"
+    " AND typeof(field) = 'integer' AND field BETWEEN 0 AND 4294967295"
+    " AND (number IS NULL OR typeof(number) = 'integer' AND number BETWEEN 0 AND 4294967295)"
+    " AND typeof(bytes) IN ('blob', 'null')";
+
 // In the order of SQL.
 enum Statement { LOG_ADD, LOG_DEL, STATE_DEL, STATE_ADD, TEXT_PUT, TEXT_DEL, STATEMENTS };
 constexpr const char *SQL[STATEMENTS] = {
@@ -153,6 +164,18 @@ std::string JournalFile::prepareAll() {
     return "";
 }
 
+// Takes away the rows that are not as this program writes them.
+std::string JournalFile::strangeRowsDrop() {
+    for (const char *pTable : {"state", "log"}) {
+        const std::string why = run((std::string("DELETE FROM ") + pTable + " WHERE NOT (" + IS_WRITTEN_BY_US + ")").c_str());
+        if (!why.empty()) {
+            return why;
+        }
+        strangeRows_ += sqlite3_changes(pDb_);
+    }
+    return "";
+}
+
 std::string JournalFile::readAll(PolicyState *pState) {
     sqlite3_stmt *pStatement = nullptr;
     int code = SQLITE_DONE;
@@ -183,6 +206,7 @@ std::string JournalFile::readAll(PolicyState *pState) {
 std::string JournalFile::openOnce(const std::string &path, PolicyState *pState) {
     isDamaged_ = false;
     framesFound_ = -1;
+    strangeRows_ = 0;
     if (sqlite3_open_v2(path.c_str(), &pDb_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
                         nullptr) != SQLITE_OK) {
@@ -210,6 +234,9 @@ std::string JournalFile::openOnce(const std::string &path, PolicyState *pState) 
     if (why.empty()) {
         why = prepareAll();
     }
+    if (why.empty()) {
+        why = strangeRowsDrop();
+    }
     return why.empty() ? readAll(pState) : why;
 }
 
@@ -235,6 +262,10 @@ std::string JournalFile::open(const std::string &path, PolicyState *pState, std:
     if (!why.empty()) {
         close();
         return path + ": " + why;
+    }
+    if (strangeRows_ != 0) {
+        pFindings->push_back(path + " is damaged: " + std::to_string(strangeRows_) +
+                             " records of it are none that policyrouted writes and were dropped; apply the policy file again");
     }
     return "";
 }

@@ -32,8 +32,8 @@ public:
     JournalFile &operator=(const JournalFile &) = delete;
 
     // Opens, or makes, the file and reads its policy: *pState is the state with the log in it. A file that is
-    // damaged is moved aside ("PATH.damaged") and an empty one made; *pFindings gets a line about that, or
-    // about a last set that was not whole. Result: empty, or why it cannot be used. Lock: none
+    // damaged is moved aside ("PATH.damaged") and an empty one made, and rows that this program does not write are
+    // dropped; *pFindings gets a line about that, or about a last set that was not whole. Result: empty, or why it cannot be used. Lock: none
     std::string open(const std::string &path, PolicyState *pState, std::vector<std::string> *pFindings);
     void close();
 
@@ -63,6 +63,7 @@ private:
     std::string textsBody(const void *pArgument);
     std::string openOnce(const std::string &path, PolicyState *pState);
     std::string prepareAll();
+    std::string strangeRowsDrop();
     std::string readAll(PolicyState *pState);
     void bindSet(sqlite3_stmt *pStatement, const PolicyRow &row, uint32_t field, const PolicyValue &value);
 
@@ -70,6 +71,7 @@ private:
     std::vector<sqlite3_stmt *> statements_;
     bool isDamaged_ = false; // as the latest attempt to open it found
     int framesFound_ = -1;   // whole frames of the write-ahead log then; -1: not known
+    int strangeRows_ = 0;    // dropped then, because they are none that this program writes
     uint64_t logCount_ = 0;
     int64_t lastSeq_ = 0;
 };

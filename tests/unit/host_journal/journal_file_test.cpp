@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -199,6 +200,47 @@ TEST_F(JournalFiles, ADatabaseWithDamagedPagesIsMovedAside) {
 
     ASSERT_EQ(1u, findings.size());
     EXPECT_TRUE(fs::exists(path + ".damaged"));
+}
+
+// Damage that leaves the database whole: a node's number of more than 32 bits would be read as another node's, and
+// no set of that node would ever replace it.
+TEST_F(JournalFiles, RowsThatNoSetWritesAreDroppedAndSaid) {
+    {
+        JournalFile journal;
+        PolicyState state;
+        ASSERT_EQ("", journal.open(path, &state, &findings));
+        state.done(listSet("a", PBR_ROW_CREATED));
+        state.done(nodeSet("a", 1, PBR_NODE_ACL_NUM, 1501));
+        ASSERT_EQ("", journal.fold(state, state.takeChanged()));
+    }
+    sqlite3 *pDb = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &pDb));
+    const std::string columns = " (kind, list, node, hop, unit, field, number, bytes) VALUES ";
+    for (const char *pRow : {"(2, x'61', 4294967297, 0, 0, 4, 1, NULL)", "(2, 'a', 1, 0, 0, 4, 1, NULL)",
+                             "(9, x'61', 1, 0, 0, 4, 1, NULL)", "(2, x'61', 1, 0, 0, 5, -1, NULL)",
+                             "(2, x'61', 1, 0, 0, 6, 1, 'text')", "(2, x'61', 1, 0.5, 0, 4, 1, NULL)"}) {
+        for (const char *pTable : {"state", "log"}) {
+            ASSERT_EQ(SQLITE_OK, sqlite3_exec(pDb, ("INSERT INTO " + std::string(pTable) + columns + pRow).c_str(), nullptr,
+                                              nullptr, nullptr)) << pRow;
+        }
+    }
+    sqlite3_close(pDb);
+    JournalFile journal;
+    PolicyState state;
+
+    ASSERT_EQ("", journal.open(path, &state, &findings));
+
+    ASSERT_EQ(1u, findings.size());
+    EXPECT_NE(std::string::npos, findings[0].find("12 records of it are none that policyrouted writes")) << findings[0];
+    PolicyState whole;
+    whole.done(listSet("a", PBR_ROW_CREATED));
+    whole.done(nodeSet("a", 1, PBR_NODE_ACL_NUM, 1501));
+    EXPECT_EQ(whole.rows(), state.rows());
+    state.done(nodeSet("a", 1, PBR_NODE_ACL_NUM, 1502));
+    ASSERT_EQ("", journal.fold(state, state.takeChanged()));
+    findings.clear();
+    EXPECT_EQ(state.rows(), rowsOf(crashCopy(), &findings));
+    EXPECT_TRUE(findings.empty());
 }
 
 TEST_F(JournalFiles, ADiskWithoutRoomRefusesTheSetAndKeepsWhatWasThere) {
