@@ -189,6 +189,13 @@ SET = nft(9, name(1, OURS), name(2, "interfaces4"), big(3, 8), big(4, 41), big(5
 ELEMENT = attribute(1, [attribute(1, [attribute(1, b"lan0".ljust(16, b"\0"))]),
                         attribute(2, [attribute(2, [big(1, (1 << 32) - 4), name(2, "wan")])])])
 ELEMENTS = nft(12, name(1, OURS), name(2, "interfaces4"), attribute(3, [ELEMENT]))
+# Expressions without a name, without data, with a nest that is none; a counter of half a number; attributes of other lengths.
+ODD_RULE = nft(6, name(1, OURS), name(2, "prerouting"),
+               attribute(4, [attribute(1, [attribute(2, [attribute(1, struct.pack(">Q", 64))])]), attribute(1, [name(1, "counter")]), attribute(1, b"x"),
+                             attribute(1, [name(1, "counter"), attribute(2, [big(1, 64), big(2, 1)])])]), attribute(7, b"\x40"))
+ODD_SET = nft(9, name(1, OURS), attribute(2, b""), attribute(3, b"\1"), name(5, "sixteen"), attribute(18, [attribute(1, b"\0")]))
+ODD_CHAIN = nft(3, name(1, OURS), name(3, "prerouting"), big(4, 7), attribute(5, b"\1"), big(7, 0))
+ODD_ELEMENTS = nft(12, name(1, OURS), big(2, 1), attribute(3, [attribute(1, [big(1, 7), big(2, 7)]), attribute(1, b""), attribute(1, b"xy")]))
 RULES = netlink(32, struct.pack("=BBBBBBBBI", 2, 0, 0, 0, 254, 0, 0, 1, 0), word(6, 15000), word(10, 0x100000), word(16, 0xFFF00000), word(15, 1000000),
                 attribute(21, b"\xce"))
 OTHERS_RULE = netlink(32, struct.pack("=BBBBBBBBI", 2, 0, 0, 0, 253, 0, 0, 1, 0), word(6, 32766), name(3, "lan0"))
@@ -213,6 +220,8 @@ ANSWERS = {
     "notifications": (0, [CONNECTED, SPREAD, VIA, ROUTE, NEXT_HOP, GROUP, ADDRESS, NEIGHBOUR, RULES, TABLE, RULE, REFUSED]),
     "ruleset": (1, [TABLE + DONE, CHAIN + DONE, RULE, DONE, SET + DONE, ELEMENTS + DONE, RULE + DONE, RULE + DONE]),
     "ruleset-other": (1, [nft(0, name(1, OURS), big(2, 0), big(3, 1)) + DONE]),
+    "ruleset-odd": (1, [TABLE + DONE, ODD_CHAIN + DONE, ODD_RULE + DONE, SET + ODD_SET + DONE, ODD_ELEMENTS + DONE, ELEMENTS + DONE,
+                        ODD_RULE + RULE + DONE, ODD_RULE + DONE]),
     "ruleset-open-text": (1, [TABLE + DONE, nft(3, name(1, OURS), name(3, "c"), attribute(7, b"filter..")) + DONE]),
     "batch": (3, [ACKNOWLEDGED, ACKNOWLEDGED + REFUSED]),
     "routing": (4, [RULES + OTHERS_RULE + DONE, DONE, ROUTE + DONE, DONE, NEXT_HOP + GROUP + DONE]),
@@ -264,6 +273,11 @@ def database(page_bytes, wrong=False):
 def journal():
     for title, store in (("state", 0), ("log", 1)):
         yield title, b"\2" + b"".join(bytes([store]) + row(*each) for each in POLICY)
+    for title, store in (("state", 0), ("log", 1)):  # a number of 33 bits, which is another one when it is read as one of 32
+        strange = bytes([store, 2, 0, 12]) + number_of(0) * 2 + bytes([4, 0]) + number_of(1)
+        yield "strange-" + title, b"\2" + b"".join(bytes([store]) + row(*each) for each in POLICY) + bytes([store]) + row(2, 0, 0, 0, 0, 4, 7) + \
+            strange + bytes([1]) + row(2, 0, 0, 0, 0, 4, 9)
+    yield "destroyed", b"\2" + b"".join(bytes([0]) + row(*each) for each in POLICY) + bytes([1]) + row(1, 0, 0, 0, 0, 1, 4)
     yield "empty", b"\0"
     yield "text", b"\0no database\n"
     yield "database", b"\0" + database(512)

@@ -3,6 +3,7 @@
 #include "host/netlink/netlink_message.h"
 
 #include <arpa/inet.h>
+#include <endian.h>
 
 #include <cassert>
 
@@ -94,6 +95,11 @@ void NetlinkAttrs::takeAll(const void *pFirst, const uint8_t *pEnd) {
 std::optional<uint32_t> NetlinkAttrs::u32Be(uint16_t type) const {
     const std::optional<uint32_t> value = u32(type);
     return value ? std::optional<uint32_t>(ntohl(*value)) : std::nullopt;
+}
+
+std::optional<uint64_t> NetlinkAttrs::u64Be(uint16_t type) const {
+    const std::optional<uint64_t> value = number<uint64_t>(type);
+    return value ? std::optional<uint64_t>(be64toh(*value)) : std::nullopt;
 }
 
 std::string NetlinkAttrs::string(uint16_t type) const {

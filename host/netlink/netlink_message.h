@@ -72,6 +72,7 @@ public:
     std::optional<uint16_t> u16(uint16_t type) const { return number<uint16_t>(type); }
     std::optional<uint32_t> u32(uint16_t type) const { return number<uint32_t>(type); }
     std::optional<uint32_t> u32Be(uint16_t type) const;
+    std::optional<uint64_t> u64Be(uint16_t type) const;
     std::string string(uint16_t type) const; // empty when absent; stops at a terminator
     std::vector<uint8_t> bytes(uint16_t type) const;
 
@@ -88,6 +89,20 @@ private:
     }
     std::array<const nlattr *, MAX_TYPE + 1> attrs_{};
 };
+
+// Visits the attributes of a nest, as many as are whole, one behind the other. pNest: null for none.
+template <class Visit> void netlinkVisit(const nlattr *pNest, Visit visit) {
+    if (pNest == nullptr) {
+        return;
+    }
+    const auto *pAt = static_cast<const uint8_t *>(mnl_attr_get_payload(pNest));
+    const uint8_t *const pEnd = pAt + mnl_attr_get_payload_len(pNest);
+    while (pAt < pEnd && mnl_attr_ok(reinterpret_cast<const nlattr *>(pAt), static_cast<int>(pEnd - pAt))) {
+        const auto *pAttr = reinterpret_cast<const nlattr *>(pAt);
+        visit(pAttr);
+        pAt += MNL_ALIGN(pAttr->nla_len);
+    }
+}
 
 // Whether `left` bytes begin with a whole message. libmnl's own test takes a length from 2 GiB on for a negative
 // one, which fits everywhere.

@@ -1,4 +1,4 @@
-// Our nftables table on the wire: see nft_codec.h. Called by the kernel plane; calls libnftnl.
+// Our nftables table on the wire, the changes: see nft_codec.h. Called by the kernel plane; calls libnftnl.
 //
 // Every libnftnl object lives in a unique pointer; expressions and elements handed over to a rule or a
 // set belong to it. Registers: NFT_REG_1 (16 bytes) for every value.
@@ -27,7 +27,6 @@ namespace host {
 namespace {
 
 constexpr size_t MESSAGE_BYTES = 16384;   // no message of ours comes near
-constexpr uint8_t UDATA_FINGERPRINT = 64; // our own number among a rule's user data
 constexpr uint32_t DATATYPE_FIB_ADDR = 38, DATATYPE_IFNAME = 41; // how nft prints the keys
 constexpr uint32_t DATATYPE_HOST_ENDIAN = 1;
 constexpr uint32_t VERDICT_BYTES = 4; // size of a verdict to the kernel: it takes no other notice
@@ -44,8 +43,6 @@ using Chain = std::unique_ptr<nftnl_chain, Deleter>;
 using Rule = std::unique_ptr<nftnl_rule, Deleter>;
 using Set = std::unique_ptr<nftnl_set, Deleter>;
 using Udata = std::unique_ptr<nftnl_udata_buf, Deleter>;
-
-uint16_t nftType(uint16_t message) { return static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | message); }
 
 // ---- expressions ----
 
@@ -182,163 +179,9 @@ void ruleUdataSet(nftnl_rule *pRule, const NftRule &rule) {
         nftnl_udata_put_strz(buffer.get(), NFTNL_UDATA_RULE_COMMENT, rule.comment.c_str());
     }
     const uint64_t fingerprint = nftFingerprint(rule);
-    nftnl_udata_put(buffer.get(), UDATA_FINGERPRINT, sizeof fingerprint, &fingerprint);
+    nftnl_udata_put(buffer.get(), NFT_UDATA_FINGERPRINT, sizeof fingerprint, &fingerprint);
     nftnl_rule_set_data(pRule, NFTNL_RULE_USERDATA, nftnl_udata_buf_data(buffer.get()),
                         nftnl_udata_buf_len(buffer.get()));
-}
-
-// The first value of a kind in an object's user data: kind, length, bytes, one behind the other. Whoever made
-// the object wrote the lengths, the kernel looks at none of it, and libnftnl's own reader believes them; here
-// what does not fit ends the reading. Empty: there is none.
-std::string udataValue(const void *pData, uint32_t len, uint8_t kind) {
-    const auto *pAt = static_cast<const uint8_t *>(pData);
-    for (uint32_t left = pAt == nullptr ? 0 : len; left >= 2 && pAt[1] <= left - 2u;) {
-        if (pAt[0] == kind) {
-            return {reinterpret_cast<const char *>(pAt) + 2, pAt[1]};
-        }
-        left -= 2u + pAt[1];
-        pAt += 2u + pAt[1];
-    }
-    return {};
-}
-
-std::string ruleUdata(const nftnl_rule *pRule, uint8_t kind) {
-    uint32_t len = 0;
-    const void *pData = nftnl_rule_get_data(pRule, NFTNL_RULE_USERDATA, &len);
-    return udataValue(pData, len, kind);
-}
-
-// Up to its terminator.
-std::string textOf(const std::string &value) { return value.substr(0, value.find('\0')); }
-
-uint64_t fingerprintOf(const nftnl_rule *pRule) {
-    const std::string value = ruleUdata(pRule, UDATA_FINGERPRINT);
-    uint64_t fingerprint = 0;
-    if (value.size() == sizeof fingerprint) { // else it is not our rule
-        memcpy(&fingerprint, value.data(), sizeof fingerprint);
-    }
-    return fingerprint;
-}
-
-std::string commentOf(const nftnl_rule *pRule) { return textOf(ruleUdata(pRule, NFTNL_UDATA_RULE_COMMENT)); }
-
-// ---- dumps ----
-
-NetlinkMessage request(uint16_t message, const char *pTable, uint16_t tableAttr) {
-    NetlinkMessage built(nftType(message), 0);
-    nfgenmsg header = {};
-    header.nfgen_family = NFPROTO_INET;
-    header.version = NFNETLINK_V0;
-    built.header(header);
-    if (pTable != nullptr) {
-        built.putString(tableAttr, pTable);
-    }
-    return built;
-}
-
-// A name that the kernel told; empty: it told none.
-std::string nameOf(const char *pName) { return pName == nullptr ? "" : pName; }
-
-bool isOurs(const char *pTable) { return pTable != nullptr && strcmp(pTable, KERNEL_TABLE) == 0; }
-
-void tableTake(const nlmsghdr *pMessage, NftImage *pImage) {
-    Table table(nftnl_table_alloc());
-    if (nftnl_table_nlmsg_parse(pMessage, table.get()) < 0 ||
-        !isOurs(nftnl_table_get_str(table.get(), NFTNL_TABLE_NAME)) ||
-        nftnl_table_get_u32(table.get(), NFTNL_TABLE_FAMILY) != NFPROTO_INET) {
-        return;
-    }
-    uint32_t len = 0;
-    const void *pData = nftnl_table_get_data(table.get(), NFTNL_TABLE_USERDATA, &len);
-    const std::string comment = textOf(udataValue(pData, len, NFTNL_UDATA_TABLE_COMMENT));
-    pImage->foreign = comment.rfind(NFT_OWNER, 0) != 0;
-    pImage->stale = !pImage->foreign && comment != std::string(NFT_OWNER) + NFT_LAYOUT;
-    pImage->table = !pImage->foreign && !pImage->stale;
-}
-
-// The base chain must be where it is meant to be, else the table is made anew.
-bool isBaseAsMeant(const nftnl_chain *pChain) {
-    const char *pType = nftnl_chain_get_str(pChain, NFTNL_CHAIN_TYPE);
-    return nftnl_chain_is_set(pChain, NFTNL_CHAIN_HOOKNUM) && pType != nullptr && strcmp(pType, "filter") == 0 &&
-           nftnl_chain_get_u32(pChain, NFTNL_CHAIN_HOOKNUM) == NF_INET_PRE_ROUTING &&
-           nftnl_chain_get_s32(pChain, NFTNL_CHAIN_PRIO) == KERNEL_BASE_PRIORITY &&
-           nftnl_chain_get_u32(pChain, NFTNL_CHAIN_POLICY) == NF_ACCEPT;
-}
-
-void chainTake(const nlmsghdr *pMessage, NftImage *pImage) {
-    Chain chain(nftnl_chain_alloc());
-    if (nftnl_chain_nlmsg_parse(pMessage, chain.get()) < 0 ||
-        !isOurs(nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TABLE))) {
-        return;
-    }
-    const std::string name = nameOf(nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_NAME));
-    pImage->chains[name];
-    if (name == KERNEL_BASE_CHAIN && !isBaseAsMeant(chain.get())) {
-        pImage->stale = true;
-    }
-}
-
-void setTake(const nlmsghdr *pMessage, NftImage *pImage) {
-    Set set(nftnl_set_alloc());
-    if (nftnl_set_nlmsg_parse(pMessage, set.get()) == 0 && isOurs(nftnl_set_get_str(set.get(), NFTNL_SET_TABLE))) {
-        pImage->sets.insert(nameOf(nftnl_set_get_str(set.get(), NFTNL_SET_NAME)));
-    }
-}
-
-using RuleVisitor = std::function<void(const std::string &chain, nftnl_rule *pRule)>;
-
-NetlinkError rulesVisit(NetlinkSocket &socket, const RuleVisitor &visit, const std::string &chain = "") {
-    NetlinkMessage message = request(NFT_MSG_GETRULE, KERNEL_TABLE, NFTA_RULE_TABLE);
-    if (!chain.empty()) {
-        message.putString(NFTA_RULE_CHAIN, chain);
-    }
-    return socket.dump(message, [&](const nlmsghdr *pMessage) {
-        Rule rule(nftnl_rule_alloc());
-        if (nftnl_rule_nlmsg_parse(pMessage, rule.get()) == 0 &&
-            isOurs(nftnl_rule_get_str(rule.get(), NFTNL_RULE_TABLE))) {
-            visit(nameOf(nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN)), rule.get());
-        }
-    }).error;
-}
-
-struct ElementContext {
-    NftImage *pImage;
-    std::string set;
-};
-
-int elementTake(nftnl_set_elem *pElement, void *pData) {
-    auto *pContext = static_cast<ElementContext *>(pData);
-    uint32_t len = 0;
-    const auto *pKey = static_cast<const char *>(nftnl_set_elem_get(pElement, NFTNL_SET_ELEM_KEY, &len));
-    const char *pChain = nftnl_set_elem_get_str(pElement, NFTNL_SET_ELEM_CHAIN);
-    pContext->pImage->elements[{pContext->set, std::string(pKey, len)}] = pChain == nullptr ? "" : pChain;
-    return 0;
-}
-
-NetlinkError elementsRead(NetlinkSocket &socket, const std::string &name, NftImage *pImage) {
-    NetlinkMessage message = request(NFT_MSG_GETSETELEM, KERNEL_TABLE, NFTA_SET_ELEM_LIST_TABLE);
-    message.putString(NFTA_SET_ELEM_LIST_SET, name);
-    ElementContext context{pImage, name};
-    return socket.dump(message, [&](const nlmsghdr *pMessage) {
-        Set set(nftnl_set_alloc());
-        if (nftnl_set_elems_nlmsg_parse(pMessage, set.get()) == 0) {
-            nftnl_set_elem_foreach(set.get(), elementTake, &context);
-        }
-    }).error;
-}
-
-NftCount countOf(nftnl_rule *pRule) {
-    NftCount count;
-    nftnl_expr_foreach(pRule, [](nftnl_expr *pExpr, void *pData) {
-        const char *pName = nftnl_expr_get_str(pExpr, NFTNL_EXPR_NAME);
-        if (pName != nullptr && strcmp(pName, "counter") == 0) {
-            auto *pCount = static_cast<NftCount *>(pData);
-            pCount->packets = nftnl_expr_get_u64(pExpr, NFTNL_EXPR_CTR_PACKETS);
-            pCount->bytes = nftnl_expr_get_u64(pExpr, NFTNL_EXPR_CTR_BYTES);
-        }
-        return 0;
-    }, &count);
-    return count;
 }
 
 } // namespace
@@ -477,61 +320,6 @@ NetlinkBatchResult NftBatch::send() {
 const std::string *NftBatch::ownerOf(uint32_t seq) const {
     auto it = owners_.find(seq);
     return it == owners_.end() ? nullptr : &it->second;
-}
-
-// ---- reading ----
-
-std::string nftRead(NetlinkSocket &socket, NftImage *pImage) {
-    *pImage = {};
-    NetlinkMessage tables = request(NFT_MSG_GETTABLE, nullptr, 0);
-    NetlinkError error = socket.dump(tables, [&](const nlmsghdr *p) { tableTake(p, pImage); }).error;
-    if (error || !(pImage->table || pImage->stale)) {
-        return netlinkErrorText("cannot read nftables tables", error);
-    }
-    NetlinkMessage chains = request(NFT_MSG_GETCHAIN, KERNEL_TABLE, NFTA_CHAIN_TABLE);
-    error = socket.dump(chains, [&](const nlmsghdr *p) { chainTake(p, pImage); }).error;
-    if (!error) {
-        error = rulesVisit(socket, [&](const std::string &chain, nftnl_rule *pRule) {
-            pImage->chains[chain].push_back(fingerprintOf(pRule));
-        });
-    }
-    NetlinkMessage sets = request(NFT_MSG_GETSET, KERNEL_TABLE, NFTA_SET_TABLE);
-    if (!error) {
-        error = socket.dump(sets, [&](const nlmsghdr *p) { setTake(p, pImage); }).error;
-    }
-    for (const std::string &name : pImage->sets) {
-        error = error ? error : elementsRead(socket, name, pImage);
-    }
-    if (pImage->stale) {
-        pImage->table = false;
-    }
-    return netlinkErrorText("cannot read table inet policyroute", error);
-}
-
-std::string nftCounters(NetlinkSocket &socket, std::map<std::string, std::vector<uint64_t>> *pCounters) {
-    const NetlinkError error = rulesVisit(socket, [&](const std::string &chain, nftnl_rule *pRule) {
-        (*pCounters)[chain].push_back(countOf(pRule).packets);
-    });
-    return netlinkErrorText("cannot read the rules' counters", error);
-}
-
-std::string nftCountsRead(NetlinkSocket &socket, const std::string &chain,
-                          std::map<std::string, NftChainCounts> *pCounts) {
-    const auto take = [&](const std::string &name, nftnl_rule *pRule) {
-        (*pCounts)[name].emplace_back(commentOf(pRule), countOf(pRule));
-    };
-    const NetlinkError error = rulesVisit(socket, take, chain);
-    return error.code == ENOENT ? "" : netlinkErrorText("cannot read the rules' counters", error);
-}
-
-bool nftIsOfOurTable(const nlmsghdr *pMessage) {
-    if (NFNL_SUBSYS_ID(pMessage->nlmsg_type) != NFNL_SUBSYS_NFTABLES) {
-        return false;
-    }
-    // In all of these the table's name is attribute 1.
-    const uint16_t type = NFNL_MSG_TYPE(pMessage->nlmsg_type);
-    const bool isNamed = type <= NFT_MSG_DELSETELEM && type != NFT_MSG_GETTABLE;
-    return isNamed && NetlinkAttrs(pMessage, sizeof(nfgenmsg)).string(NFTA_TABLE_NAME) == KERNEL_TABLE;
 }
 
 } // namespace host

@@ -1,4 +1,4 @@
-// Our nftables table on the wire: values to netlink batches, dumps to values. Over libnftnl.
+// Our nftables table on the wire: values to netlink batches, over libnftnl, and dumps to values (nft_codec_read.cpp).
 //
 // A batch is one transaction of the kernel: all of it takes effect for packets at one instant, or
 // nothing of it. Used by the kernel plane only.
@@ -19,6 +19,7 @@ namespace host {
 // layout is made anew, in one transaction.
 inline constexpr const char *NFT_OWNER = "policyroute: ";
 inline constexpr const char *NFT_LAYOUT = "layout 1";
+inline constexpr uint8_t NFT_UDATA_FINGERPRINT = 64; // our own number among a rule's user data
 
 class NftBatch {
 public:

@@ -47,18 +47,15 @@ void ruleTake(const nlmsghdr *pMessage, Surroundings *pAround) {
     if ((!isOf[0] && !isOf[1]) || pExpressions == nullptr || (family == NFPROTO_INET && table == KERNEL_TABLE)) {
         return;
     }
-    const auto *pEnd = static_cast<const char *>(mnl_attr_get_payload(pExpressions)) + mnl_attr_get_payload_len(pExpressions);
-    const auto *pExpression = static_cast<const nlattr *>(mnl_attr_get_payload(pExpressions));
-    for (; mnl_attr_ok(pExpression, static_cast<int>(pEnd - reinterpret_cast<const char *>(pExpression)));
-         pExpression = mnl_attr_next(pExpression)) {
+    netlinkVisit(pExpressions, [&](const nlattr *pExpression) {
         if (!isTracking(NetlinkAttrs(pExpression))) {
-            continue;
+            return;
         }
         for (const int i : {0, 1}) {
             const char *pFamily = family == NFPROTO_INET ? "inet " : family == NFPROTO_IPV4 ? "ip " : "ip6 ";
             pAround->tracker[i] = isOf[i] && pAround->tracker[i].empty() ? pFamily + table : pAround->tracker[i];
         }
-    }
+    });
 }
 
 } // namespace
