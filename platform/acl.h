@@ -55,4 +55,8 @@ int32_t aclLstSyncApi(uint32_t aclNum, uint32_t command, int32_t *pDelta);
 int32_t aclRuleDevTrans(const uint32_t *pRuleKey, void *pEntry);
 }
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(PbrHwAclDesc) == 8 && offsetof(PbrHwAclDesc, len) == 4);
+#endif
+
 #endif

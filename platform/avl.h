@@ -52,4 +52,9 @@ void *avl_nearest(const AvlTree *pTree, const void *pSearch, int32_t direction);
 int32_t avl_is_empty(const AvlTree *pTree);
 }
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(AvlNode) == 16 && offsetof(AvlNode, pRight) == 4 && offsetof(AvlNode, pParent) == 8 &&
+              offsetof(AvlNode, balance) == 12);
+#endif
+
 #endif

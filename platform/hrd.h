@@ -29,4 +29,8 @@ struct HrdPeerDesc {
 int32_t hrdScalarSetApi(uint32_t unit, uint32_t object, HrdPeerDesc *pDesc);
 }
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(HrdPeerDesc) == 8 && offsetof(HrdPeerDesc, len) == 4);
+#endif
+
 #endif

@@ -37,6 +37,10 @@ int32_t icmProcTcpInit(const char *taskName, const char *path, const IcmCommand 
                        uint32_t count);
 }
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(PbrApiValue) == 8 && offsetof(PbrApiValue, word1) == 4);
+#endif
+
 // How a command is called.
 enum IcmShapeKind : uint8_t {
     ICM_SHAPE_NONE,  // no handler

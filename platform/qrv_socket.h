@@ -76,5 +76,7 @@ int32_t qrv_close(int32_t fd);
 // Result: 0 or more, or negative on failure. Lock: held by caller
 int32_t qrvNetlinkSGrpSend(uint32_t group, uint32_t flags, const void *pMessage, uint32_t len);
 }
+static_assert(sizeof(QrvNetlinkAddr) == 12 && offsetof(QrvNetlinkAddr, family) == 1 &&
+              offsetof(QrvNetlinkAddr, port) == 4 && offsetof(QrvNetlinkAddr, groups) == 8);
 
 #endif

@@ -29,4 +29,8 @@ void silMemPoolFree(SilMemPool *pPool, void *pSlot);
 void silMemPoolDestroy(SilMemPool *pPool);
 }
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(SilMemPool) == 32);
+#endif
+
 #endif

@@ -42,4 +42,8 @@ int32_t silTimerListNextTimeout(SilTimerList *pList);
 void silTimerListCheck(SilTimerList *pList);
 }
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(SilTimerList) == 8 && sizeof(SilTimer) == 32);
+#endif
+
 #endif
