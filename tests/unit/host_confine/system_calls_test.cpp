@@ -1,15 +1,22 @@
 // The filter of system calls: what passes, and how a process ends that makes another. Each in a child.
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <ctime>
+#include <mutex>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
+#include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include "host/confine/system_calls.h"
@@ -70,6 +77,9 @@ TEST_F(SystemCallsDeathTest, UsersMountsNamespacesAndOtherProcessesAreOutOfReach
 
 TEST_F(SystemCallsDeathTest, SocketsOfOtherFamiliesCannotBeMade) {
     SKIP_WIDER_LIST();
+#if defined(__i386__)
+    GTEST_SKIP() << "this machine's C library makes sockets by socketcall, whose arguments a filter does not see";
+#endif
     EXPECT_REFUSED(SYS_socket, socket(AF_PACKET, SOCK_RAW, 0));
     EXPECT_REFUSED(SYS_socket, socket(AF_VSOCK, SOCK_STREAM, 0));
 }
@@ -105,6 +115,50 @@ TEST_F(SystemCallsDeathTest, WhatTheDaemonDoesPasses) {
     EXPECT_EXIT(confinedCall([] { _exit(syscall(SYS_clone3, nullptr, 0) == -1 && errno == ENOSYS ? PASSED : 2); }),
                 testing::ExitedWithCode(PASSED), "");
     EXPECT_EXIT(confinedCall([] { abort(); }), testing::KilledBySignal(SIGABRT), "");
+}
+
+// A process of 32 bits whose times have 64 makes other calls than one of 64 bits.
+TEST_F(SystemCallsDeathTest, ClocksAndWaitingPassInEachWidthOfTime) {
+    const auto passes = [](auto call) {
+        EXPECT_EXIT(confinedCall(call), testing::ExitedWithCode(PASSED), "");
+    };
+    passes([] {
+        timespec time{};
+        (void)clock_gettime(CLOCK_MONOTONIC, &time);
+        (void)clock_getres(CLOCK_REALTIME, &time);
+        time = {0, 1};
+        (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
+    });
+    passes([] {
+        const itimerspec soon{{}, {0, 1}};
+        itimerspec left{};
+        const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+        (void)timerfd_settime(fd, 0, &soon, nullptr);
+        (void)timerfd_gettime(fd, &left);
+    });
+    passes([] {
+        timespec none{};
+        (void)ppoll(nullptr, 0, &none, nullptr);
+        timeval now{};
+        (void)select(0, nullptr, nullptr, nullptr, &now);
+        (void)pselect(0, nullptr, nullptr, nullptr, &none, nullptr);
+    });
+    passes([] {
+        sigset_t none;
+        sigemptyset(&none);
+        const timespec now{};
+        (void)sigtimedwait(&none, nullptr, &now);
+    });
+    passes([] {
+        std::timed_mutex mutex;
+        const std::lock_guard<std::timed_mutex> held(mutex);
+        std::thread([&] { (void)mutex.try_lock_for(std::chrono::microseconds(1)); }).join();
+    });
+    passes([] {
+        timespec none{};
+        (void)recvmmsg(-1, nullptr, 0, MSG_DONTWAIT, &none);
+        (void)futimens(-1, nullptr);
+    });
 }
 
 TEST_F(SystemCallsDeathTest, TheOptionLeavesItOut) {
