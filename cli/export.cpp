@@ -10,6 +10,7 @@
 #include "cli/numbers.h"
 #include "cli/planner.h"
 #include "cli/policy_file.h"
+#include "cli/policy_file_reader.h"
 #include "cli/running.h"
 #include "schedule/schedule_text.h"
 
@@ -212,15 +213,6 @@ void lineTakeOut(Lines &lines, size_t at, const std::string &reason, std::vector
     }
     for (size_t i = at; i < end; i++) {
         lines[i] = isComment(lines[i]) ? lines[i] : "# " + printable(lines[i]) + (i == at ? "   # " + printable(reason) : "");
-    }
-}
-
-bool isUtf8(const std::string &text) {
-    try {
-        (void)nlohmann::json(text).dump();
-        return true;
-    } catch (const nlohmann::json::exception &) {
-        return false;
     }
 }
 

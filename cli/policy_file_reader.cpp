@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include <nlohmann/json.hpp>
+
 #include "cli/numbers.h"
 #include "cli/vrf_names.h"
 
@@ -19,6 +21,8 @@ void mapRead(Reader &reader, const YAML::Node &map, const std::string &what, con
     for (const auto &pair : map) {
         if (!pair.first.IsScalar()) {
             reader.problem(pair.first, what + ": a key must be plain text");
+        } else if (!isUtf8(pair.first.Scalar())) {
+            reader.problem(pair.first, what + ": a key is no text in UTF-8");
         } else if (!seen.insert(pair.first.Scalar()).second) {
             reader.problem(pair.first, what + ": '" + pair.first.Scalar() + "' stands here for the second time");
         } else {
@@ -30,6 +34,10 @@ void mapRead(Reader &reader, const YAML::Node &map, const std::string &what, con
 std::optional<std::string> textRead(Reader &reader, const YAML::Node &node, const std::string &what) {
     if (!node.IsScalar()) {
         reader.problem(node, what + " must be plain text");
+        return std::nullopt;
+    }
+    if (!isUtf8(node.Scalar())) {
+        reader.problem(node, what + " is no text in UTF-8");
         return std::nullopt;
     }
     return node.Scalar();
@@ -66,6 +74,15 @@ std::optional<uint32_t> vrfRead(Reader &reader, const YAML::Node &node, const st
 
 bool isPlainName(const std::string &name) {
     return std::none_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x21 || c == 0x7f || c == '/'; });
+}
+
+bool isUtf8(const std::string &text) {
+    try {
+        (void)nlohmann::json(text).dump();
+        return true;
+    } catch (const nlohmann::json::exception &) {
+        return false;
+    }
 }
 
 bool isHostAddress(const std::vector<uint8_t> &address) {

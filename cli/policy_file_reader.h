@@ -61,6 +61,9 @@ std::optional<uint32_t> vrfRead(Reader &reader, const YAML::Node &node, const st
 // No spaces, slashes or control characters. Lock: none
 bool isPlainName(const std::string &name);
 
+// Whether it is text: a policy file is, names in the daemon may be any bytes.
+bool isUtf8(const std::string &text);
+
 // An address that a host can have: not zero, multicast or loopback. Lock: none
 bool isHostAddress(const std::vector<uint8_t> &address);
 

@@ -256,6 +256,9 @@ TEST(PolicyFile, TextThatIsNoPolicyIsRefused) {
     expectProblem("lists: {}\n---\n# nothing\n\n...\n", 5, "one document");
     expectProblem(", 192.0.2.4]}\n    10: {acl: 9999}\n", 1, "one document"); // so the library takes what is behind a comma
     expectProblem("lists: {}\n? [a, b]\n: c\n", 2, "a key must be plain text");
+    expectProblem("lists: {wan: {}}\nbindings:\n  lan\xaa: wan\n", 3, "bindings: a key is no text in UTF-8");
+    expectProblem("lists: {wan: {}}\nbindings:\n  lan0: w\xc3\n", 3, "is no text in UTF-8");
+    EXPECT_TRUE(policyFileRead("p.yaml", "lists: {w\xc3\xa4: {}} # \xe4, in a comment\n").problems.empty());
 }
 
 TEST(PolicyFile, RemovingEverythingMustBeSaid) {
