@@ -140,14 +140,22 @@ void PolicyState::drop(const PolicyRow &row) {
     }
 }
 
+// Takes a field of a row away, and the row with its last one: a row without fields is none, and not kept.
+void PolicyState::fieldDrop(const PolicyRow &row, uint32_t field) {
+    const auto held = rows_.find(row);
+    if (held == rows_.end() || held->second.erase(field) == 0) {
+        return;
+    }
+    if (held->second.empty()) {
+        rows_.erase(held);
+    }
+    changed_.insert(row);
+}
+
 // The clear of a node takes version and VRF, and its next hops unless it is told not to.
 void PolicyState::clear(const PolicyRow &node, bool withHops) {
-    const auto held = rows_.find(node);
-    if (held != rows_.end()) {
-        held->second.erase(PBR_NODE_IP_VERSION);
-        held->second.erase(PBR_NODE_VRF_ID);
-        changed_.insert(node);
-    }
+    fieldDrop(node, PBR_NODE_IP_VERSION);
+    fieldDrop(node, PBR_NODE_VRF_ID);
     PolicyRow hop = node;
     hop.table = PolicyTable::NextHop;
     for (auto at = rows_.lower_bound(hop); withHops && at != rows_.end() && at->first.table == PolicyTable::NextHop &&
@@ -183,10 +191,10 @@ void PolicyState::done(const PolicySet &set) {
         }
     }
     if (table == PolicyTable::Node && set.field == PBR_NODE_TIME_RANGE_ID && set.value.number == PBR_TIME_RANGE_NONE) {
-        rows_[set.row].erase(PBR_NODE_TIME_RANGE_ID);
-    } else {
-        rows_[set.row][set.field] = set.value;
+        fieldDrop(set.row, PBR_NODE_TIME_RANGE_ID);
+        return;
     }
+    rows_[set.row][set.field] = set.value;
     changed_.insert(set.row);
 }
 
@@ -194,11 +202,11 @@ bool PolicyState::failed(const PolicySet &set, uint32_t result) {
     if (set.row.table != PolicyTable::Interface || set.field != PBR_IF_PBR_NAME || result != PBR_ERR_BIND) {
         return false;
     }
-    const auto held = rows_.find(set.row); // a bind that failed leaves the interface without a list
-    if (held == rows_.end() || held->second.erase(PBR_IF_PBR_NAME) == 0) {
+    const auto held = rows_.find(set.row);
+    if (held == rows_.end() || held->second.count(PBR_IF_PBR_NAME) == 0) {
         return false;
     }
-    changed_.insert(set.row);
+    fieldDrop(set.row, PBR_IF_PBR_NAME); // a bind that failed leaves the interface without a list
     return true;
 }
 

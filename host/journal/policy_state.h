@@ -81,6 +81,7 @@ public:
 
 private:
     void clear(const PolicyRow &node, bool withHops);
+    void fieldDrop(const PolicyRow &row, uint32_t field);
 
     std::map<PolicyRow, PolicyFields> rows_;
     std::set<PolicyRow> changed_;

@@ -243,6 +243,22 @@ TEST_F(JournalFiles, RowsThatNoSetWritesAreDroppedAndSaid) {
     EXPECT_TRUE(findings.empty());
 }
 
+TEST_F(JournalFiles, ARowWithoutFieldsIsNone) {
+    JournalFile journal;
+    PolicyState state;
+    ASSERT_EQ("", journal.open(path, &state, &findings));
+    for (const PolicySet &set : {nodeSet("a", 1, PBR_NODE_TIME_RANGE_ID, PBR_TIME_RANGE_NONE), nodeSet("a", 2, PBR_NODE_VRF_ID, 7),
+                                 nodeSet("a", 2, PBR_NODE_CLEAR, 1)}) {
+        ASSERT_EQ("", journal.append(set));
+        state.done(set);
+    }
+
+    EXPECT_TRUE(state.rows().empty());
+    EXPECT_EQ(state.rows(), rowsOf(crashCopy(), &findings));
+    ASSERT_EQ("", journal.fold(state, state.takeChanged()));
+    EXPECT_EQ(state.rows(), rowsOf(crashCopy(), &findings));
+}
+
 TEST_F(JournalFiles, ADiskWithoutRoomRefusesTheSetAndKeepsWhatWasThere) {
     JournalFile journal;
     PolicyState state;
