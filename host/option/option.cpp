@@ -110,8 +110,9 @@ const Known *hostKey(const std::string &key) {
     return pFound == std::end(HOST_KEYS) ? nullptr : pFound;
 }
 
+// A name of the kernel's has no blank; one in a file's key may hold a comment.
 bool isVrfKey(const std::string &key) {
-    return key.starts_with(VRF_PREFIX) && key.size() > VRF_PREFIX.size();
+    return key.starts_with(VRF_PREFIX) && key.size() > VRF_PREFIX.size() && key.find_first_of(" \t\r\n\v\f") == std::string::npos;
 }
 
 bool isKnown(const std::string &key) {

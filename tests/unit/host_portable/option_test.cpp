@@ -38,6 +38,7 @@ TEST_F(Option, ACommentRightBehindTheEqualsSignLeavesAnEmptyValue) {
     EXPECT_EQ("", host::optionGet("policyroute.maxlistnum"));
     EXPECT_EQ("", host::optionGet("host.group"));
     EXPECT_EQ("/a=#b", host::optionGet("host.root"));
+    EXPECT_EQ("--option host.vrf.a #b=7: unknown option 'host.vrf.a #b'", host::optionLoad({"host.vrf.a #b=7"}, "/dev/null"));
     EXPECT_EQ("--option host.device=#x: '#x' is no value for host.device: one of kernel, memory is expected",
               host::optionLoad({"host.device=#x"}, "/dev/null"));
 }
