@@ -222,6 +222,7 @@ ANSWERS = {
     "ruleset-other": (1, [nft(0, name(1, OURS), big(2, 0), big(3, 1)) + DONE]),
     "ruleset-odd": (1, [TABLE + DONE, ODD_CHAIN + DONE, ODD_RULE + DONE, SET + ODD_SET + DONE, ODD_ELEMENTS + DONE, ELEMENTS + DONE,
                         ODD_RULE + RULE + DONE, ODD_RULE + DONE]),
+    "ruleset-wrong-end": (1, [TABLE + DONE, netlink(3, struct.pack("=i", -(1 << 31))), netlink(3, struct.pack("=i", -4))]),
     "ruleset-open-text": (1, [TABLE + DONE, nft(3, name(1, OURS), name(3, "c"), attribute(7, b"filter..")) + DONE]),
     "batch": (3, [ACKNOWLEDGED, ACKNOWLEDGED + REFUSED]),
     "routing": (4, [RULES + OTHERS_RULE + DONE, DONE, ROUTE + DONE, DONE, NEXT_HOP + GROUP + DONE]),
@@ -277,6 +278,7 @@ def journal():
         strange = bytes([store, 2, 0, 12]) + number_of(0) * 2 + bytes([4, 0]) + number_of(1)
         yield "strange-" + title, b"\2" + b"".join(bytes([store]) + row(*each) for each in POLICY) + bytes([store]) + row(2, 0, 0, 0, 0, 4, 7) + \
             strange + bytes([1]) + row(2, 0, 0, 0, 0, 4, 9)
+    yield "fieldless", b"\2" + bytes([1]) + row(2, 0, 5, 0, 0, 19, 0xFFFFFFFF)
     yield "destroyed", b"\2" + b"".join(bytes([0]) + row(*each) for each in POLICY) + bytes([1]) + row(1, 0, 0, 0, 0, 1, 4)
     yield "empty", b"\0"
     yield "text", b"\0no database\n"

@@ -46,6 +46,9 @@ size_t acksAsked(const void *pMessages, size_t len) {
     return count;
 }
 
+// The errno of an answer, which is negative; EBADMSG for what is none.
+int errnoOf(int32_t answer) { return answer < 0 && answer != INT32_MIN ? -answer : EBADMSG; }
+
 } // namespace
 
 void netlinkSetRoom(int fd, int option, int forceOption, size_t bytes) {
@@ -67,7 +70,7 @@ NetlinkError netlinkErrorOf(const nlmsghdr *pMessage) {
     if (pErr->error == 0) {
         return error;
     }
-    error.code = pErr->error < 0 && pErr->error != INT32_MIN ? -pErr->error : EBADMSG; // others are no errno
+    error.code = errnoOf(pErr->error);
     error.seq = pErr->msg.nlmsg_seq;
     error.text = std::strerror(error.code);
     const bool echoed = (pMessage->nlmsg_flags & NLM_F_CAPPED) == 0 && pErr->msg.nlmsg_len >= MNL_NLMSG_HDRLEN;
@@ -229,7 +232,7 @@ NetlinkSocket::Attempt NetlinkSocket::dumpOnce(NetlinkMessage &message) {
                 if (mnl_nlmsg_get_payload_len(pMessage) >= sizeof(code)) {
                     std::memcpy(&code, mnl_nlmsg_get_payload(pMessage), sizeof(code));
                 }
-                attempt.error = code < 0 ? errorOf(-code, "dump") : NetlinkError();
+                attempt.error = code < 0 ? errorOf(errnoOf(code), "dump") : NetlinkError();
                 return attempt;
             }
             const uint8_t *pBytes = reinterpret_cast<const uint8_t *>(pMessage);
