@@ -96,7 +96,7 @@ ssize_t sendmsg(int fd, const struct msghdr *pMessage, int flags) {
 }
 ssize_t recv(int fd, void *pData, size_t size, int flags) {
     REFUSE(RECV, fd)
-    return REAL(recv)(fd, pData, size, flags);
+    return REAL(recv)(fd, pData, HALF(size), flags);
 }
 ssize_t recvfrom(int fd, void *pData, size_t size, int flags, struct sockaddr *pFrom, socklen_t *pLength) {
     REFUSE(RECVFROM, fd)
@@ -142,7 +142,7 @@ ssize_t write(int fd, const void *pData, size_t size) {
 }
 ssize_t read(int fd, void *pData, size_t size) {
     REFUSE(READ, fd)
-    return REAL(read)(fd, pData, size);
+    return REAL(read)(fd, pData, HALF(size));
 }
 int fdatasync(int fd) {
     REFUSE(FDATASYNC, fd)
