@@ -191,7 +191,7 @@ void jsonShow(const Prepared &made, bool isDone, std::ostream &out) {
 
 // Who undoes what this process leaves half-made when it is killed. Null: nothing is to be done, or the daemon
 // does not know of confirmations, which only --confirm needs.
-std::unique_ptr<ConfirmWatch> watchStart(Daemon &daemon, const Prepared &made, const ApplyOptions &options) {
+std::unique_ptr<ConfirmWatch> watchStart(const Daemon &daemon, const Prepared &made, const ApplyOptions &options) {
     if (made.plan.steps.empty()) {
         return nullptr;
     }

@@ -527,8 +527,8 @@ int pbrctlRun(const std::vector<std::string> &words, std::ostream &out, std::ost
     app.add_option("--root", context.root, "Folder of the daemon's run; default: POLICYROUTE_ROOT, else host.root of\n" +
                        std::string(OPTION_FILE));
     app.add_flag("--json", context.json, "Print JSON");
-    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd, timeRangeAdd, probeAdd, otherAdd, explainAdd, watchAdd, eventAdd,
-                           shellAdd, rawAdd}) {
+    for (const auto add : {applyAdd, policyAdd, showAdd, aclAdd, listAdd, nodeAdd, nextHopAdd, bindAdd,
+                           timeRangeAdd, probeAdd, otherAdd, explainAdd, watchAdd, eventAdd, shellAdd, rawAdd}) {
         add(app, context);
     }
     try {

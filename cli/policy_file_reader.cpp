@@ -58,7 +58,7 @@ std::optional<uint32_t> vrfRead(Reader &reader, const YAML::Node &node, const st
     if (!node.IsScalar() || isVrfNumber(node.Scalar())) {
         return numberOf(reader, node, what, 0, most);
     }
-    const std::string name = node.Scalar();
+    const std::string &name = node.Scalar();
     reader.file.hasVrfNames = true;
     if (reader.pVrfs == nullptr) {
         return reader.vrfsSeen.insert({name, UINT32_MAX - 2 - static_cast<uint32_t>(reader.vrfsSeen.size())}).first->second;

@@ -75,7 +75,8 @@ uint32_t probeDurationRead(ProbeReader &of, const YAML::Node &value, const std::
 // Text that goes into a request as it is: printable, without spaces.
 std::string probeWordRead(ProbeReader &of, const YAML::Node &value, const std::string &key, size_t most) {
     const std::string text = of.text(value, key);
-    if (text.empty() || text.size() > most || std::any_of(text.begin(), text.end(), [](unsigned char c) { return c <= ' ' || c >= 0x7f; })) {
+    const auto isOdd = [](unsigned char c) { return c <= ' ' || c >= 0x7f; };
+    if (text.empty() || text.size() > most || std::any_of(text.begin(), text.end(), isOdd)) {
         of.problem(value, key + " must be 1 to " + std::to_string(most) + " printable characters without spaces");
     }
     return text;

@@ -112,7 +112,8 @@ void probeDefine(Daemon &daemon, const ProbeOptions &options) {
             members[pKey] = text;
         }
     }
-    for (const auto &[pKey, number] : {std::pair{"port", options.port}, std::pair{"downAfter", options.downAfter}, std::pair{"upAfter", options.upAfter}}) {
+    for (const auto &[pKey, number] : {std::pair{"port", options.port}, std::pair{"downAfter", options.downAfter},
+                                       std::pair{"upAfter", options.upAfter}}) {
         if (number) {
             members[pKey] = *number;
         }

@@ -12,7 +12,8 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
 # What the daemon may not call (the platform does these), and the files that may, with the reason.
 FORBIDDEN = re.compile(
     r"(?<![\w.>:])(malloc|calloc|realloc|free|socket|recv|recvfrom|send|sendto|select|poll|sleep|usleep|"
-    r"nanosleep|time|gettimeofday|clock_gettime|fork|system|pthread_\w+|abort|exit)\s*\(|\bnew\s+\w|\bstd::(thread|mutex|string|vector|map)\b")
+    r"nanosleep|time|gettimeofday|clock_gettime|fork|system|pthread_\w+|abort|exit)\s*\(|\bnew\s+\w|"
+    r"\bstd::(thread|mutex|string|vector|map)\b")
 PRINTING = re.compile(r"(?<![\w.>:])(printf|puts|perror|fprintf|putchar)\s*\(")
 MAY_PRINT = ("core/pbr_start.cpp", "core/pbr_show*.cpp", "rtmsg/pbr_rt_sock.cpp", "core/pbr_main.cpp")
 MAY_CALL = {"core/pbr_main.cpp": {"sleep"}}

@@ -31,7 +31,7 @@ void toSocket(Hub &all, RouteSocket &socket, const void *pMessage, size_t len) {
     socket.isLosing = true;
 }
 
-void toClients(Hub &all, const BusSource &source, uint32_t group, const void *pMessage, size_t len) {
+void toClients(const Hub &all, const BusSource &source, uint32_t group, const void *pMessage, size_t len) {
     std::vector<uint8_t> packet; // made for the first member
     for (const auto &[fd, pClient] : all.clients) {
         if (fd == source.clientFd || !pClient->groups.contains(group)) {

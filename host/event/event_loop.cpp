@@ -108,6 +108,7 @@ void *EpollLoop::threadMain(void *pArg) {
     pLoop->lock.lock();
     (void)pthread_setname_np(pLoop->thread, "hostevent"); // only for those who look at the process
     pLoop->lock.unlock();
+    // cppcheck-suppress missingReturn ; run() does not return
     pLoop->run();
 }
 

@@ -27,8 +27,8 @@ uint32_t fibTableOfVrf(uint32_t vrfid);
 
 // Longest prefix match for `address` (version 4 or 6) in the VRF's table (for the main table: also what
 // the local table says is on-link is not considered). A route through a gateway gives that gateway and
-// its interface (resolved once), or is no way with option host.next-hop-via-gateway=off. Of several legs the first usable one counts: not dead, and rather one
-// with carrier. Routes of the lowest metric first; one that forbids (unreachable, blackhole, prohibit),
+// its interface (resolved once), or is no way with option host.next-hop-via-gateway=off. Of several legs the first usable one
+// counts: not dead, and rather one with carrier. Routes of the lowest metric first; one that forbids (unreachable, blackhole, prohibit),
 // ends the table (throw) or delivers locally is no way to anywhere. An address on the network of a link
 // that is administratively down is not to be had by a route to more than that network: the kernel has only
 // taken the network's own route away. Known are networks whose link went down while the mirror runs, and

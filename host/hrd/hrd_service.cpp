@@ -203,7 +203,7 @@ bool evaluate(Peer &peer) {
     return turned || moved;
 }
 
-void evaluateAll(Target &target) {
+void evaluateAll(const Target &target) {
     for (Peer *pPeer : target.peers) {
         evaluate(*pPeer);
     }

@@ -144,7 +144,7 @@ bool isFinished(const Client &client) {
     return client.isEnded && !mayServe(client) && unsent(client) == 0;
 }
 
-void clientClose(Server &server, Client &client) {
+void clientClose(Server &server, const Client &client) {
     const int fd = client.fd;
     server.unserved.erase(fd);
     server.clients.erase(fd);

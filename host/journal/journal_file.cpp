@@ -178,13 +178,13 @@ std::string JournalFile::strangeRowsDrop() {
 
 std::string JournalFile::readAll(PolicyState *pState) {
     sqlite3_stmt *pStatement = nullptr;
-    int code = SQLITE_DONE;
     for (const bool isLog : {false, true}) {
         const char *pSql = isLog ? "SELECT kind, list, node, hop, unit, field, number, bytes, seq FROM log ORDER BY seq"
                                  : "SELECT kind, list, node, hop, unit, field, number, bytes FROM state";
         if (sqlite3_prepare_v2(pDb_, pSql, -1, &pStatement, nullptr) != SQLITE_OK) {
             return error();
         }
+        int code = SQLITE_DONE;
         while ((code = sqlite3_step(pStatement)) == SQLITE_ROW) {
             const PolicySet set = setAt(pStatement);
             if (isLog) {

@@ -33,7 +33,8 @@ public:
 
     // Opens, or makes, the file and reads its policy: *pState is the state with the log in it. A file that is
     // damaged is moved aside ("PATH.damaged") and an empty one made, and rows that this program does not write are
-    // dropped; *pFindings gets a line about that, or about a last set that was not whole. Result: empty, or why it cannot be used. Lock: none
+    // dropped; *pFindings gets a line about that, or about a last set that was not whole. Result: empty, or why it
+    // cannot be used. Lock: none
     std::string open(const std::string &path, PolicyState *pState, std::vector<std::string> *pFindings);
     void close();
 

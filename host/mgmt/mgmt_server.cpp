@@ -56,7 +56,7 @@ std::string lineOf(const json &answer) {
 
 // The state behind the server; callbacks hold it weakly, so that none outlives stop().
 struct MgmtServer::Core : std::enable_shared_from_this<Core> {
-    Core(EventLoop &eventLoop, MgmtLimits theLimits, MgmtDispatch theDispatch,
+    Core(EventLoop &eventLoop, const MgmtLimits &theLimits, MgmtDispatch theDispatch,
          std::function<PeerRight(int)> theRightOf)
         : loop(eventLoop), limits(theLimits), dispatch(std::move(theDispatch)),
           rightOf(std::move(theRightOf)) {}
@@ -314,7 +314,7 @@ void MgmtServer::Core::watch(const ConnectionPtr &c, int events) {
     loop.fdAdd(c->fd, static_cast<uint32_t>(events), [weak = weak_from_this(), c](uint32_t got) {
         // Copies first: watching anew destroys this function object.
         const auto core = weak.lock();
-        const ConnectionPtr held = c;
+        const ConnectionPtr held = c; // NOLINT(performance-unnecessary-copy-initialization): c ends in ready()
         if (core != nullptr) {
             core->ready(held, got);
         }
@@ -375,7 +375,7 @@ std::string mgmtRefusal() {
            "write; others may read when option host.read-others is yes";
 }
 
-MgmtServer::MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch,
+MgmtServer::MgmtServer(EventLoop &loop, const MgmtLimits &limits, MgmtDispatch dispatch,
                        std::function<PeerRight(int)> rightOf)
     : pCore(std::make_shared<Core>(loop, limits, std::move(dispatch), std::move(rightOf))) {}
 

@@ -49,7 +49,7 @@ std::string mgmtRefusal();
 class MgmtServer {
 public:
     // rightOf: the right of who connected a descriptor.
-    MgmtServer(EventLoop &loop, MgmtLimits limits, MgmtDispatch dispatch,
+    MgmtServer(EventLoop &loop, const MgmtLimits &limits, MgmtDispatch dispatch,
                std::function<PeerRight(int fd)> rightOf = peerRight);
     ~MgmtServer();
     MgmtServer(const MgmtServer &) = delete;

@@ -87,6 +87,7 @@ std::optional<PeerPolicy> peerPolicy(std::string *pError) {
     policy.areOthersReading = optionGet("host.read-others") == "yes";
     std::string error;
     policy.group = peerGroup(&error);
+    // cppcheck-suppress knownConditionTrueFalse ; peerGroup writes it
     if (!error.empty()) {
         *pError = error;
         return std::nullopt;

@@ -96,6 +96,7 @@ int32_t silTimerStart(SilTimerList *pList, SilTimer *pTimer, uint32_t, uint32_t 
     return 0;
 }
 
+// cppcheck-suppress constParameter ; the interface says so
 int32_t silTimerStop(SilTimerList *pList, SilTimer *pTimer) {
     if (pList == nullptr || pTimer == nullptr) {
         return -1;

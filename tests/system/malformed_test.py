@@ -3,7 +3,6 @@ import os
 import random
 import socket
 import stat
-import struct
 
 import system_case
 from netlab import Command, list_key, node_key

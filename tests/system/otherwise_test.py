@@ -1,5 +1,4 @@
 """Nodes whose packets are dropped while nothing of them is usable: no packet of theirs ever leaves otherwise."""
-import json
 import time
 
 import system_case

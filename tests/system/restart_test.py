@@ -3,7 +3,7 @@ import time
 
 import system_case
 import netlab
-from steering_test import ACLS, both, hops, policy
+from steering_test import both, hops, policy
 
 
 class SurvivesTheDaemon(system_case.LabCase):

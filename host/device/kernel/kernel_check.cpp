@@ -59,6 +59,7 @@ std::vector<DeviceNotice> KernelDevice::differencesNow() {
         if (!error.empty()) {
             return {{"unreadable", error, "the daemon needs the right CAP_NET_ADMIN"}};
         }
+        // cppcheck-suppress knownConditionTrueFalse ; the lock was free meanwhile
         if (plane_.counters().applies != applies && i + 1 < READS_MOST) {
             continue;
         }
@@ -194,7 +195,7 @@ void KernelDevice::check(std::function<void(nlohmann::json)> done) {
                   {"repairs", plane_.counters().driftRepaired}, {"differences", deviceNoticesShow(differences)},
                   {"warnings", deviceNoticesShow(around)}};
     }
-    if (differences.end() != std::find_if(differences.begin(), differences.end(), [](const auto &notice) { return notice.code == "kernel"; })) {
+    if (std::any_of(differences.begin(), differences.end(), [](const auto &notice) { return notice.code == "kernel"; })) {
         readBackSoon(FOREIGN_CHANGE_MS, READ_ALL); // what was not told to us is repaired too
     }
     checks_.emplace_back(std::move(answer), std::move(done));

@@ -19,7 +19,7 @@ constexpr uint32_t LOCAL_TABLE = 255; // ends nobody's way but that of packets f
 std::optional<int> sysctlRead(const std::string &name) {
     std::ifstream file("/proc/sys/net/" + name);
     int value = 0;
-    return file >> value ? std::optional<int>(value) : std::nullopt;
+    return (file >> value) ? std::optional<int>(value) : std::nullopt;
 }
 
 bool isSelective(const fib_rule_hdr &header, const NetlinkAttrs &attrs) {

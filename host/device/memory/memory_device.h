@@ -4,9 +4,10 @@
 // Records are keyed by (interface unit, ACL): an add inserts or replaces, a delete goes by key alone and
 // succeeds for an absent one. The records of member ports of an aggregation are such records too. The
 // record of a single rule is keyed by (interface unit, ACL, rule); adding or deleting the record of
-// (interface unit, ACL), which stands for all rules that the ACL has then, lets go of its rule records. The number of records can be limited, and failures can be scripted, so
-// that the daemon's retries can be seen. Beside the records it holds the desired state of the redirect
-// view; what both say is shown side by side, nothing is corrected.
+// (interface unit, ACL), which stands for all rules that the ACL has then, lets go of its rule records. The
+// number of records can be limited, and failures can be scripted, so that the daemon's retries can be seen.
+// Beside the records it holds the desired state of the redirect view; what both say is shown side by side,
+// nothing is corrected.
 #ifndef HOST_DEVICE_MEMORY_MEMORY_DEVICE_H
 #define HOST_DEVICE_MEMORY_MEMORY_DEVICE_H
 
