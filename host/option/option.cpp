@@ -69,7 +69,9 @@ const Choice CHOICES[] = {
     {"host.memory-member-entries", {"on", "off"}},
 };
 
-std::map<std::string, std::string> gValues; // what was given; not changed after start-up
+// What was given; not changed after start-up. Never destroyed: when a start fails, the process ends beside an event
+// thread that still reads it.
+auto &gValues = *new std::map<std::string, std::string>;
 
 std::string trimmed(const std::string &text) {
     const size_t first = text.find_first_not_of(BLANKS);
