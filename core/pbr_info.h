@@ -27,7 +27,7 @@ struct PbrInfo {
     SilMemPool ifNodePool;  // "pbr_ifnode" of PbrIfNodeEntry
     PbrLink readyTable;     // head: PbrListEntry.readyLink, most recently queued first
     uint32_t lock;          // the mutex; 0 when absent
-    uint32_t listCount;     // lists in usedTable
+    uint32_t listCount;     // lists in usedTable; written whole, as it is read without the mutex too
     uint32_t maxListNum;    // slots of listPool
     uint32_t maxNodeNum;    // slots of nodePool
     uint32_t maxIfNum;      // slots of ifPool
@@ -51,7 +51,7 @@ struct PbrInfo {
 
 extern PbrInfo gPbrInfo;
 
-// Switches set from the shell; u32, 0 at start.
+// Switches set from the shell without the mutex, so read and written whole; u32, 0 at start.
 extern uint32_t gPbrDebug;            // set by pbrdebug; nothing reads it
 extern uint32_t gPbrSelfLog;          // "pbrselflog": record received peer reports too
 extern const uint8_t gPbrDebugPri[7]; // log priorities by kind of record

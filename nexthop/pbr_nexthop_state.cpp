@@ -32,7 +32,7 @@ void reportTrace(const char *pName, const Peer &peer) {
 }
 
 void hrdLog(const char *pState, const PbrNodeEntry *pNode, const PbrNextHopEntry *pHop) {
-    if (gPbrSelfLog == 0) {
+    if (__atomic_load_n(&gPbrSelfLog, __ATOMIC_RELAXED) == 0) {
         return;
     }
     PbrAddressText address = pbrAddressPrint(pNode->policyRouteIpVer, pHop->nextHop);

@@ -34,7 +34,7 @@ bool pbrHrdMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t) {
     const uint32_t vrId = pbrLoadU32(pPayload + offsetof(HrdPeerMsg, vrId));
     memcpy(pRead->hrdAddress, pPayload + offsetof(HrdPeerMsg, address), family == FAMILY_IPV4 ? 4 : 16);
     PBR_TRACE(PBR_DEBUG_GENERAL, PBR_LOG_EVENT, TEXT_RECEIVE, type, family, vrId);
-    if (gPbrSelfLog != 0) {
+    if (__atomic_load_n(&gPbrSelfLog, __ATOMIC_RELAXED) != 0) {
         selfLog(type, family, vrId, pRead->hrdAddress);
     }
     if (type == QRV_RTM_HRD_UP) {

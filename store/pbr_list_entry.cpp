@@ -67,7 +67,8 @@ PbrListEntry *pbrListEntryAdd(const uint8_t *pName, uint32_t nameLen) {
     pList->nameLen = static_cast<uint16_t>(nameLen);
     listInsertAfter(&pList->usedLink, listPlace(pName, nameLen));
     pbrListStatusSet(pList, PBR_ROW_CREATED);
-    gPbrInfo.listCount += 1;
+    // Whole, for the guard of the interface handlers, which reads it without the mutex.
+    __atomic_store_n(&gPbrInfo.listCount, gPbrInfo.listCount + 1, __ATOMIC_RELAXED);
     return pList;
 }
 

@@ -11,7 +11,8 @@ int32_t pbrListEntryDel(PbrListEntry *pList) {
         pNext = pbrListNodeNext(pList, pNode);
         (void)pbrNodeEntryDel(pNode); // 0 always
     }
-    gPbrInfo.listCount -= 1;
+    // Whole, as in pbrListEntryAdd.
+    __atomic_store_n(&gPbrInfo.listCount, gPbrInfo.listCount - 1, __ATOMIC_RELAXED);
     listUnlink(&pList->usedLink);
     silMemPoolFree(&gPbrInfo.listPool, pList);
     pbrViewMarkAll();
