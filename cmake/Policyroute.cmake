@@ -54,4 +54,7 @@ function(pbr_house_checks)
   endforeach()
   add_library(header_checks OBJECT ${units})
   target_compile_options(header_checks PRIVATE -O0 -Wno-unused-function)
+  if(POLICYROUTE_THREADS_ONLY) # every other build makes them
+    set_target_properties(header_checks PROPERTIES EXCLUDE_FROM_ALL ON)
+  endif()
 endfunction()

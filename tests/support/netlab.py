@@ -25,9 +25,17 @@ import tempfile
 import threading
 import time
 
+import races
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 CLONE_NEWNET = 0x40000000
 _libc = ctypes.CDLL(None, use_errno=True)
+
+
+def build_folder():
+    """Where the programs are."""
+    return os.environ.get("POLICYROUTE_BUILD") or os.path.join(ROOT, "build/release")
+
 
 def byte_order():
     """The byte order of the daemon's machine, for `struct`: an emulated one may have another than ours."""
@@ -61,6 +69,8 @@ def enter_private():
         args = ["unshare", "--mount", "--fork", "--kill-child"] if os.geteuid() == 0 else \
             ["unshare", "--user", "--map-root-user", "--mount", "--net", "--fork", "--kill-child"]
         os.environ["NETLAB_PRIVATE"] = "1"
+        if races.is_checked(build_folder()):
+            args = races.launcher() + args
         os.execvp(args[0], args + [sys.executable] + sys.argv)
     for words in (["mount", "--make-rprivate", "/"], ["mount", "-t", "tmpfs", "tmpfs", "/run"]):
         subprocess.run(words, check=True)
@@ -338,7 +348,7 @@ class Daemon:
     POLICYROUTE_EMULATOR names."""
 
     def __init__(self, build=None, ns="rtr", device="kernel", options=(), root=None):
-        self.build = build or os.environ.get("POLICYROUTE_BUILD") or os.path.join(ROOT, "build/release")
+        self.build = build or build_folder()
         self.emulator = shlex.split(os.environ.get("POLICYROUTE_EMULATOR", ""))
         self.ns, self.device, self.options = ns, device, list(options)
         self.root = root or tempfile.mkdtemp(prefix="pbr-")

@@ -13,6 +13,7 @@ import unittest
 import system_case
 import netlab
 import packet_table as pt
+import races
 from packet_table import by, exactly, nothing, spread
 
 TABLE = pt.Table()
@@ -371,7 +372,7 @@ def load_tests(loader, tests, pattern):
 
 def main():
     netlab.enter_private()
-    program = unittest.main(verbosity=2, exit=False)
+    program = races.main()
     one_sided = TABLE.one_sided()
     print("\n" + TABLE.text(), flush=True)
     if one_sided:

@@ -7,6 +7,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import netlab  # noqa: E402
+import races  # noqa: E402
 
 
 class MemoryCase(unittest.TestCase):
@@ -109,4 +110,4 @@ class LabCase(unittest.TestCase):
 
 def main():
     netlab.enter_private()
-    unittest.main(verbosity=2)
+    sys.exit(not races.main().result.wasSuccessful())
