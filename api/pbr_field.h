@@ -64,9 +64,9 @@ template <class Row> struct PbrField {
 };
 
 // Holds the daemon's mutex from its making to the end of its scope, on every return path.
-struct PbrApiLock {
-    PbrApiLock() { (void)pbrLock(); }    // waits without limit; there is no other answer
-    ~PbrApiLock() { (void)pbrUnlock(); } // likewise
+struct LOCK_SCOPE PbrApiLock {
+    PbrApiLock() LOCK_TAKES(gPbrStoreLock) { (void)pbrLock(); } // waits without limit; there is no other answer
+    ~PbrApiLock() LOCK_GIVES() { (void)pbrUnlock(); }           // likewise
     PbrApiLock(const PbrApiLock &) = delete;
     PbrApiLock &operator=(const PbrApiLock &) = delete;
 };
@@ -92,7 +92,7 @@ inline int pbrApiNameLen(uint16_t nameLen) {
 // Tells the synchronisation service of a set: the call's key and value, the table's code for the field
 // and a PbrSyncCtx. kind: of the field. Result: the service's; the handler returns it when it is not 0.
 // Lock: held by caller
-[[nodiscard]] uint32_t pbrApiSync(const PbrApiCall *pCall, PbrFieldKind kind);
+[[nodiscard]] uint32_t pbrApiSync(const PbrApiCall *pCall, PbrFieldKind kind) PBR_LOCK_HELD;
 
 // The run of records of a whole row while it is written: u32 field id, u32 length, value.
 struct PbrRowStream {
@@ -138,7 +138,7 @@ const PbrField<Row> *pbrFieldAtRank(const PbrField<Row> (&fields)[N], uint32_t r
 
 // Appends one field of a row to the run, read through the field's own get. Lock: held by caller
 template <class Row>
-void pbrRowAppend(PbrRowStream *pStream, const PbrField<Row> *pField, const Row *pRow) {
+void pbrRowAppend(PbrRowStream *pStream, const PbrField<Row> *pField, const Row *pRow) PBR_LOCK_HELD {
     uint8_t bytes[PBR_ROW_BYTES];
     PbrApiValue part = {0, 0};
     if (pField->kind == PBR_FIELD_NUMBER) {
@@ -154,7 +154,7 @@ void pbrRowAppend(PbrRowStream *pStream, const PbrField<Row> *pField, const Row 
 // Writes the whole row: the fields in rank order, as many as fit. Result: 0 also when cut, word1 the
 // bytes written; PBR_FAIL without buffer. Lock: held by caller
 template <class Row, size_t N>
-uint32_t pbrRowGet(const PbrField<Row> (&fields)[N], const Row *pRow, PbrApiValue *pValue) {
+uint32_t pbrRowGet(const PbrField<Row> (&fields)[N], const Row *pRow, PbrApiValue *pValue) PBR_LOCK_HELD {
     PbrRowStream stream;
     const uint32_t result = pbrRowStart(&stream, pValue);
     if (result != PBR_OK) {
@@ -173,7 +173,7 @@ uint32_t pbrRowGet(const PbrField<Row> (&fields)[N], const Row *pRow, PbrApiValu
 // Lock: held by caller
 template <class Row, size_t N>
 uint32_t pbrFieldGet(const PbrField<Row> (&fields)[N], uint32_t fieldId, const Row *pRow,
-                     PbrApiValue *pValue) {
+                     PbrApiValue *pValue) PBR_LOCK_HELD {
     const PbrField<Row> *pField = pbrFieldFind(fields, fieldId);
     if (pField != nullptr && pField->kind == PBR_FIELD_ROW) {
         return pbrRowGet(fields, pRow, pValue);
@@ -187,7 +187,7 @@ uint32_t pbrFieldGet(const PbrField<Row> (&fields)[N], uint32_t fieldId, const R
 // Sets one field: check, synchronisation service, set. Result: of the first that is not 0; PBR_FAIL for
 // a field that cannot be set, which the service never sees. Lock: held by caller
 template <class Row, size_t N>
-uint32_t pbrFieldSet(const PbrField<Row> (&fields)[N], const PbrApiCall *pCall, Row *pRow) {
+uint32_t pbrFieldSet(const PbrField<Row> (&fields)[N], const PbrApiCall *pCall, Row *pRow) PBR_LOCK_HELD {
     const PbrField<Row> *pField = pbrFieldFind(fields, pCall->fieldId);
     if (pField == nullptr || pField->set == nullptr) {
         return PBR_FAIL;

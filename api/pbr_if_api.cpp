@@ -30,7 +30,7 @@ uint32_t statusGet(const IfRow *pRow, PbrApiValue *pValue) {
     return PBR_OK;
 }
 
-uint32_t ifCreate(const IfRow *pRow) {
+uint32_t ifCreate(const IfRow *pRow) PBR_LOCK_HELD {
     if (pRow->pIf != nullptr) {
         return PBR_OK;
     }
@@ -38,7 +38,7 @@ uint32_t ifCreate(const IfRow *pRow) {
 }
 
 // Only a generic failure of the unbind stops it: an entry whose list has gone can be destroyed.
-uint32_t ifDestroy(const IfRow *pRow) {
+uint32_t ifDestroy(const IfRow *pRow) PBR_LOCK_HELD {
     if (pRow->pIf == nullptr) {
         return PBR_OK;
     }
@@ -48,7 +48,7 @@ uint32_t ifDestroy(const IfRow *pRow) {
     return pbrIfFree(pRow->pIf);
 }
 
-uint32_t statusSet(const PbrApiCall *pCall, IfRow *pRow) {
+uint32_t statusSet(const PbrApiCall *pCall, IfRow *pRow) PBR_LOCK_HELD {
     switch (pbrApiNumber(pCall->pValue)) {
     case PBR_IF_CREATE:
         return ifCreate(pRow);
@@ -80,7 +80,7 @@ bool nameIsBound(const PbrIfEntry *pIf, const PbrApiValue *pValue) {
 }
 
 // Makes room for another list: it must exist and be fit to be bound before the present one is let go.
-uint32_t otherRelease(PbrIfEntry *pIf, const PbrApiValue *pValue) {
+uint32_t otherRelease(PbrIfEntry *pIf, const PbrApiValue *pValue) PBR_LOCK_HELD {
     const PbrListEntry *pList = pbrApiListGet(pbrApiBytes(pValue), pValue->word1);
     if (pList == nullptr) {
         return PBR_ERR_NO_LIST;
@@ -101,7 +101,7 @@ void nameStore(PbrIfEntry *pIf, const PbrApiValue *pValue) {
 }
 
 // A name that fits no record names no list, so it is not stored to find that out.
-bool nameBind(PbrIfEntry *pIf, const PbrApiValue *pValue) {
+bool nameBind(PbrIfEntry *pIf, const PbrApiValue *pValue) PBR_LOCK_HELD {
     if (pValue->word1 > PBR_NAME_BYTES) {
         return false;
     }
@@ -109,7 +109,7 @@ bool nameBind(PbrIfEntry *pIf, const PbrApiValue *pValue) {
     return pbrIfEntryBind(pIf) != -1;
 }
 
-uint32_t nameSet(const PbrApiCall *pCall, IfRow *pRow) {
+uint32_t nameSet(const PbrApiCall *pCall, IfRow *pRow) PBR_LOCK_HELD {
     PbrIfEntry *pIf = pRow->pIf;
     const PbrApiValue *pValue = pCall->pValue;
     if (pIf->pbrNameLen != 0) {

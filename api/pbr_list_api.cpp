@@ -28,12 +28,12 @@ uint32_t refCntGet(const ListRow *pRow, PbrApiValue *pValue) {
     return PBR_OK;
 }
 
-uint32_t listAdd(const ListRow *pRow) {
+uint32_t listAdd(const ListRow *pRow) PBR_LOCK_HELD {
     return pbrListEntryAdd(pRow->key.listName, pRow->key.listNameLen) == nullptr ? PBR_ERR_NO_RECORD
                                                                                 : PBR_OK;
 }
 
-uint32_t statusSet(const PbrApiCall *pCall, ListRow *pRow) {
+uint32_t statusSet(const PbrApiCall *pCall, ListRow *pRow) PBR_LOCK_HELD {
     const uint32_t command = pbrApiNumber(pCall->pValue);
     switch (command) {
     case PBR_ROW_CREATED:
@@ -57,7 +57,7 @@ constexpr PbrField<ListRow> LIST_FIELDS[] = {
 
 // What a set of a list that exists, or does not, is answered before its field is looked at.
 // Result: whether the answer is known, in *pResult.
-bool existingSettles(const PbrApiCall *pCall, const ListRow *pRow, uint32_t *pResult) {
+bool existingSettles(const PbrApiCall *pCall, const ListRow *pRow, uint32_t *pResult) PBR_LOCK_HELD {
     if (pbrApiIsCommand(pCall, PBR_ROW_CREATED)) {
         PBR_API_TRACE(TEXT_EXISTS, pbrApiNameLen(pRow->key.listNameLen), pRow->key.listName);
         *pResult = PBR_OK;
@@ -71,7 +71,7 @@ bool existingSettles(const PbrApiCall *pCall, const ListRow *pRow, uint32_t *pRe
     return false;
 }
 
-bool missingSettles(const PbrApiCall *pCall, const ListRow *pRow, uint32_t *pResult) {
+bool missingSettles(const PbrApiCall *pCall, const ListRow *pRow, uint32_t *pResult) PBR_LOCK_HELD {
     if (pbrApiIsCommand(pCall, PBR_ROW_CREATED)) {
         return false;
     }

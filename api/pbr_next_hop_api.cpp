@@ -41,7 +41,7 @@ uint32_t statusGet(const NextHopRow *pRow, PbrApiValue *pValue) {
     return PBR_OK;
 }
 
-uint32_t hopAdd(const NextHopRow *pRow) {
+uint32_t hopAdd(const NextHopRow *pRow) PBR_LOCK_HELD {
     PbrNodeEntry *pNode = pRow->pNode;
     if (pNode->policyRouteIpVer == 0) {
         return PBR_FAIL;
@@ -56,7 +56,7 @@ uint32_t hopAdd(const NextHopRow *pRow) {
 }
 
 // A probe is followed from the activation of the first next hop that names it.
-uint32_t hopActivate(PbrNextHopEntry *pHop) {
+uint32_t hopActivate(PbrNextHopEntry *pHop) PBR_LOCK_HELD {
     pHop->status = PBR_ROW_ACTIVE;
     const uint16_t adminLen = pHop->nqaAdminNameLen;
     const uint16_t testLen = pHop->nqaTestNameLen;
@@ -69,7 +69,7 @@ uint32_t hopActivate(PbrNextHopEntry *pHop) {
     return PBR_OK;
 }
 
-uint32_t statusSet(const PbrApiCall *pCall, NextHopRow *pRow) {
+uint32_t statusSet(const PbrApiCall *pCall, NextHopRow *pRow) PBR_LOCK_HELD {
     switch (pbrApiNumber(pCall->pValue)) {
     case PBR_ROW_CREATED:
         return hopAdd(pRow);
@@ -97,7 +97,7 @@ bool addressIsZero(const uint8_t *pAddress, uint32_t size) {
     return memcmp(pAddress, ZERO, size) == 0;
 }
 
-void addressTrace(uint32_t ipVer, const uint8_t *pAddress) {
+void addressTrace(uint32_t ipVer, const uint8_t *pAddress) PBR_LOCK_HELD {
     if (ipVer == PBR_IP_VERSION_4) {
         PBR_API_TRACE(TEXT_ADDRESS4, pAddress[0], pAddress[1], pAddress[2], pAddress[3]);
         return;
@@ -106,7 +106,7 @@ void addressTrace(uint32_t ipVer, const uint8_t *pAddress) {
     PBR_API_TRACE(TEXT_ADDRESS6, text.text);
 }
 
-uint32_t addressSet(const PbrApiCall *pCall, NextHopRow *pRow) {
+uint32_t addressSet(const PbrApiCall *pCall, NextHopRow *pRow) PBR_LOCK_HELD {
     const uint32_t ipVer = pRow->pNode->policyRouteIpVer;
     if (ipVer != PBR_IP_VERSION_4 && ipVer != PBR_IP_VERSION_6) {
         return PBR_OK; // accepted and not stored: published
@@ -152,7 +152,7 @@ bool nameSet(const PbrApiValue *pValue, uint8_t *pName, uint16_t *pNameLen) {
     return true;
 }
 
-uint32_t adminNameSet(const PbrApiCall *pCall, NextHopRow *pRow) {
+uint32_t adminNameSet(const PbrApiCall *pCall, NextHopRow *pRow) PBR_LOCK_HELD {
     if (!nameSet(pCall->pValue, pRow->pHop->nqaAdminName, &pRow->pHop->nqaAdminNameLen)) {
         PBR_API_TRACE(TEXT_ADMIN_LONG);
         return PBR_FAIL;
@@ -160,7 +160,7 @@ uint32_t adminNameSet(const PbrApiCall *pCall, NextHopRow *pRow) {
     return PBR_OK;
 }
 
-uint32_t testNameSet(const PbrApiCall *pCall, NextHopRow *pRow) {
+uint32_t testNameSet(const PbrApiCall *pCall, NextHopRow *pRow) PBR_LOCK_HELD {
     if (!nameSet(pCall->pValue, pRow->pHop->nqaTestName, &pRow->pHop->nqaTestNameLen)) {
         PBR_API_TRACE(TEXT_TEST_LONG);
         return PBR_FAIL;
@@ -179,7 +179,7 @@ constexpr PbrField<NextHopRow> NEXT_HOP_FIELDS[] = {
 
 // ---- the handlers ----
 
-void rowFind(NextHopRow *pRow) {
+void rowFind(NextHopRow *pRow) PBR_LOCK_HELD {
     pRow->pList = pbrApiListGet(pRow->key.listName, pRow->key.listNameLen);
     pRow->pNode = pbrApiNodeGet(&pRow->key);
     if (pRow->pNode != nullptr) {
@@ -188,7 +188,7 @@ void rowFind(NextHopRow *pRow) {
 }
 
 // What a set is answered for the state of its list and node. Result: whether the answer is known.
-bool parentSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pResult) {
+bool parentSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pResult) PBR_LOCK_HELD {
     if (pRow->pList != nullptr && pbrListRefCntGet(pRow->pList) > 0) {
         PBR_API_TRACE(TEXT_IN_USE, pbrApiNameLen(pRow->key.listNameLen), pRow->key.listName);
         *pResult = PBR_ERR_IN_USE;
@@ -204,7 +204,7 @@ bool parentSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pR
 }
 
 // The same for the next hop itself. A destroy of a missing one is refused too, unlike in other tables.
-bool hopSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pResult) {
+bool hopSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pResult) PBR_LOCK_HELD {
     const bool create = pbrApiIsCommand(pCall, PBR_ROW_CREATED);
     if (pRow->pHop == nullptr && !create) {
         PBR_API_TRACE(TEXT_MISSING_SET, pRow->key.nextHopIndex, static_cast<int32_t>(pCall->fieldId));
@@ -219,7 +219,7 @@ bool hopSettles(const PbrApiCall *pCall, const NextHopRow *pRow, uint32_t *pResu
     return false;
 }
 
-uint32_t fieldRun(const PbrApiCall *pCall, NextHopRow *pRow) {
+uint32_t fieldRun(const PbrApiCall *pCall, NextHopRow *pRow) PBR_LOCK_HELD {
     const uint32_t result = pbrFieldSet(NEXT_HOP_FIELDS, pCall, pRow);
     if (result == PBR_OK) {
         pbrViewMarkList(pRow->pNode->pPbrList);

@@ -63,7 +63,7 @@ uint32_t bitsSet(const PbrApiCall *pCall, NodeRow *pRow) {
     return PBR_OK;
 }
 
-template <uint32_t (*Event)(PbrNodeEntry *)> uint32_t eventSet(const PbrApiCall *, NodeRow *pRow) {
+template <uint32_t (*Event)(PbrNodeEntry *)> uint32_t eventSet(const PbrApiCall *, NodeRow *pRow) PBR_LOCK_HELD {
     (void)Event(pRow->pNode); // always 0
     return PBR_OK;
 }
@@ -71,7 +71,7 @@ template <uint32_t (*Event)(PbrNodeEntry *)> uint32_t eventSet(const PbrApiCall 
 // ---- status ----
 
 // A missing list adds nothing: the same code as an empty pool, as published.
-uint32_t nodeAdd(const NodeRow *pRow) {
+uint32_t nodeAdd(const NodeRow *pRow) PBR_LOCK_HELD {
     if (pRow->pList == nullptr) {
         return PBR_ERR_NO_RECORD;
     }
@@ -80,7 +80,7 @@ uint32_t nodeAdd(const NodeRow *pRow) {
     return pNode == nullptr ? PBR_ERR_NO_RECORD : PBR_OK;
 }
 
-uint32_t statusSet(const PbrApiCall *pCall, NodeRow *pRow) {
+uint32_t statusSet(const PbrApiCall *pCall, NodeRow *pRow) PBR_LOCK_HELD {
     const uint32_t command = pbrApiNumber(pCall->pValue);
     switch (command) {
     case PBR_ROW_CREATED:
@@ -98,7 +98,7 @@ uint32_t statusSet(const PbrApiCall *pCall, NodeRow *pRow) {
 
 // ---- ACL and IP version ----
 
-uint32_t aclUseCheck(uint32_t aclNum) {
+uint32_t aclUseCheck(uint32_t aclNum) PBR_LOCK_HELD {
     uint32_t rules = 0;
     if (aclLstGetApi(aclNum, ACL_LST_READ, &rules) != 0) {
         PBR_API_TRACE(TEXT_ACL_MISSING, static_cast<int32_t>(aclNum));
@@ -111,7 +111,7 @@ uint32_t aclUseCheck(uint32_t aclNum) {
     return PBR_OK;
 }
 
-uint32_t aclCheck(const PbrApiCall *pCall, const NodeRow *pRow) {
+uint32_t aclCheck(const PbrApiCall *pCall, const NodeRow *pRow) PBR_LOCK_HELD {
     const uint32_t aclNum = pbrApiNumber(pCall->pValue);
     const uint32_t result = aclNum == 0 ? PBR_OK : aclUseCheck(aclNum);
     if (result != PBR_OK) {
@@ -130,7 +130,7 @@ uint32_t aclCheck(const PbrApiCall *pCall, const NodeRow *pRow) {
     return PBR_OK;
 }
 
-uint32_t versionCheck(const PbrApiCall *pCall, const NodeRow *pRow) {
+uint32_t versionCheck(const PbrApiCall *pCall, const NodeRow *pRow) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pRow->pNode;
     const uint32_t version = pbrApiNumber(pCall->pValue);
     if (pNode->policyRouteIpVer != 0 && pNode->policyRouteIpVer != version) {
@@ -164,14 +164,14 @@ uint32_t outIfUnitSet(const PbrApiCall *pCall, NodeRow *pRow) {
 }
 
 // No check: the place where the text with the old VRF is written, before anything else.
-uint32_t vrfTrace(const PbrApiCall *, const NodeRow *pRow) {
+uint32_t vrfTrace(const PbrApiCall *, const NodeRow *pRow) PBR_LOCK_HELD {
     PBR_API_TRACE(TEXT_VRF, pbrApiNameLen(pRow->key.listNameLen), pRow->key.listName,
                   static_cast<int32_t>(pRow->key.nodeIndex), static_cast<int32_t>(pRow->pNode->vrfid));
     return PBR_OK;
 }
 
 // Version and VRF are cleared also when the next hops stay: published.
-uint32_t clearSet(const PbrApiCall *pCall, NodeRow *pRow) {
+uint32_t clearSet(const PbrApiCall *pCall, NodeRow *pRow) PBR_LOCK_HELD {
     PbrNodeEntry *pNode = pRow->pNode;
     if (pbrApiNumber(pCall->pValue) != 0) {
         PbrNextHopEntry *pNext = nullptr;
@@ -185,7 +185,7 @@ uint32_t clearSet(const PbrApiCall *pCall, NodeRow *pRow) {
     return PBR_OK;
 }
 
-uint32_t timeRangeSet(const PbrApiCall *pCall, NodeRow *pRow) {
+uint32_t timeRangeSet(const PbrApiCall *pCall, NodeRow *pRow) PBR_LOCK_HELD {
     return pbrNodeTimeRangeSet(pRow->pNode, &pRow->key, pbrApiNumber(pCall->pValue));
 }
 
@@ -233,13 +233,13 @@ constexpr PbrField<NodeRow> NODE_FIELDS[] = {
     PBR_API_TRACE(text, pbrApiNameLen((pRow)->key.listNameLen), (pRow)->key.listName,               \
                   static_cast<int32_t>((pRow)->key.nodeIndex))
 
-void rowFind(NodeRow *pRow) {
+void rowFind(NodeRow *pRow) PBR_LOCK_HELD {
     pRow->pList = pbrApiListGet(pRow->key.listName, pRow->key.listNameLen);
     pRow->pNode = pbrApiNodeGet(&pRow->key);
 }
 
 // Events come from the time-range service's side: they pass also while the list is bound.
-uint32_t eventRun(const PbrField<NodeRow> *pField, const PbrApiCall *pCall, NodeRow *pRow) {
+uint32_t eventRun(const PbrField<NodeRow> *pField, const PbrApiCall *pCall, NodeRow *pRow) PBR_LOCK_HELD {
     if (pRow->pNode == nullptr) {
         NODE_TRACE(TEXT_EVENT_MISSING, pRow);
         return PBR_ERR_NO_ROW;
@@ -248,7 +248,7 @@ uint32_t eventRun(const PbrField<NodeRow> *pField, const PbrApiCall *pCall, Node
 }
 
 // What a set is answered before its field is looked at. Result: whether the answer is known.
-bool stateSettles(const PbrApiCall *pCall, const NodeRow *pRow, uint32_t *pResult) {
+bool stateSettles(const PbrApiCall *pCall, const NodeRow *pRow, uint32_t *pResult) PBR_LOCK_HELD {
     if (pRow->pList != nullptr && pbrListRefCntGet(pRow->pList) > 0) {
         PBR_API_TRACE(TEXT_IN_USE, pbrApiNameLen(pRow->key.listNameLen), pRow->key.listName);
         *pResult = PBR_ERR_IN_USE;
@@ -268,7 +268,7 @@ bool stateSettles(const PbrApiCall *pCall, const NodeRow *pRow, uint32_t *pResul
     return false;
 }
 
-uint32_t fieldRun(const PbrApiCall *pCall, NodeRow *pRow) {
+uint32_t fieldRun(const PbrApiCall *pCall, NodeRow *pRow) PBR_LOCK_HELD {
     const uint32_t result = pbrFieldSet(NODE_FIELDS, pCall, pRow);
     if (result == PBR_OK && pRow->pList != nullptr) {
         pbrViewMarkList(pRow->pList);

@@ -37,7 +37,7 @@ TimeRangeName nameOf(const PbrNodeEntry *pNode) {
     return name;
 }
 
-uint32_t rangeUnBind(PbrNodeEntry *pNode, const TimeRangeName &name) {
+uint32_t rangeUnBind(PbrNodeEntry *pNode, const TimeRangeName &name) PBR_LOCK_HELD {
     if (pNode->timeRangeId != 0) { // id 0 was never told to be dropped: published, the service keeps it
         PBR_API_TRACE(TEXT_UNBIND, static_cast<int32_t>(pNode->timeRangeId));
         const uint32_t result = timerangeUnbind(pNode->timeRangeId, name.text, name.len, UNBIND_FLAGS);
@@ -50,7 +50,7 @@ uint32_t rangeUnBind(PbrNodeEntry *pNode, const TimeRangeName &name) {
     return PBR_OK;
 }
 
-uint32_t rangeBind(PbrNodeEntry *pNode, const PbrNodeKey *pKey, uint32_t id, const TimeRangeName &name) {
+uint32_t rangeBind(PbrNodeEntry *pNode, const PbrNodeKey *pKey, uint32_t id, const TimeRangeName &name) PBR_LOCK_HELD {
     PBR_API_TRACE(TEXT_BIND, static_cast<int32_t>(id));
     if (pNode->timeRangeId == id) {
         PBR_API_TRACE(TEXT_BIND_SAME, static_cast<int32_t>(id));

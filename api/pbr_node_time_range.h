@@ -3,6 +3,7 @@
 #define API_PBR_NODE_TIME_RANGE_H
 
 #include "api/pbr_keys.h"
+#include "core/pbr_store_lock.h"
 #include "store/pbr_records.h"
 
 // Binds time range timeRangeId, or unbinds when it is PBR_TIME_RANGE_NONE. The service knows the node as
@@ -13,6 +14,6 @@
 // service is passed on with nothing changed; done: timeRangeId PBR_TIME_RANGE_NONE.
 // Lock: held by caller
 [[nodiscard]] uint32_t pbrNodeTimeRangeSet(PbrNodeEntry *pNode, const PbrNodeKey *pKey,
-                                           uint32_t timeRangeId);
+                                           uint32_t timeRangeId) PBR_LOCK_HELD;
 
 #endif

@@ -15,7 +15,7 @@ bool linkMatches(const PbrIfNodeEntry *pLink, const PbrListEntry *pList, const P
 }
 
 // The safe walk: the current link may be freed.
-void interfaceLinksFree(const PbrIfEntry *pIf, const PbrListEntry *pList, const PbrNodeEntry *pNode) {
+void interfaceLinksFree(const PbrIfEntry *pIf, const PbrListEntry *pList, const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     PbrIfNodeEntry *pNext = nullptr;
     for (PbrIfNodeEntry *pLink = pbrIfIfNodeFirst(pIf); pLink != nullptr; pLink = pNext) {
         pNext = pbrIfIfNodeNext(pIf, pLink);
@@ -28,13 +28,13 @@ void interfaceLinksFree(const PbrIfEntry *pIf, const PbrListEntry *pList, const 
 
 // Every interface is looked at, not only the list's chain: a bind that ran out of links leaves some
 // without having chained its interface.
-void linksFree(const PbrListEntry *pList, const PbrNodeEntry *pNode) {
+void linksFree(const PbrListEntry *pList, const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     for (PbrIfEntry *pIf = pbrIfEntryFirst(); pIf != nullptr; pIf = pbrIfEntryNext(pIf)) {
         interfaceLinksFree(pIf, pList, pNode);
     }
 }
 
-void boundInterfacesUnchain(PbrListEntry *pList) {
+void boundInterfacesUnchain(PbrListEntry *pList) PBR_LOCK_HELD {
     for (PbrIfEntry *pIf = pbrListBoundIfFirst(pList); pIf != nullptr; pIf = pbrListBoundIfFirst(pList)) {
         listUnlinkInit(&pIf->boundLink);
         pbrViewMarkAll();

@@ -24,12 +24,12 @@ template <class Key> Key pbrApiKey(const void *pKey) {
 inline bool pbrApiNameValid(uint32_t nameLen) { return nameLen >= 1 && nameLen <= PBR_NAME_BYTES; }
 
 // The list of that name, or null. Lock: held by caller
-inline PbrListEntry *pbrApiListGet(const uint8_t *pName, uint32_t nameLen) {
+inline PbrListEntry *pbrApiListGet(const uint8_t *pName, uint32_t nameLen) PBR_LOCK_HELD {
     return pbrApiNameValid(nameLen) ? pbrListEntryGet(pName, nameLen) : nullptr;
 }
 
 // The node that the key names, or null. Lock: held by caller
-inline PbrNodeEntry *pbrApiNodeGet(const PbrNodeKey *pKey) {
+inline PbrNodeEntry *pbrApiNodeGet(const PbrNodeKey *pKey) PBR_LOCK_HELD {
     return pbrApiNameValid(pKey->listNameLen)
                ? pbrNodeEntryGet(pKey->listName, pKey->listNameLen, pKey->nodeIndex)
                : nullptr;

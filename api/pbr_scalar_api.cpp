@@ -15,27 +15,27 @@ constexpr uint32_t PENDING_SOME[3] = {2, 2, 2};
 
 struct ScalarRow {}; // the scalars are those of gPbrInfo
 
-uint32_t maxListNumGet(const ScalarRow *, PbrApiValue *pValue) {
+uint32_t maxListNumGet(const ScalarRow *, PbrApiValue *pValue) PBR_LOCK_HELD {
     pValue->word0 = gPbrInfo.maxListNum;
     return PBR_OK;
 }
 
-uint32_t maxNodeNumGet(const ScalarRow *, PbrApiValue *pValue) {
+uint32_t maxNodeNumGet(const ScalarRow *, PbrApiValue *pValue) PBR_LOCK_HELD {
     pValue->word0 = gPbrInfo.maxNodeNum;
     return PBR_OK;
 }
 
-uint32_t listCountGet(const ScalarRow *, PbrApiValue *pValue) {
+uint32_t listCountGet(const ScalarRow *, PbrApiValue *pValue) PBR_LOCK_HELD {
     pValue->word0 = gPbrInfo.listCount;
     return PBR_OK;
 }
 
-uint32_t debugFlagsGet(const ScalarRow *, PbrApiValue *pValue) {
+uint32_t debugFlagsGet(const ScalarRow *, PbrApiValue *pValue) PBR_LOCK_HELD {
     pValue->word0 = gPbrInfo.debugFlags;
     return PBR_OK;
 }
 
-uint32_t debugFlagsSet(const PbrApiCall *pCall, ScalarRow *) {
+uint32_t debugFlagsSet(const PbrApiCall *pCall, ScalarRow *) PBR_LOCK_HELD {
     gPbrInfo.debugFlags = pbrApiNumber(pCall->pValue);
     return PBR_OK;
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "core/pbr_link.h"
+#include "core/pbr_store_lock.h"
 #include "platform/avl.h"
 #include "platform/sil_mempool.h"
 #include "platform/sil_timer.h"
@@ -49,7 +50,7 @@ struct PbrInfo {
                             // compare again; behind the published fields
 };
 
-extern PbrInfo gPbrInfo;
+extern PbrInfo gPbrInfo GUARDED_BY(gPbrStoreLock);
 
 // Switches set from the shell without the mutex, so read and written whole; u32, 0 at start.
 extern uint32_t gPbrDebug;            // set by pbrdebug; nothing reads it
@@ -57,10 +58,10 @@ extern uint32_t gPbrSelfLog;          // "pbrselflog": record received peer repo
 extern const uint8_t gPbrDebugPri[7]; // log priorities by kind of record
 
 // Takes the mutex, waiting without limit. Result: the platform's. Lock: takes
-int32_t pbrLock();
+int32_t pbrLock() LOCK_TAKES(gPbrStoreLock);
 
 // Tells the forwarding plane that the store may have changed (devSyncStore) and gives the mutex back.
 // Result: the platform's. Lock: gives
-int32_t pbrUnlock();
+int32_t pbrUnlock() LOCK_GIVES(gPbrStoreLock);
 
 #endif

@@ -32,6 +32,11 @@ QrvTimeval waitTime(int32_t timeoutMs) {
     return {ms / 1000, remainder * 1000};
 }
 
+// Opened before this task was made, and not changed while it runs: read without the mutex.
+int32_t routeSocket() LOCK_UNCHECKED {
+    return gPbrInfo.rtSock;
+}
+
 int32_t nextTimeout() {
     (void)pbrLock(); // waits without limit
     const int32_t timeoutMs = silTimerListNextTimeout(&gPbrInfo.timerList);
@@ -43,7 +48,7 @@ int32_t nextTimeout() {
 
 void pbrMainPass(int32_t *pMaxFd) {
     QrvFdSet readSet = {};
-    const int32_t fd = gPbrInfo.rtSock;
+    const int32_t fd = routeSocket();
     if (fdFits(fd)) {
         fdWord(&readSet, fd) |= fdBit(fd);
         *pMaxFd = fd > *pMaxFd ? fd : *pMaxFd;

@@ -21,7 +21,7 @@ int32_t poolInit(SilMemPool *pPool, const char *name, uint64_t slotCount, size_t
     return silMemPoolInit(pPool, name, static_cast<uint32_t>(slotCount), static_cast<uint32_t>(slotBytes), 0);
 }
 
-void poolsDestroy() {
+void poolsDestroy() PBR_LOCK_HELD {
     silMemPoolDestroy(&gPbrInfo.ifPool);
     silMemPoolDestroy(&gPbrInfo.listPool);
     silMemPoolDestroy(&gPbrInfo.nodePool);
@@ -32,7 +32,7 @@ void poolsDestroy() {
 }
 
 // The pools behind "pbr_if"; stops at the first failure.
-int32_t poolsInitRest() {
+int32_t poolsInitRest() PBR_LOCK_HELD {
     const uint64_t nodes = gPbrInfo.maxNodeNum;
     if (poolInit(&gPbrInfo.listPool, "pbr_list", gPbrInfo.maxListNum, sizeof(PbrListEntry)) != 0 ||
         poolInit(&gPbrInfo.nodePool, "pbr_node", nodes, sizeof(PbrNodeEntry)) != 0 ||

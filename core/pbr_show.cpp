@@ -58,7 +58,7 @@ NameText listName(const PbrListEntry *pList) {
     return nameText(pList->name, pList->nameLen, PBR_NAME_BYTES);
 }
 
-void infoShow() {
+void infoShow() PBR_LOCK_HELD {
     printf(TEXT_INFO);
     printf(TEXT_LIMITS, static_cast<int32_t>(gPbrInfo.maxListNum), static_cast<int32_t>(gPbrInfo.maxNodeNum),
            static_cast<int32_t>(gPbrInfo.maxIfNum));

@@ -5,6 +5,7 @@
 #ifndef CORE_PBR_SHOW_ROWS_H
 #define CORE_PBR_SHOW_ROWS_H
 
+#include "core/pbr_store_lock.h"
 #include "store/pbr_records.h"
 
 // One link of a bound interface, with one of its node's next hops.
@@ -23,13 +24,13 @@ struct PbrShowListRow {
 };
 
 // Interfaces in ascending unit, their links in order, a row a next hop. Lock: held by caller
-void pbrShowIfBindRows(void (*render)(const PbrShowIfBindRow *pRow));
+void pbrShowIfBindRows(void (*render)(const PbrShowIfBindRow *pRow)) PBR_LOCK_HELD;
 
 // Lists of the ready table from its head; of the used table in name order. Lock: held by caller
-void pbrShowReadyRows(void (*render)(const PbrShowListRow *pRow));
-void pbrShowUsedRows(void (*render)(const PbrShowListRow *pRow));
+void pbrShowReadyRows(void (*render)(const PbrShowListRow *pRow)) PBR_LOCK_HELD;
+void pbrShowUsedRows(void (*render)(const PbrShowListRow *pRow)) PBR_LOCK_HELD;
 
 // Probe records in table order. Lock: held by caller
-void pbrShowNqaRows(void (*render)(const PbrNqaEntry *pNqa));
+void pbrShowNqaRows(void (*render)(const PbrNqaEntry *pNqa)) PBR_LOCK_HELD;
 
 #endif

@@ -58,7 +58,8 @@ uint32_t orDefault(uint32_t value, uint32_t byDefault) {
     return value != 0 ? value : byDefault;
 }
 
-void storeInit(uint32_t maxListNum, uint32_t maxNodeNum, uint32_t maxIfNum) {
+// Start-up runs before the other tasks are made, and takes no mutex: LOCK_UNCHECKED here and in pbrInit.
+void storeInit(uint32_t maxListNum, uint32_t maxNodeNum, uint32_t maxIfNum) LOCK_UNCHECKED {
     memset(static_cast<void *>(&gPbrInfo), 0, sizeof(gPbrInfo));
     gPbrInfo.maxListNum = orDefault(maxListNum, PBR_DEFAULT_MAX_LIST);
     gPbrInfo.maxNodeNum = orDefault(maxNodeNum, PBR_DEFAULT_MAX_NODE);
@@ -71,7 +72,7 @@ void storeInit(uint32_t maxListNum, uint32_t maxNodeNum, uint32_t maxIfNum) {
 }
 
 // Gives back mutex and socket; the timer list and the update timer are not undone.
-uint32_t cleanUp(uint32_t result) {
+uint32_t cleanUp(uint32_t result) LOCK_UNCHECKED {
     if (gPbrInfo.lock != 0) {
         (void)silDeleteSem(gPbrInfo.lock);
         gPbrInfo.lock = 0;
@@ -92,7 +93,7 @@ uint32_t workerStart() {
 
 } // namespace
 
-uint32_t pbrInit(uint32_t maxListNum, uint32_t maxNodeNum, uint32_t maxIfNum) {
+uint32_t pbrInit(uint32_t maxListNum, uint32_t maxNodeNum, uint32_t maxIfNum) LOCK_UNCHECKED {
     storeInit(maxListNum, maxNodeNum, maxIfNum);
     gPbrInfo.rtSock = pbrRtSockOpen();
     if (gPbrInfo.rtSock < 0) {

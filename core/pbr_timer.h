@@ -8,18 +8,20 @@
 
 #include <cstdint>
 
+#include "core/pbr_store_lock.h"
+
 // Arms the update timer afresh: due in updatePeriod. Lock: held by caller (after start-up)
-void pbrUpdateTimerStart();
+void pbrUpdateTimerStart() PBR_LOCK_HELD;
 
 // Disarms the update timer; harmless when it is not armed. Lock: held by caller
-void pbrUpdateTimerStop();
+void pbrUpdateTimerStop() PBR_LOCK_HELD;
 
 // Callback: makes one update run, then arms the timer again. pArg: not used.
 // Result: that of the arming. Lock: held by caller
-int32_t pbrUpdateTimerTimeOut(void *pArg);
+int32_t pbrUpdateTimerTimeOut(void *pArg) PBR_LOCK_HELD;
 
 // Callback: arms the ARP-check timer again (arpCheckPeriod, ms), then asks the hardware layer to refresh
 // neighbour state. pArg: not used. Result: the hardware layer's. Lock: held by caller
-int32_t pbrArpCheckTimerTimeOut(void *pArg);
+int32_t pbrArpCheckTimerTimeOut(void *pArg) PBR_LOCK_HELD;
 
 #endif

@@ -106,14 +106,14 @@ constexpr RuleChange ADD = {"pbr acl rule hardware add", "pbr acl rule hardware 
 constexpr RuleChange DEL = {"pbr acl rule hardware del", "pbr acl rule hardware del", ACL_DEV_RULE_DEL,
                             isWritten, ipv6SlotOfDel};
 
-void actionSet(uint8_t *pEntry, uint32_t bit) {
+void actionSet(uint8_t *pEntry, uint32_t bit) PBR_LOCK_HELD {
     pbrPortBitSet(pEntry + ACL_DEV_ACTION, bit);
 }
 
 // ---- the next hops ----
 
 void ipv4Write(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &change,
-               const PbrNextHopEntry *pHop, uint32_t taken) {
+               const PbrNextHopEntry *pHop, uint32_t taken) PBR_LOCK_HELD {
     const bool isEcmp = pbrNodeIsEcmpGet(pNode) != 0;
     const uint32_t slot = isEcmp ? ipv4FreeSlot(pEntry) : 0; // one next hop: the last one taken stays
     if (slot < ACL_DEV_NEXT_HOP_SLOTS) {
@@ -124,7 +124,7 @@ void ipv4Write(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &cha
 }
 
 void ipv6Write(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &change,
-               const PbrNextHopEntry *pHop, uint32_t taken) {
+               const PbrNextHopEntry *pHop, uint32_t taken) PBR_LOCK_HELD {
     const uint32_t slot = pbrNodeIsEcmpGet(pNode) != 0 ? change.ipv6Slot(pEntry, taken) : 0;
     if (slot < ACL_DEV_NEXT_HOP_SLOTS) {
         memcpy(pEntry + ACL_DEV_IPV6_NEXT_HOPS + slot * IPV6_BYTES, pHop->nextHop, IPV6_BYTES);
@@ -149,7 +149,7 @@ uint32_t nextHopsWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleCha
 }
 
 // Sets VRF, version and next hops. Result: how many next hops the record carries.
-uint32_t redirectWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &change) {
+uint32_t redirectWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &change) PBR_LOCK_HELD {
     if (pNode->vrfid != 0) {
         actionSet(pEntry, ACL_DEV_ACTION_VRF);
         pbrStoreBe32(pEntry + ACL_DEV_VRF, pNode->vrfid);
@@ -167,7 +167,7 @@ uint32_t redirectWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleCha
 }
 
 // Adds the node's action. Result: whether the record says anything to do.
-bool actionWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &change) {
+bool actionWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &change) PBR_LOCK_HELD {
     const bool hasPriority = pbrNodeIpPriGet(pNode) != PBR_IP_PRI_NONE;
     if (hasPriority) {
         actionSet(pEntry, ACL_DEV_ACTION_PRIORITY);
@@ -187,7 +187,7 @@ bool actionWrite(uint8_t *pEntry, const PbrNodeEntry *pNode, const RuleChange &c
 // ---- the record ----
 
 // The ACL module's match fields, with the parts that belong to the action cleared.
-void translate(uint8_t *pEntry, uint32_t listNum, uint32_t ruleNum) {
+void translate(uint8_t *pEntry, uint32_t listNum, uint32_t ruleNum) PBR_LOCK_HELD {
     const uint32_t ruleKey[3] = {listNum, ruleNum, 0};
     (void)aclRuleDevTrans(ruleKey, pEntry); // its result is not looked at
     memset(pEntry + ACL_DEV_ACTION, 0, ACL_DEV_PARAMETERS_END - ACL_DEV_ACTION);
@@ -209,7 +209,7 @@ void ruleName(uint8_t *pEntry, const PbrNodeEntry *pNode, uint32_t listNum, uint
     pEntry[ACL_DEV_IP_VER] = version == PBR_IP_VERSION_4 || version == PBR_IP_VERSION_6 ? version : 0;
 }
 
-int32_t entrySend(const PbrIfNodeEntry *pLink, uint8_t *pEntry, const RuleChange &change) {
+int32_t entrySend(const PbrIfNodeEntry *pLink, uint8_t *pEntry, const RuleChange &change) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pLink->pPbrNode;
     pEntry[ACL_DEV_DIR] = 0;
     pbrDevPrintf(pEntry);
@@ -223,7 +223,7 @@ int32_t entrySend(const PbrIfNodeEntry *pLink, uint8_t *pEntry, const RuleChange
     return result;
 }
 
-void noNextHopLog(const PbrNodeEntry *pNode) {
+void noNextHopLog(const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     if (listEmpty(&pNode->nextHopList)) {
         BOTH(DETAIL_LOG_FLAGS, TEXT_NO_NEXT_HOP);
     }
@@ -239,14 +239,14 @@ void noNextHopLog(const PbrNodeEntry *pNode) {
         static_cast<int32_t>(pbrNodeIsEcmpGet((pLink)->pPbrNode)), (pLink)->pPbrNode->policyRouteIpVer
 
 // Writes the header text, the debug form and the log form, and the text of a node without next hops.
-void addHeader(const PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) {
+void addHeader(const PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) PBR_LOCK_HELD {
     PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_ADD, HEADER_ARGS(pLink, listNum, ruleNum));
     loggingLogOutput(PBR_LOG_HARDWARE, gPbrDebugPri[3], HEADER_LOG_FLAGS, TEXT_ADD_LOG,
                      HEADER_ARGS(pLink, listNum, ruleNum));
     noNextHopLog(pLink->pPbrNode);
 }
 
-void delHeader(const PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) {
+void delHeader(const PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) PBR_LOCK_HELD {
     PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_DEL, HEADER_ARGS(pLink, listNum, ruleNum));
     loggingLogOutput(PBR_LOG_HARDWARE, gPbrDebugPri[3], HEADER_LOG_FLAGS, TEXT_DEL_LOG,
                      HEADER_ARGS(pLink, listNum, ruleNum));
@@ -258,7 +258,7 @@ bool isForwardOnly(const PbrIfNodeEntry *pLink) {
     return pbrNodeForwardFlagGet(pLink->pPbrNode) == PBR_FORWARD_FLAG_NO_DEVICE;
 }
 
-void resultCount(const RuleChange &change, int32_t result, uint32_t *pDone, uint32_t *pFailed) {
+void resultCount(const RuleChange &change, int32_t result, uint32_t *pDone, uint32_t *pFailed) PBR_LOCK_HELD {
     (result == 0 ? *pDone : *pFailed)++;
     BOTH(RESULT_LOG_FLAGS, TEXT_RESULT, change.pPrefix, result);
 }

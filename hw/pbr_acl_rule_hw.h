@@ -7,17 +7,18 @@
 #ifndef HW_PBR_ACL_RULE_HW_H
 #define HW_PBR_ACL_RULE_HW_H
 
+#include "core/pbr_store_lock.h"
 #include "store/pbr_records.h"
 
 // Writes the rule with the ACL module's translation of it and the next hops whose curSelected is set.
 // Without one (and neither out interface nor priority alone) nothing is sent and 0 is returned, no
 // counter moves. forwardFlag 2: hwStatus 1, 0. Counts hwAclAddCnt or hwAclAddErr.
 // Result: 0, or the interface layer's own. Lock: held by caller
-int32_t pbrAclRuleHwAdd(PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum);
+int32_t pbrAclRuleHwAdd(PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) PBR_LOCK_HELD;
 
 // Removes the rule: names ACL and rule, with the next hops whose lastSelected is set; always sent.
 // forwardFlag 2: 0, hwStatus stays. Counts hwAclDelCnt or hwAclDelErr.
 // Result: 0, or the interface layer's own. Lock: held by caller
-int32_t pbrAclRuleHwDel(PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum);
+int32_t pbrAclRuleHwDel(PbrIfNodeEntry *pLink, uint32_t listNum, uint32_t ruleNum) PBR_LOCK_HELD;
 
 #endif

@@ -51,7 +51,7 @@ constexpr MemberChange QUIT = {{"pbr agg if node hardware del", isInDevice}, "de
 
 // Whether there is nothing to hand to the device. forwardFlag 2 sets the aggregation link's hwStatus 1,
 // when a port leaves too: the same mirror as on the link's own entry, to be kept.
-bool isPassedOver(PbrIfNodeEntry *pLink) {
+bool isPassedOver(PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pLink->pPbrNode;
     if (listEmpty(&pNode->nextHopList)) {
         PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_NO_NEXT_HOP);
@@ -67,7 +67,7 @@ bool isPassedOver(PbrIfNodeEntry *pLink) {
     return false;
 }
 
-int32_t memberSend(const PbrIfNodeEntry *pLink, uint32_t portUnit, const MemberChange &change) {
+int32_t memberSend(const PbrIfNodeEntry *pLink, uint32_t portUnit, const MemberChange &change) PBR_LOCK_HELD {
     PbrHwAclContent content;
     pbrHwAclContentBuild(pLink->pPbrNode, portUnit, &change.operation, &content);
     PbrHwAclDesc desc = {content.bytes, PBR_HW_ACL_CONTENT_BYTES};

@@ -13,7 +13,7 @@ constexpr char TEXT_TARGET[] = "ifUnit %u acl list %d \n\r";
 constexpr char TEXT_IPV4[] = "%s nextHop%d=0x%x.\r\n";
 constexpr char TEXT_IPV6[] = "%s ipv6 nextHop%d=%s\r\n";
 
-void slotTrace(const PbrHwOperation *pOperation, bool isIpv4, uint32_t slot, const uint8_t *pAddress) {
+void slotTrace(const PbrHwOperation *pOperation, bool isIpv4, uint32_t slot, const uint8_t *pAddress) PBR_LOCK_HELD {
     if (isIpv4) {
         PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_IPV4, pOperation->pPrefix,
                   static_cast<int32_t>(slot), pbrLoadBe32(pAddress));
@@ -24,7 +24,7 @@ void slotTrace(const PbrHwOperation *pOperation, bool isIpv4, uint32_t slot, con
 }
 
 // Writes the next hops taken into the area, as far as they fit. Result: how many were taken.
-uint32_t nextHopsWrite(const PbrNodeEntry *pNode, const PbrHwOperation *pOperation, uint8_t *pArea) {
+uint32_t nextHopsWrite(const PbrNodeEntry *pNode, const PbrHwOperation *pOperation, uint8_t *pArea) PBR_LOCK_HELD {
     const bool isIpv4 = pNode->policyRouteIpVer == PBR_IP_VERSION_4;
     const uint32_t size = pbrAddressSize(pNode->policyRouteIpVer);
     const uint32_t slots = isIpv4 ? PBR_HW_ACL_MAX_IPV4 : PBR_HW_ACL_MAX_IPV6;

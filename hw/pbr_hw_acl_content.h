@@ -8,6 +8,7 @@
 #ifndef HW_PBR_HW_ACL_CONTENT_H
 #define HW_PBR_HW_ACL_CONTENT_H
 
+#include "core/pbr_store_lock.h"
 #include "platform/acl.h"
 #include "store/pbr_records.h"
 
@@ -33,6 +34,6 @@ struct PbrHwAclContent {
 // one line a next hop taken). pContent: overwritten. ifUnit: the interface that the record names.
 // Lock: held by caller
 void pbrHwAclContentBuild(const PbrNodeEntry *pNode, uint32_t ifUnit, const PbrHwOperation *pOperation,
-                          PbrHwAclContent *pContent);
+                          PbrHwAclContent *pContent) PBR_LOCK_HELD;
 
 #endif

@@ -57,7 +57,7 @@ void addRefCntRaise(const PbrNodeEntry *pNode) {
 
 // First binding of the list: its next hops are registered and what is known of them is taken over. The
 // entry is written later, when a next hop is reported.
-void detectionStart(PbrListEntry *pList, PbrNodeEntry *pNode) {
+void detectionStart(PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
     for (PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
          pHop = pbrNodeNextHopNext(pNode, pHop)) {
         (void)pbrNextHopDetect(pNode->policyRouteIpVer, pNode->vrfid, pHop);
@@ -79,7 +79,7 @@ void ecmpMark(const PbrNodeEntry *pNode) {
 
 // A further binding: the next hops are watched already, so the entry is written now if one can be used.
 // A failed add is not retried from here; its link shows it.
-void knownNodeBind(const PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
+void knownNodeBind(const PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     if (pbrNodeIsEcmpGet(pNode) == 1) {
         ecmpMark(pNode);
         (void)pbrIfNodeHwAdd(pLink);
@@ -91,7 +91,7 @@ void knownNodeBind(const PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
     }
 }
 
-void nodeBind(PbrListEntry *pList, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
+void nodeBind(PbrListEntry *pList, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     if (listEmpty(&pNode->nextHopList) || pNode->outIfUnit != 0) {
         (void)pbrIfNodeHwAdd(pLink);
         return;
@@ -106,7 +106,7 @@ void nodeBind(PbrListEntry *pList, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
     }
 }
 
-void detectionStop(const PbrIfEntry *pIf, const PbrNodeEntry *pNode) {
+void detectionStop(const PbrIfEntry *pIf, const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     for (const PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
          pHop = pbrNodeNextHopNext(pNode, pHop)) {
         if (pbrNextHopCheckUnDetect(pIf, pNode->policyRouteIpVer, pNode->vrfid, pHop) == 0) {
@@ -116,7 +116,7 @@ void detectionStop(const PbrIfEntry *pIf, const PbrNodeEntry *pNode) {
 }
 
 // Takes back what binding left of a link that never came into the device.
-void idleLinkUnBind(const PbrListEntry *pList, PbrNodeEntry *pNode) {
+void idleLinkUnBind(const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
     if (pNode->outIfUnit == 0) {
         for (PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
              pHop = pbrNodeNextHopNext(pNode, pHop)) {
@@ -131,7 +131,7 @@ void idleLinkUnBind(const PbrListEntry *pList, PbrNodeEntry *pNode) {
     }
 }
 
-void linkUnBind(const PbrListEntry *pList, const PbrIfEntry *pIf, PbrIfNodeEntry *pLink) {
+void linkUnBind(const PbrListEntry *pList, const PbrIfEntry *pIf, PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     PbrNodeEntry *pNode = pLink->pPbrNode;
     if (pbrListRefCntGet(pList) == 0) {
         detectionStop(pIf, pNode);

@@ -7,6 +7,7 @@
 #ifndef HW_PBR_IF_BIND_H
 #define HW_PBR_IF_BIND_H
 
+#include "core/pbr_store_lock.h"
 #include "store/pbr_records.h"
 
 // Binds the list that the entry names: one more user of each node's ACL, one link a node, detection of
@@ -15,12 +16,12 @@
 // Result: 0; -1 when the list does not exist or may not be bound (nothing changed), or when the links ran
 // out (what was done for earlier nodes stays, refCnt and ACL users stay raised, the entry is not in the
 // list's chain). Lock: held by caller
-[[nodiscard]] int32_t pbrIfEntryBind(PbrIfEntry *pIf);
+[[nodiscard]] int32_t pbrIfEntryBind(PbrIfEntry *pIf) PBR_LOCK_HELD;
 
 // Unbinds the list that the entry names: entries and links removed, detection ended for peers that no
 // other interface needs (last binding only), the list taken out of the ready table, the protocol off.
 // The names stay in the entry. Result: 0, or PBR_ERR_UNBIND_NO_LIST when the list does not exist
 // (nothing changed). Lock: held by caller
-[[nodiscard]] uint32_t pbrIfEntryUnBind(PbrIfEntry *pIf);
+[[nodiscard]] uint32_t pbrIfEntryUnBind(PbrIfEntry *pIf) PBR_LOCK_HELD;
 
 #endif

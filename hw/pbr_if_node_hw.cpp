@@ -40,7 +40,7 @@ constexpr PbrHwOperation DEL = {"pbr if node hardware del", isInDevice};
         static_cast<int32_t>((pNode)->vrfid), static_cast<int32_t>(pbrNodeIsEcmpGet(pNode)),        \
         (pNode)->policyRouteIpVer
 
-void headerTrace(const PbrIfNodeEntry *pLink, const char *pVerb) {
+void headerTrace(const PbrIfNodeEntry *pLink, const char *pVerb) PBR_LOCK_HELD {
     PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_HEADER, pbrIfNameGet(pLink->ifUnit).text, pVerb,
               SETTINGS_ARGS(pLink->pPbrNode));
 }
@@ -54,7 +54,7 @@ void delLog(const PbrIfNodeEntry *pLink) {
 
 // Whether there is nothing to hand to the device: no ACL, or forwardFlag 2. The latter sets hwStatus 1,
 // on a delete too: an intended mirror of the add.
-bool isPassedOver(PbrIfNodeEntry *pLink) {
+bool isPassedOver(PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pLink->pPbrNode;
     if (listEmpty(&pNode->nextHopList)) {
         PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_NO_NEXT_HOP);
@@ -71,7 +71,7 @@ bool isPassedOver(PbrIfNodeEntry *pLink) {
 
 // Builds the record of the link and hands it to the ACL module, whose result is returned.
 int32_t contentSend(const PbrIfNodeEntry *pLink, const PbrHwOperation *pOperation, const char *pVerb,
-                    uint32_t command) {
+                    uint32_t command) PBR_LOCK_HELD {
     PbrHwAclContent content;
     pbrHwAclContentBuild(pLink->pPbrNode, pLink->ifUnit, pOperation, &content);
     PbrHwAclDesc desc = {content.bytes, PBR_HW_ACL_CONTENT_BYTES};
@@ -84,7 +84,7 @@ int32_t contentSend(const PbrIfNodeEntry *pLink, const PbrHwOperation *pOperatio
     return result;
 }
 
-void resultTrace(const PbrHwOperation *pOperation, int32_t result) {
+void resultTrace(const PbrHwOperation *pOperation, int32_t result) PBR_LOCK_HELD {
     PBR_TRACE(PBR_DEBUG_HARDWARE, PBR_LOG_HARDWARE, TEXT_RESULT, pOperation->pPrefix,
               result == 0 ? "success" : "fail", result);
 }

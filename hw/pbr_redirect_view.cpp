@@ -30,7 +30,7 @@ void membersAppend(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
     }
 }
 
-PbrRedirectKind nextHopsDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
+PbrRedirectKind nextHopsDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     if (pRedirect->isEcmp != 0) {
         membersAppend(pRedirect, pNode);
     } else {
@@ -43,7 +43,7 @@ PbrRedirectKind nextHopsDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode
 }
 
 // The order of these questions is the contract.
-PbrRedirectKind kindDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
+PbrRedirectKind kindDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     if (pNode->aclNum == 0 || pbrNodeForwardFlagGet(pNode) == PBR_FORWARD_FLAG_NO_DEVICE) {
         return PBR_REDIRECT_ABSENT;
     }
@@ -72,7 +72,7 @@ uint32_t nextHopsCount(const PbrNodeEntry *pNode) {
     return count;
 }
 
-void redirectFill(PbrRedirect *pRedirect, const PbrIfNodeEntry *pLink) {
+void redirectFill(PbrRedirect *pRedirect, const PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pLink->pPbrNode;
     const bool hasVersion =
         pNode->policyRouteIpVer == PBR_IP_VERSION_4 || pNode->policyRouteIpVer == PBR_IP_VERSION_6;
@@ -94,7 +94,7 @@ void redirectFill(PbrRedirect *pRedirect, const PbrIfNodeEntry *pLink) {
 
 // Every link of the list, on whatever interface and whatever its hwStatus: also one that a binding left
 // when it ran out of links half-way, whose interface is not in the list's chain.
-void listVisit(const PbrListEntry *pList, const PbrRedirectVisitor *pVisitor) {
+void listVisit(const PbrListEntry *pList, const PbrRedirectVisitor *pVisitor) PBR_LOCK_HELD {
     PbrRedirect redirect;
     pVisitor->listBegin(pVisitor->pContext, pList->name, pList->nameLen);
     for (const void *pElement = avl_first(&gPbrInfo.ifTree); pElement != nullptr;

@@ -15,6 +15,8 @@
 
 #include <cstdint>
 
+#include "core/pbr_store_lock.h"
+
 constexpr uint32_t PBR_REDIRECT_MAX_NEXT_HOPS = 255; // a node's next-hop index has eight bits
 
 enum PbrRedirectKind : uint8_t {
@@ -57,15 +59,15 @@ struct PbrRedirectVisitor {
 
 // Whether anything was marked since the last take: 0 nothing, 1 some lists, 2 everything.
 // Lock: held by caller
-uint32_t pbrRedirectViewChanged();
+uint32_t pbrRedirectViewChanged() PBR_LOCK_HELD;
 
 // Visits the marked lists (or, when everything is marked or `all` is true, all lists: what is not
 // visited then no longer exists) and clears the marks. Result: true when all lists were visited.
 // Lock: held by caller
-bool pbrRedirectViewTake(bool all, const PbrRedirectVisitor *pVisitor);
+bool pbrRedirectViewTake(bool all, const PbrRedirectVisitor *pVisitor) PBR_LOCK_HELD;
 
 // The answer for one link of one bound interface, found by its ACL. pRedirect: filled on success.
 // Result: true when such a link exists. Lock: held by caller
-bool pbrRedirectViewGet(uint32_t ifUnit, uint32_t aclNum, PbrRedirect *pRedirect);
+bool pbrRedirectViewGet(uint32_t ifUnit, uint32_t aclNum, PbrRedirect *pRedirect) PBR_LOCK_HELD;
 
 #endif

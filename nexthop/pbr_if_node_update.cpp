@@ -39,7 +39,7 @@ struct Run {
     uint32_t failed;             // failed adds in the present list so far
 };
 
-bool isInputWaiting() {
+bool isInputWaiting() PBR_LOCK_HELD {
     uint32_t pending = 0;
     (void)qrv_ioctl(gPbrInfo.rtSock, QRV_FIONREAD, &pending);
     return pending > 0;
@@ -55,7 +55,7 @@ uint32_t ecmpChangesCount(const PbrNodeEntry *pNode) {
 }
 
 // Selects again and stores the choice. Result: 1 when it differs from the one before, else 0.
-uint32_t bestUpdate(PbrNodeEntry *pNode) {
+uint32_t bestUpdate(PbrNodeEntry *pNode) PBR_LOCK_HELD {
     PbrNextHopEntry *pBest = pbrBestNexthopSelect(pNode);
     if (pBest == pNode->pPbrNhopBest) {
         TRACE_HARDWARE(TEXT_NO_CHANGE, static_cast<const void *>(pBest));
@@ -69,7 +69,7 @@ uint32_t bestUpdate(PbrNodeEntry *pNode) {
 }
 
 // Removes the link's entry before it is added again; what the delete clears is remembered.
-void linkRemove(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
+void linkRemove(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     pRun->pSavedBest = pNode->pPbrNhopBest;
     (void)pbrIfNodeHwDel(pLink); // a failed delete is counted there and not looked at
     for (PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
@@ -81,7 +81,7 @@ void linkRemove(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
     }
 }
 
-void linkAdd(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
+void linkAdd(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     if (pbrNodeIsEcmpGet(pNode) != 1 && pNode->pPbrNhopBest == nullptr && pRun->pSavedBest == nullptr) {
         // How a node loses its redirect when nothing is usable; nodes without next hops lose theirs too.
         TRACE_GENERAL(TEXT_NO_BEST);
@@ -99,7 +99,7 @@ void linkAdd(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
     pbrIfNodeStateChangeSet(pLink, false);
 }
 
-void linkUpdate(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
+void linkUpdate(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     if (pRun->changed == 0 && !pbrIfNodeStateChangeGet(pLink)) {
         TRACE_GENERAL(TEXT_LINK_SKIP, static_cast<int32_t>(pRun->changed), pbrIfNodeStateChangeGet(pLink));
         return;
@@ -111,7 +111,7 @@ void linkUpdate(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) {
     linkAdd(pRun, pNode, pLink);
 }
 
-void nodeUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) {
+void nodeUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
     TRACE_HARDWARE(TEXT_NODE, static_cast<int32_t>(pNode->nodeIndex));
     pRun->changed += pbrNodeIsEcmpGet(pNode) == 1 ? ecmpChangesCount(pNode) : bestUpdate(pNode);
     if (pRun->changed == 0 && !pbrNodeStateChangeGet(pNode)) {
@@ -135,7 +135,7 @@ void nodeUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) {
     }
 }
 
-void listUpdate(Run *pRun, PbrListEntry *pList) {
+void listUpdate(Run *pRun, PbrListEntry *pList) PBR_LOCK_HELD {
     TRACE_HARDWARE(TEXT_LIST, static_cast<int>(pList->nameLen), pList->name);
     pRun->failed = 0;
     pRun->changed = 0;

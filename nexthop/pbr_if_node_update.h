@@ -10,9 +10,11 @@
 
 #include <cstdint>
 
+#include "core/pbr_store_lock.h"
+
 // Makes one run. Changes pPbrNhopBest, the marks of next hops, hwAddRefCnt, the stateChangeFlags and the
 // ready table, and through the device operations hwStatus and counters. Result: 0 always.
 // Lock: held by caller
-int32_t pbrIfNodeUpdate();
+int32_t pbrIfNodeUpdate() PBR_LOCK_HELD;
 
 #endif

@@ -14,18 +14,18 @@ bool hasProbe(const PbrNextHopEntry *pHop) {
 }
 
 // Status of the probe test that the next hop names; a test without record counts as failing.
-uint32_t probeStatus(const PbrNextHopEntry *pHop) {
+uint32_t probeStatus(const PbrNextHopEntry *pHop) PBR_LOCK_HELD {
     const PbrNqaEntry *pNqa = pbrNqaEntryGet(pHop->nqaAdminName, pHop->nqaAdminNameLen & 0xFFu,
                                              pHop->nqaTestName, pHop->nqaTestNameLen & 0xFFu);
     return pNqa == nullptr ? PBR_NQA_STATUS_FAILING : pNqa->status;
 }
 
-bool isUsableAlone(const PbrNextHopEntry *pHop) {
+bool isUsableAlone(const PbrNextHopEntry *pHop) PBR_LOCK_HELD {
     return pHop->nexthopArpState != 0 &&
            !(hasProbe(pHop) && probeStatus(pHop) == PBR_NQA_STATUS_FAILING);
 }
 
-bool isFullyUp(const PbrNextHopEntry *pHop) {
+bool isFullyUp(const PbrNextHopEntry *pHop) PBR_LOCK_HELD {
     return pHop->nexthopArpState == 1 && hasProbe(pHop) && probeStatus(pHop) == PBR_NQA_STATUS_PASSING;
 }
 

@@ -24,7 +24,7 @@ struct Peer {
     const uint8_t *pAddress;
 };
 
-void reportTrace(const char *pName, const Peer &peer) {
+void reportTrace(const char *pName, const Peer &peer) PBR_LOCK_HELD {
     PbrAddressText address = pbrAddressPrint(peer.family, peer.pAddress);
     PBR_TRACE(PBR_DEBUG_GENERAL, PBR_LOG_EVENT,
               peer.family == PBR_IP_VERSION_4 ? TEXT_REPORT_IPV4 : TEXT_REPORT_IPV6, pName, address.text,
@@ -50,7 +50,7 @@ bool hopMatches(const PbrNextHopEntry *pHop, const Peer &peer) {
     return pbrAddressEqual(peer.family, pHop->nextHop, peer.pAddress);
 }
 
-void listQueue(const char *pName, PbrListEntry *pList) {
+void listQueue(const char *pName, PbrListEntry *pList) PBR_LOCK_HELD {
     pbrReadyTableAdd(pList);
     pbrViewMarkList(pList);
     PBR_TRACE(PBR_DEBUG_GENERAL, PBR_LOG_EVENT, TEXT_QUEUED, pName);
@@ -61,7 +61,7 @@ void listQueue(const char *pName, PbrListEntry *pList) {
 typedef uint32_t (*NodeOperation)(PbrNodeEntry *pNode, const Peer &peer, bool *pAnyUp);
 
 // Applies a report to every matching node of every bound list and queues the lists that changed.
-void report(const char *pName, const Peer &peer, NodeOperation nodeOperation) {
+void report(const char *pName, const Peer &peer, NodeOperation nodeOperation) PBR_LOCK_HELD {
     bool anyUp = false;
     for (PbrListEntry *pList = pbrListFromUsedLink(listFirst(&gPbrInfo.usedTable)); pList != nullptr;
          pList = pbrListFromUsedLink(listNext(&gPbrInfo.usedTable, &pList->usedLink))) {
@@ -143,7 +143,7 @@ void linksMark(const PbrNodeEntry *pNode) {
     }
 }
 
-uint32_t nodeChange(PbrNodeEntry *pNode, const Peer &peer, bool *) {
+uint32_t nodeChange(PbrNodeEntry *pNode, const Peer &peer, bool *) PBR_LOCK_HELD {
     const PbrNextHopEntry *pBest = pbrBestNexthopSelect(pNode); // also refreshes the marks
     if (pBest == nullptr || pbrNodeIsEcmpGet(pNode) == 1) {     // the ECMP marker is no next hop
         return 0;

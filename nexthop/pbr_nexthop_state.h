@@ -13,18 +13,20 @@
 
 #include <cstdint>
 
+#include "core/pbr_store_lock.h"
+
 // The peer is reachable: state 1, the node's nhopArpUp 1, and curSelected 1 on ECMP nodes. Queues the
 // lists concerned. family: 1 IPv4, else IPv6. vrId: VRF of the peer. pAddress: 16 bytes, network order
 // (IPv4 in the first 4). Lock: held by caller
-void pbrNextHopStateUp(uint32_t family, uint32_t vrId, const uint8_t *pAddress);
+void pbrNextHopStateUp(uint32_t family, uint32_t vrId, const uint8_t *pAddress) PBR_LOCK_HELD;
 
 // The peer is not reachable: state and curSelected 0. Every matching node's nhopArpUp is recomputed.
 // Queues the lists concerned. Arguments as above. Lock: held by caller
-void pbrNextHopStateDown(uint32_t family, uint32_t vrId, const uint8_t *pAddress);
+void pbrNextHopStateDown(uint32_t family, uint32_t vrId, const uint8_t *pAddress) PBR_LOCK_HELD;
 
 // The peer stays reachable but what the device holds of it is out of date: where it is the node's best
 // next hop, marks the node and its links (stateChangeFlag) and queues the list. Refreshes curSelected of
 // every matching node. Arguments as above. Lock: held by caller
-void pbrNextHopStateChange(uint32_t family, uint32_t vrId, const uint8_t *pAddress);
+void pbrNextHopStateChange(uint32_t family, uint32_t vrId, const uint8_t *pAddress) PBR_LOCK_HELD;
 
 #endif

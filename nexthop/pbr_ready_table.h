@@ -7,10 +7,11 @@
 #ifndef NEXTHOP_PBR_READY_TABLE_H
 #define NEXTHOP_PBR_READY_TABLE_H
 
+#include "core/pbr_store_lock.h"
 #include "store/pbr_records.h"
 
 // Queues a list at the front of the ready table, wherever it stood before; its readyLink may be zero,
 // self or linked. Lock: held by caller
-void pbrReadyTableAdd(PbrListEntry *pList);
+void pbrReadyTableAdd(PbrListEntry *pList) PBR_LOCK_HELD;
 
 #endif

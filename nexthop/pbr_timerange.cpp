@@ -14,7 +14,7 @@ namespace {
 constexpr char TEXT_TIME_RANGE[] = "pbr %.*s node %d timerange %d %s \r\n";
 
 // Records the state of the range and queues the node's list; a null node is passed over.
-uint32_t timerangeSet(PbrNodeEntry *pNode, const char *pWhat, uint32_t matched) {
+uint32_t timerangeSet(PbrNodeEntry *pNode, const char *pWhat, uint32_t matched) PBR_LOCK_HELD {
     if (pNode == nullptr) {
         return PBR_OK;
     }

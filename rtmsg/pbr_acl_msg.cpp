@@ -72,7 +72,7 @@ PbrIfNodeEntry *linkForAdd(const PbrIfEntry *pIf, const PbrNodeEntry *pNode) {
     return nullptr;
 }
 
-void plainAdd(const PbrListEntry *pList, PbrIfNodeEntry *pLink, const RuleEvent &event) {
+void plainAdd(const PbrListEntry *pList, PbrIfNodeEntry *pLink, const RuleEvent &event) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pLink->pPbrNode;
     TRACE(TEXT_ADD_HW, static_cast<int32_t>(event.ruleNum), LIST_ARGS(pList),
           static_cast<int32_t>(pNode->nodeIndex), pLink->emptyAcl, static_cast<int32_t>(pNode->outIfUnit),
@@ -117,7 +117,7 @@ void firstRuleMark(PbrIfNodeEntry *pLink) {
     pLink->aclNoAction = 0;
 }
 
-void nextHopAdd(PbrRtmRead *pRead, PbrIfNodeEntry *pLink, const RuleEvent &event) {
+void nextHopAdd(PbrRtmRead *pRead, PbrIfNodeEntry *pLink, const RuleEvent &event) PBR_LOCK_HELD {
     chosenMark(pLink->pPbrNode);
     (void)pbrAclRuleHwAdd(pLink, event.listNum, event.ruleNum); // counted and logged there
     if (isWaiting(pLink)) {
@@ -126,7 +126,7 @@ void nextHopAdd(PbrRtmRead *pRead, PbrIfNodeEntry *pLink, const RuleEvent &event
     pRead->hwCount++; // not on the path without next hops: published
 }
 
-void linkAdd(PbrRtmRead *pRead, const PbrListEntry *pList, PbrIfNodeEntry *pLink, const RuleEvent &event) {
+void linkAdd(PbrRtmRead *pRead, const PbrListEntry *pList, PbrIfNodeEntry *pLink, const RuleEvent &event) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pLink->pPbrNode;
     TRACE(TEXT_ADD_LINK, LIST_ARGS(pList), static_cast<int32_t>(pNode->nodeIndex),
           static_cast<const void *>(pNode->pPbrNhopBest), pLink->emptyAcl, pLink->aclNoAction,
@@ -140,7 +140,7 @@ void linkAdd(PbrRtmRead *pRead, const PbrListEntry *pList, PbrIfNodeEntry *pLink
     }
 }
 
-void listAdd(PbrRtmRead *pRead, const PbrListEntry *pList, const RuleEvent &event) {
+void listAdd(PbrRtmRead *pRead, const PbrListEntry *pList, const RuleEvent &event) PBR_LOCK_HELD {
     const PbrNodeEntry *pNode = pRead->foundNode;
     TRACE(TEXT_ADD, static_cast<int32_t>(event.listNum), static_cast<int32_t>(event.ruleNum), LIST_ARGS(pList),
           static_cast<int32_t>(pNode->nodeIndex));
@@ -166,7 +166,7 @@ PbrIfNodeEntry *linkForDel(const PbrIfEntry *pIf, const PbrNodeEntry *pNode) {
     return nullptr;
 }
 
-void listDel(PbrRtmRead *pRead, const PbrListEntry *pList, const RuleEvent &event) {
+void listDel(PbrRtmRead *pRead, const PbrListEntry *pList, const RuleEvent &event) PBR_LOCK_HELD {
     TRACE(TEXT_DEL_NODE, static_cast<int32_t>(event.listNum), static_cast<int32_t>(event.ruleNum),
           LIST_ARGS(pList), static_cast<int32_t>(pRead->foundNode->nodeIndex));
     for (const PbrIfEntry *pIf = pbrListBoundIfFirst(pList); pIf != nullptr;

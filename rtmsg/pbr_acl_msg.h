@@ -6,11 +6,12 @@
 #ifndef RTMSG_PBR_ACL_MSG_H
 #define RTMSG_PBR_ACL_MSG_H
 
+#include "core/pbr_store_lock.h"
 #include "rtmsg/pbr_rtm_walk.h"
 
 // Handlers of the rows; the result is true always. Lock: held by caller
-bool pbrAclRuleAddMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen);
-bool pbrAclRuleDelMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen);
-bool pbrAclDelMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen);
+bool pbrAclRuleAddMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen) PBR_LOCK_HELD;
+bool pbrAclRuleDelMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen) PBR_LOCK_HELD;
+bool pbrAclDelMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen) PBR_LOCK_HELD;
 
 #endif

@@ -30,7 +30,7 @@ CardKey keyRead(const uint8_t *pMessage, uint32_t words) {
     return key;
 }
 
-void linkRewrite(PbrIfNodeEntry *pLink) {
+void linkRewrite(PbrIfNodeEntry *pLink) PBR_LOCK_HELD {
     const uint32_t hwStatus = pbrIfNodeHwStatusGet(pLink);
     if (hwStatus == PBR_HW_PROGRAMMED || hwStatus == PBR_HW_FAILED) {
         (void)pbrIfNodeHwDel(pLink); // results are counted and logged there
@@ -38,7 +38,7 @@ void linkRewrite(PbrIfNodeEntry *pLink) {
     (void)pbrIfNodeHwAdd(pLink); // also for links that had no entry: published
 }
 
-void readyListsRewrite() {
+void readyListsRewrite() PBR_LOCK_HELD {
     for (const PbrListEntry *pList = pbrListFromReadyLink(listFirst(&gPbrInfo.readyTable)); pList != nullptr;
          pList = pbrListFromReadyLink(listNext(&gPbrInfo.readyTable, &pList->readyLink))) {
         for (const PbrIfEntry *pIf = pbrListBoundIfFirst(pList); pIf != nullptr;

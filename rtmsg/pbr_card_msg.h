@@ -3,10 +3,11 @@
 #ifndef RTMSG_PBR_CARD_MSG_H
 #define RTMSG_PBR_CARD_MSG_H
 
+#include "core/pbr_store_lock.h"
 #include "rtmsg/pbr_rtm_walk.h"
 
 // Handlers of the rows; the result is true always. Lock: held by caller
-bool pbrCardUpMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen);
-bool pbrSlotUpMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen);
+bool pbrCardUpMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen) PBR_LOCK_HELD;
+bool pbrSlotUpMsgRcv(PbrRtmRead *pRead, const uint8_t *pMessage, int32_t payloadLen) PBR_LOCK_HELD;
 
 #endif

@@ -46,12 +46,12 @@ IfName nameOf(uint32_t ifIndex) {
 #define LIST_ARGS(pIf) static_cast<int>((pIf)->pbrNameLen), (pIf)->pbrName
 
 // Takes an interface out of policy routing. Result: of the unbind, or 0 of the delete.
-uint32_t entryDrop(PbrIfEntry *pIf) {
+uint32_t entryDrop(PbrIfEntry *pIf) PBR_LOCK_HELD {
     const uint32_t result = pbrIfEntryUnBind(pIf);
     return result != 0 ? result : static_cast<uint32_t>(pbrIfEntryDel(pIf));
 }
 
-void portJoined(uint32_t port, uint32_t agg) {
+void portJoined(uint32_t port, uint32_t agg) PBR_LOCK_HELD {
     PbrIfEntry *pIf = pbrIfEntryGet(port);
     if (pIf == nullptr) {
         return;
@@ -61,7 +61,7 @@ void portJoined(uint32_t port, uint32_t agg) {
 }
 
 // Whether a member port needs entries of its own; a question that fails is answered no.
-bool memberAsk(uint32_t agg, uint32_t function) {
+bool memberAsk(uint32_t agg, uint32_t function) PBR_LOCK_HELD {
     AggDispatchReq request = {};
     request.function = function;
     if (qrvIfGetApi(agg, QRV_IF_HWAPIFUNCDISPATCH, &request) != 0) {
@@ -72,7 +72,7 @@ bool memberAsk(uint32_t agg, uint32_t function) {
 }
 
 // Adding covers only programmed links.
-void portAdded(uint32_t agg, uint32_t port) {
+void portAdded(uint32_t agg, uint32_t port) PBR_LOCK_HELD {
     const PbrIfEntry *pIf = pbrIfEntryGet(agg);
     if (pIf == nullptr || !memberAsk(agg, AGG_PORT_ADDED)) {
         return;
@@ -87,7 +87,7 @@ void portAdded(uint32_t agg, uint32_t port) {
 }
 
 // Removing covers links whose add failed too.
-void portRemoved(uint32_t agg, uint32_t port) {
+void portRemoved(uint32_t agg, uint32_t port) PBR_LOCK_HELD {
     TRACE(TEXT_REMOVE_MSG, static_cast<int32_t>(agg), static_cast<int32_t>(port));
     const PbrIfEntry *pIf = pbrIfEntryGet(agg);
     if (pIf == nullptr || !memberAsk(agg, AGG_PORT_REMOVED)) {
@@ -103,7 +103,7 @@ void portRemoved(uint32_t agg, uint32_t port) {
     }
 }
 
-void attributeApply(uint32_t ifIndex, uint16_t type, uint32_t data) {
+void attributeApply(uint32_t ifIndex, uint16_t type, uint32_t data) PBR_LOCK_HELD {
     if (type == QRV_RTM_LINK_JOINED) {
         portJoined(ifIndex, data);
     } else if (type == QRV_RTM_LINK_PORT_ADDED) {

@@ -41,7 +41,7 @@ bool listNamesTest(const PbrListEntry *pList, const NqaStatusMsg &msg) {
 }
 
 // Once a list uses the test, every bound list behind it is queued as well: published behaviour.
-void listsQueue(const NqaStatusMsg &msg) {
+void listsQueue(const NqaStatusMsg &msg) PBR_LOCK_HELD {
     bool matched = false;
     for (PbrListEntry *pList = pbrListFromUsedLink(listFirst(&gPbrInfo.usedTable)); pList != nullptr;
          pList = pbrListFromUsedLink(listNext(&gPbrInfo.usedTable, &pList->usedLink))) {

@@ -93,7 +93,7 @@ int32_t pbrRtSockOpen() {
     return fd;
 }
 
-void pbrSocketClose() {
+void pbrSocketClose() PBR_LOCK_HELD {
     if (gPbrInfo.rtSock != -1) {
         (void)qrv_close(gPbrInfo.rtSock);
         gPbrInfo.rtSock = -1;

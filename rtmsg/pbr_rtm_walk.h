@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/pbr_store_lock.h"
 #include "store/pbr_records.h"
 
 // State of one read.
@@ -35,6 +36,6 @@ struct PbrRtmRow {
 // Walks the messages of one read. pBuffer: 4-byte aligned, `got` bytes read, then 128 zero bytes. Ends
 // silently at the first message whose length word is below 24 or beyond what is left; types without a
 // row are skipped silently. Lock: held by caller
-void pbrRtmWalk(const PbrRtmRow *pRows, size_t rowCount, const uint8_t *pBuffer, int32_t got);
+void pbrRtmWalk(const PbrRtmRow *pRows, size_t rowCount, const uint8_t *pBuffer, int32_t got) PBR_LOCK_HELD;
 
 #endif

@@ -34,7 +34,7 @@ PbrLink *listPlace(const uint8_t *pName, uint32_t nameLen) {
     return pAfter;
 }
 
-uint32_t nodeValidate(const PbrNodeEntry *pNode) {
+uint32_t nodeValidate(const PbrNodeEntry *pNode) PBR_LOCK_HELD {
     if (pNode->aclNum == 0 && pNode->matchValue1 == 0 && pNode->matchValue2 == 0) {
         PBR_TRACE(PBR_DEBUG_GENERAL, PBR_LOG_TABLE, TEXT_NO_MATCH);
         return PBR_ERR_NO_MATCH;

@@ -21,7 +21,7 @@ PbrLink *nextHopPlace(PbrNodeEntry *pNode, uint8_t index) {
 }
 
 // Deletes the record of the next hop's probe test when no other next hop names it.
-void nqaRelease(const PbrNextHopEntry *pHop) {
+void nqaRelease(const PbrNextHopEntry *pHop) PBR_LOCK_HELD {
     if (pHop->nqaAdminNameLen == 0 || pHop->nqaTestNameLen == 0 || pbrNqaCheckNoUsed(pHop) != 0) {
         return;
     }
@@ -43,7 +43,7 @@ bool nodeHolds(const PbrNodeEntry *pNode, const PbrNextHopEntry *pHop) {
 
 // No node may be left with a best next hop that is gone (the periodic update can carry a choice from
 // one node to another). The owner's list is marked for the redirect view.
-void forgetEverywhere(const PbrNextHopEntry *pHop) {
+void forgetEverywhere(const PbrNextHopEntry *pHop) PBR_LOCK_HELD {
     for (PbrLink *pLink = listFirst(&gPbrInfo.usedTable); pLink != nullptr;
          pLink = listNext(&gPbrInfo.usedTable, pLink)) {
         PbrListEntry *pList = pbrListFromUsedLink(pLink);

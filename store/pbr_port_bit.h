@@ -4,8 +4,10 @@
 
 #include <cstdint>
 
+#include "core/pbr_store_lock.h"
+
 // Sets, clears bit n. pBitmap: at least n / 8 + 1 bytes; there is no bound check. Lock: held by caller
-void pbrPortBitSet(uint8_t *pBitmap, uint32_t n);
-void pbrPortBitClear(uint8_t *pBitmap, uint32_t n);
+void pbrPortBitSet(uint8_t *pBitmap, uint32_t n) PBR_LOCK_HELD;
+void pbrPortBitClear(uint8_t *pBitmap, uint32_t n) PBR_LOCK_HELD;
 
 #endif

@@ -10,13 +10,13 @@ constexpr uint32_t PBR_VIEW_LISTS = 1; // some lists are marked
 constexpr uint32_t PBR_VIEW_ALL = 2;   // compare everything (a list or an interface went away)
 
 // Marks one list. Lock: held by caller
-inline void pbrViewMarkList(PbrListEntry *pList) {
+inline void pbrViewMarkList(PbrListEntry *pList) PBR_LOCK_HELD {
     pList->viewMark = 1;
     gPbrInfo.viewMarks |= PBR_VIEW_LISTS;
 }
 
 // Marks everything. Lock: held by caller
-inline void pbrViewMarkAll() {
+inline void pbrViewMarkAll() PBR_LOCK_HELD {
     gPbrInfo.viewMarks |= PBR_VIEW_ALL;
 }
 

@@ -52,7 +52,7 @@ struct DesiredState {
 
 // Brings `state` up to date from the redirect view. Result: names of the lists whose entries differ from
 // before. Lock: held by caller (the daemon's mutex)
-std::vector<std::string> desiredStateTake(DesiredState &state, bool all); // host/device/desired
+std::vector<std::string> desiredStateTake(DesiredState &state, bool all) PBR_LOCK_HELD; // host/device/desired
 
 // Something that an operator should know, and what to do about it.
 struct DeviceNotice {
@@ -92,7 +92,7 @@ public:
     virtual bool needsMemberEntries() const;
 
     // devSyncStore found marks. Lock: held by caller (the daemon's mutex)
-    virtual void storeChanged() = 0;
+    virtual void storeChanged() PBR_LOCK_HELD = 0;
 
     // The rules of an ACL changed. Event thread.
     virtual void aclChanged(uint32_t aclNum) = 0;
@@ -136,7 +136,7 @@ public:
 
     // The store as it is now is asked for by hostStoreAsk: compares it with what the device took.
     // Lock: held by caller (the daemon's mutex)
-    virtual void storeCompare() {}
+    virtual void storeCompare() PBR_LOCK_HELD {}
 
     // What outside of our own objects breaks forwarding. Event thread.
     virtual std::vector<DeviceNotice> warnings() { return {}; }

@@ -96,7 +96,7 @@ Device &hostDevice() {
 
 } // namespace host
 
-extern "C" void devSyncStore(void) {
+extern "C" void devSyncStore(void) PBR_LOCK_HELD {
     // The daemon says this at every unlock; most of the time nothing was marked.
     if (pbrRedirectViewChanged() != 0) {
         host::hostDevice().storeChanged();

@@ -15,7 +15,7 @@ public:
     }
     int32_t add(uint32_t, uint32_t, const uint8_t *) override { return -1; }
     int32_t del(uint32_t, uint32_t, const uint8_t *) override { return 0; }
-    void storeChanged() override {}
+    void storeChanged() override PBR_LOCK_HELD {}
     void aclChanged(uint32_t) override {}
     std::string settle() override { return start(); }
     std::string flush() override { return start(); }

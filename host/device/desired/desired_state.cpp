@@ -123,7 +123,7 @@ RedirectEntry redirectEntryFrom(const PbrRedirect &redirect) {
     return entry;
 }
 
-std::vector<std::string> desiredStateTake(DesiredState &state, bool all) {
+std::vector<std::string> desiredStateTake(DesiredState &state, bool all) PBR_LOCK_HELD {
     Visit visit;
     const PbrRedirectVisitor visitor = {&visit, visitListBegin, visitEntry};
     const bool visitedAll = pbrRedirectViewTake(all, &visitor);

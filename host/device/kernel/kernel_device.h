@@ -63,7 +63,7 @@ public:
     std::string start() override;
     int32_t add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) override;
     int32_t del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) override;
-    void storeChanged() override;
+    void storeChanged() override PBR_LOCK_HELD;
     void aclChanged(uint32_t aclNum) override;
     std::string settle() override;
     void hold(const std::set<std::string> &lists) override;
@@ -72,7 +72,7 @@ public:
     std::string flush() override;
     void listsChanged(const std::set<std::string> &lists) override;
     void check(std::function<void(nlohmann::json)> done) override;
-    void storeCompare() override;
+    void storeCompare() override PBR_LOCK_HELD;
     std::vector<DeviceNotice> warnings() override;
     nlohmann::json show() override;
     nlohmann::json explain(const PacketQuestion &question) override;

@@ -20,7 +20,7 @@ std::unique_ptr<Device> kernelDeviceMake() {
     hooks.env.egress = fibLookup;
     hooks.env.drops = otherwiseDrops;
     hooks.take = desiredStateTake;
-    hooks.get = [](uint32_t ifUnit, uint32_t aclNum) -> std::optional<RedirectEntry> {
+    hooks.get = [](uint32_t ifUnit, uint32_t aclNum) PBR_LOCK_HELD -> std::optional<RedirectEntry> {
         PbrRedirect redirect = {};
         if (!pbrRedirectViewGet(ifUnit, aclNum, &redirect)) {
             return std::nullopt;

@@ -52,7 +52,7 @@ public:
     int32_t del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *pRecord) override;
     int32_t rule(uint32_t ifUnit, uint32_t command, const uint8_t *pEntry) override;
     bool needsMemberEntries() const override { return hasMemberEntries; }
-    void storeChanged() override;
+    void storeChanged() override PBR_LOCK_HELD;
     void aclChanged(uint32_t aclNum) override;
     std::string settle() override;
 
