@@ -9,6 +9,7 @@ packages=(
   g++-i686-linux-gnu libasan8-i386-cross libubsan1-i386-cross
   libmnl-dev libnftnl-dev libseccomp-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
+  clang-tidy cppcheck shellcheck pyflakes3
   nftables iproute2 iputils-ping util-linux mount
   make tcl
   dpkg-dev passwd man-db groff-base systemd

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds and passes all tests: release with the system tests, address and
-# undefined-behaviour sanitizers, and 32-bit big-endian binaries under emulation.
+# undefined-behaviour sanitizers, 32-bit big-endian binaries under emulation, and the static checks.
 #   scripts/test.sh [PRESET ...]     default: release asan mips
 #   PBR_FAST=1 scripts/test.sh debug the inner loop: one preset, unit tests only
 set -euo pipefail
@@ -24,5 +24,13 @@ for preset in "${presets[@]}"; do
   failed=$((failed + bad))
   passed=$((passed + all - bad))
 done
+if [[ ! ${PBR_FAST:-} ]]; then
+  echo "== static checks" # one test of the sum
+  if scripts/check-static.sh; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+  fi
+fi
 echo "$passed passed, $failed failed"
 ((failed == 0 && passed > 0))

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Runs the static checks: clang-tidy (.clang-tidy), cppcheck, shellcheck, pyflakes, layers and walls
+# (check-house.py), and the form of texts. Prints the findings and a table; exit status 0 only without findings.
+#   scripts/check-static.sh                        everything
+#   scripts/check-static.sh [FILE ...]             these; a header through a source that includes it
+#   scripts/check-static.sh --since main           what differs from that revision
+#   scripts/check-static.sh --only cppcheck,text   these checks
+set -euo pipefail
+here=$PWD
+cd "$(dirname "$0")/.."
+root=$PWD
+scripts/setup.sh
+cmake --preset release -B build/static >/dev/null # for its compile commands; nothing is built there
+arguments=()
+for argument in "$@"; do
+  [[ -e $here/$argument && $argument != /* ]] && argument=$here/$argument
+  arguments+=("$argument")
+done
+exec scripts/check-static.py "$root/build/static" "${arguments[@]}"
