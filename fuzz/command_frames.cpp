@@ -14,6 +14,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <thread>
 
@@ -103,7 +104,9 @@ int connected() {
 void received(int fd, int flags, Bytes &answers, bool &isOpen) {
     uint8_t room[4096];
     for (ssize_t got = 1; got > 0;) {
-        got = recv(fd, room, sizeof(room), flags);
+        do { // the fuzzer's own alarm: the server is still at work
+            got = recv(fd, room, sizeof(room), flags);
+        } while (got < 0 && errno == EINTR);
         answers.insert(answers.end(), room, room + std::max<ssize_t>(got, 0));
         isOpen = isOpen && got != 0;
     }

@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""Writes the seeds of the fuzzers whose input is no text, from the tables below: FOLDER/NAME/SEED.
+"""Writes seeds of the fuzzers: FOLDER/NAME/SEED. Of those whose input is no text from the tables below; and of all what
+earlier runs found worth keeping, from fuzz/found/NAME.txt, an input a line in Base64 (scripts/fuzz-keep.py).
 
     fuzz/seeds.py FOLDER
 
 The forms of the inputs stand at the head of each fuzzer. Numbers of messages are in this machine's order, as
 the daemon reads them; those of the fuzzers' own are low byte first."""
+import base64
 import pathlib
 import socket
 import sqlite3
@@ -294,6 +296,11 @@ def main():
         target.mkdir(parents=True, exist_ok=True)
         for title, data in fuzzer():
             (target / title).write_bytes(data)
+    for path in sorted((pathlib.Path(__file__).resolve().parent / "found").glob("*.txt")):
+        target = folder / path.stem
+        target.mkdir(parents=True, exist_ok=True)
+        for number, line in enumerate(path.read_text().split()):
+            (target / f"found-{number:03}").write_bytes(base64.b64decode(line))
 
 
 main()

@@ -4,7 +4,8 @@
     scripts/fuzz.py BUILD [SECONDS] [FUZZER ...]
 
 Two run at a time. When the number of fuzzers is odd, the last one runs in both places for half the time, so that
-neither stands idle. Exit status 1 when there was a finding."""
+neither stands idle. The last line counts fuzzers: a finding, or one that executed nothing, is a failure. Exit status 1
+when there was one."""
 import os
 import pathlib
 import re
@@ -99,7 +100,9 @@ def main():
     for run in runs:
         for path in run.findings:
             print(f"finding: {path.relative_to(ROOT) if path.is_relative_to(ROOT) else path}")
-    sys.exit(any(run.status != 0 for run in runs))
+    failed = {run.name for run in runs if run.status != 0 or run.executions == 0}
+    print(f"{len(names) - len(failed)} passed, {len(failed)} failed")
+    sys.exit(bool(failed))
 
 
 main()

@@ -1,19 +1,30 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds and passes all tests: release with the system tests, address and
-# undefined-behaviour sanitizers, 32-bit big-endian binaries under emulation, and the static checks.
-#   scripts/test.sh [PRESET ...]     default: release asan mips
+# undefined-behaviour sanitizers, 32-bit big-endian binaries under emulation, each fuzzer for a minute, and the static
+# checks.
+#   scripts/test.sh [PRESET ...]     default: release asan mips fuzz
 #   PBR_FAST=1 scripts/test.sh debug the inner loop: one preset, unit tests only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 presets=("$@")
-((${#presets[@]})) || presets=(release asan mips)
+((${#presets[@]})) || presets=(release asan mips fuzz)
 passed=0
 failed=0
 for preset in "${presets[@]}"; do
   echo "== $preset"
   cmake --preset "$preset" >"build-$preset.log" 2>&1 || { cat "build-$preset.log"; rm -f "build-$preset.log"; exit 1; }
   rm -f "build-$preset.log"
+  if [[ $preset == fuzz ]]; then
+    cmake --build --preset fuzz --target fuzzers
+    report=build/fuzz/fuzz.log
+    scripts/fuzz.py build/fuzz "${PBR_FUZZ_SECONDS:-60}" 2>&1 | tee "$report" || true
+    read -r good bad < <(sed -nE 's/^([0-9]+) passed, ([0-9]+) failed$/\1 \2/p' "$report" | tail -n 1) ||
+      { echo "test: no result of the fuzzers" >&2; exit 1; }
+    failed=$((failed + bad))
+    passed=$((passed + good))
+    continue
+  fi
   cmake --build --preset "$preset"
   options=(--preset "$preset" -j2) # system tests mostly wait
   [[ ${PBR_FAST:-} ]] && options+=(-L unit)
