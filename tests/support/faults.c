@@ -43,8 +43,8 @@ static int isOfKind(int fd, uint32_t kind) {
     if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0) {
         return kind == NETLINK ? domain == AF_NETLINK : kind == UNIX ? domain == AF_UNIX : kind == INET && domain != AF_UNIX && domain != AF_NETLINK;
     }
-    struct stat status;
-    return kind == REGULAR && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    struct stat64 status;
+    return kind == REGULAR && fstat64(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 // 0: nothing is to fail now.
@@ -94,6 +94,18 @@ ssize_t sendmsg(int fd, const struct msghdr *pMessage, int flags) {
     REFUSE(SENDMSG, fd)
     return REAL(sendmsg)(fd, pMessage, flags);
 }
+#if __SIZEOF_POINTER__ == 4 // what a program of 32 bits whose times have 64 calls for them
+typedef ssize_t (*SendMsg64)(int, const struct msghdr *, int);
+typedef ssize_t (*RecvMsg64)(int, struct msghdr *, int);
+ssize_t __sendmsg64(int fd, const struct msghdr *pMessage, int flags) {
+    REFUSE(SENDMSG, fd)
+    return ((SendMsg64)dlsym(RTLD_NEXT, "__sendmsg64"))(fd, pMessage, flags);
+}
+ssize_t __recvmsg64(int fd, struct msghdr *pMessage, int flags) {
+    REFUSE(RECVMSG, fd)
+    return ((RecvMsg64)dlsym(RTLD_NEXT, "__recvmsg64"))(fd, pMessage, flags);
+}
+#endif
 ssize_t recv(int fd, void *pData, size_t size, int flags) {
     REFUSE(RECV, fd)
     return REAL(recv)(fd, pData, HALF(size), flags);

@@ -13,6 +13,14 @@ NAMES = ("socket", "sendto", "send", "sendmsg", "recv", "recvfrom", "recvmsg", "
          "fdatasync", "epoll_wait", "bind")
 KINDS = ("any", "netlink", "unix", "inet", "regular")
 SLOT, SHORT = struct.Struct("=5I"), 9999
+EM_386 = 3  # a program's machine in its ELF header
+
+
+def compiler():
+    """The C compiler whose objects the daemon can load: a 32-bit x86 program needs the cross compiler's."""
+    with open(netlab.Daemon(root="none").program("policyrouted")[-1], "rb") as file:
+        machine = struct.unpack("<18xH", file.read(20))[0]
+    return "i686-linux-gnu-gcc" if machine == EM_386 else "cc"
 
 
 class Faults:
@@ -22,7 +30,7 @@ class Faults:
         self.folder = tempfile.mkdtemp(prefix="pbr-faults-")
         self.object = self.folder + "/faults.so"
         source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "faults.c")
-        subprocess.run(["cc", "-O1", "-shared", "-fPIC", "-w", "-o", self.object, source, "-ldl"], check=True)
+        subprocess.run([compiler(), "-O1", "-shared", "-fPIC", "-w", "-o", self.object, source, "-ldl"], check=True)
         self.path = self.folder + "/switches"
         with open(self.path, "wb") as file:
             file.write(b"\0" * SLOT.size * len(NAMES))
