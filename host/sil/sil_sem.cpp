@@ -13,6 +13,10 @@
 
 #include <pthread.h>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace {
 
 constexpr uint32_t SEM_COUNT = 64;
@@ -23,9 +27,35 @@ struct Sem {
     bool isUsed = false;
     bool isHeld = false;
     pthread_t holder{}; // while isHeld
+    char watched = 0; // what the thread sanitizer knows it by; never written
 };
 
 Sem *const gSems = new Sem[SEM_COUNT]; // never destroyed: tasks wait on them until the process ends
+
+// The thread sanitizer is told that a semaphore is a mutex, and not only the flag and the lock that it is made of: so it
+// sees in which order this one and the services' locks are taken.
+struct Watch {
+#if defined(__SANITIZE_THREAD__)
+    // Around a take; one with an end to its waiting cannot stand still for ever.
+    static void takeBegin(Sem &sem, int32_t timeoutMs) {
+        __tsan_mutex_pre_lock(&sem.watched, timeoutMs < 0 ? 0 : __tsan_mutex_try_lock);
+    }
+    static void takeEnd(Sem &sem, int32_t timeoutMs, bool isTaken) {
+        __tsan_mutex_post_lock(&sem.watched, (timeoutMs < 0 ? 0 : __tsan_mutex_try_lock) |
+                                                (isTaken ? 0 : __tsan_mutex_try_lock_failed), 0);
+    }
+    static void given(Sem &sem) {
+        (void)__tsan_mutex_pre_unlock(&sem.watched, 0);
+        __tsan_mutex_post_unlock(&sem.watched, 0);
+    }
+    static void deleted(Sem &sem) { __tsan_mutex_destroy(&sem.watched, 0); }
+#else
+    static void takeBegin(Sem &, int32_t) {}
+    static void takeEnd(Sem &, int32_t, bool) {}
+    static void given(Sem &) {}
+    static void deleted(Sem &) {}
+#endif
+};
 
 bool isHeldBySelf(const Sem &sem) {
     return sem.isHeld && pthread_equal(sem.holder, pthread_self()) != 0;
@@ -84,9 +114,16 @@ uint32_t silCreateMSem(uint32_t) {
 }
 
 int32_t silTakeSem(uint32_t handle, int32_t timeoutMs) {
-    return withSem(handle, [timeoutMs](Sem &sem, std::unique_lock<std::mutex> &guard) {
+    if (handle == 0 || handle > SEM_COUNT) {
+        return failed(EINVAL);
+    }
+    Sem &asked = gSems[handle - 1];
+    Watch::takeBegin(asked, timeoutMs);
+    const int32_t result = withSem(handle, [timeoutMs](Sem &sem, std::unique_lock<std::mutex> &guard) {
         return take(sem, guard, timeoutMs);
     });
+    Watch::takeEnd(asked, timeoutMs, result == 0);
+    return result;
 }
 
 int32_t silGiveSem(uint32_t handle) {
@@ -94,6 +131,7 @@ int32_t silGiveSem(uint32_t handle) {
         if (!isHeldBySelf(sem)) {
             return failed(EPERM);
         }
+        Watch::given(sem);
         sem.isHeld = false;
         sem.given.notify_one();
         return 0;
@@ -105,6 +143,7 @@ int32_t silDeleteSem(uint32_t handle) {
         if (sem.isHeld) {
             return failed(EBUSY);
         }
+        Watch::deleted(sem);
         sem.isUsed = false;
         return 0;
     });
