@@ -47,7 +47,6 @@ std::optional<AclMac> macOf(const json &request) {
     const std::string text = mgmtArgText(request, "sourceMac");
     AclMac mac{};
     int used = 0;
-    // NOLINTNEXTLINE(cert-err34-c): at most two digits a number, so that none overflows
     const int count = sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", &mac[0], &mac[1], &mac[2], &mac[3],
                              &mac[4], &mac[5], &used);
     if (count != 6 || static_cast<size_t>(used) != text.size()) {

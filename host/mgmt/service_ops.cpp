@@ -39,7 +39,6 @@ json opVersion(const json &request) {
 
 // As the daemon reads the option: by its leading digits, and 0 stands for its default.
 uint32_t interfacesMost() {
-    // NOLINTNEXTLINE(cert-err34-c): what is no number is 0 for the daemon too
     const uint32_t given = static_cast<uint32_t>(atoi(optionGet("policyroute.maxifnum").value_or("").c_str()));
     return given != 0 ? given : DEFAULT_MAX_INTERFACES;
 }

@@ -129,7 +129,10 @@ std::string interfaceRead(const json &members) {
     const std::string name = mgmtArgText(members, "interface");
     const bool isName = !name.empty() && name.size() <= INTERFACE_MOST && isPrintable(name) &&
                         name.find('/') == std::string::npos;
-    return isName ? name : (refuse("member \"interface\" must be the name of an interface, 1 to 15 characters"), "");
+    if (!isName) {
+        refuse("member \"interface\" must be the name of an interface, 1 to 15 characters");
+    }
+    return name;
 }
 
 NqaTiming timingRead(const json &members) {

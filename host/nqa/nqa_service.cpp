@@ -44,11 +44,12 @@ json statisticsJson(const NqaProbe &probe) {
     const NqaStatistics &all = probe.statistics;
     const auto trip = [&](uint64_t us) { return all.received == 0 ? json() : json(us); };
     const uint64_t settled = all.received + all.lost;
+    const uint64_t lostOf10000 = settled == 0 ? 0 : all.lost * 10000 / settled;
     return {{"since", timeText(probe.clearedWallMs)},
             {"sent", all.sent},
             {"received", all.received},
             {"lost", all.lost},
-            {"lossPercent", settled == 0 ? json() : json(static_cast<double>(all.lost * 10000 / settled) / 100)},
+            {"lossPercent", settled == 0 ? json() : json(static_cast<double>(lostOf10000) / 100)},
             {"lastUs", trip(all.lastUs)},
             {"leastUs", trip(all.leastUs)},
             {"meanUs", trip(all.received == 0 ? 0 : all.sumUs / all.received)},

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "host/timerange/schedule.h"
-#include "host/timerange/schedule.h"
 #include "schedule/schedule_text.h"
 
 namespace timetest {
