@@ -136,13 +136,12 @@ private:
             return step;
         }
         keyFind(step);
-        if (step.fields.empty()) {
-            step.reason = "nothing tells the rules apart that a map can hold";
-            return step;
-        }
-        ClassCells cells = classCells(membersOf(step));
-        if (!cells.refusal.empty()) {
-            step.reason = cells.refusal;
+        const bool isKey = !step.fields.empty() && step.fields.size() <= limits_.fieldsMost;
+        ClassCells cells = isKey ? classCells(membersOf(step)) : ClassCells{};
+        if (!isKey || !cells.refusal.empty()) {
+            step.reason = isKey                 ? cells.refusal
+                          : step.fields.empty() ? "the rules differ in nothing that a map can hold"
+                                                : "the rules differ in too many fields for a key";
             step.fields.clear();
             step.guard = {};
             return step;

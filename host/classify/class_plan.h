@@ -60,8 +60,9 @@ struct ClassPlan {
 };
 
 struct ClassLimits {
-    size_t mapFrom = 8;         // rules from which on a map is made; 0: never
+    size_t mapFrom = 8;            // rules from which on a map is made; 0: never
     size_t comparisons = 1u << 20; // of two rules, beyond those in proportion to their number
+    size_t fieldsMost = CLASS_FIELD_COUNT; // in a map's key
 };
 
 // rules: of one family (4 or 6), in their order. Lock: none

@@ -48,6 +48,7 @@ const Range RANGES[] = {
     {"host.mark-mask", 1, 0xFFFFFFFF},
     {"host.rule-preference", 1, 0xFFFFFFFE},
     {"host.table-base", 256, 0xFFFFFFFE},
+    {"host.map-from", 0, 1000000},
     {"host.adopt-wait-ms", 0, 3600000},
     {"host.memory-capacity", 0, 0xFFFFFFFF},
 };

@@ -23,6 +23,7 @@ namespace host {
     X("host.rule-preference", "15000", "preference of our first policy rule")                       \
     X("host.table-base", "1000000", "number of our first routing table")                            \
     X("host.defrag", "on", "on: fragments are reassembled before they are matched, where the kernel can") \
+    X("host.map-from", "8", "rules of one form from which on packets are looked up in a map; 0: never") \
     X("host.adopt-wait-ms", "10000", "longest time in ms that a policy found at start is kept untouched") \
     X("host.group", "", "group whose members may write to the sockets; none: root only")            \
     X("host.user", "", "user that the process becomes when root starts it; none: it stays root, without root's rights") \

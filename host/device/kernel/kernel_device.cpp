@@ -476,14 +476,15 @@ uint64_t KernelDevice::packetsOf(const std::string &list, const EntryKey &key,
     const auto &programs = plane_.model().lists();
     for (const NodeKey &nodeKey : plane_.model().nodesOf(list, key)) {
         const ProgramNode &node = programs.at(list).nodes.at(nodeKey);
-        auto counted = packets.find(kernelMatchChain(nodeKey));
-        if (!node.rules || counted == packets.end()) {
-            continue;
-        }
-        size_t i = 0;
-        for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, nodeKey.family)) {
-            sum += rule.permit && i < counted->second.size() ? counted->second[i] : 0;
-            i++;
+        const bool isFlat = plane_.model().isFlat(list, nodeKey.family);
+        const std::string chain = kernelMatchChain(nodeKey);
+        const auto rules = node.rules ? programRules(node.aclNum, *node.rules, nodeKey.family)
+                                      : std::vector<std::pair<uint32_t, AclRule>>();
+        for (size_t i = 0; i < rules.size(); i++) {
+            const auto &[number, rule] = rules[i];
+            const auto counted = packets.find(isFlat ? kernelRuleChain({nodeKey, node.aclNum, number, rule.permit}) : chain);
+            const size_t at = isFlat ? 0 : i;
+            sum += rule.permit && counted != packets.end() && at < counted->second.size() ? counted->second[at] : 0;
         }
     }
     return sum;

@@ -14,16 +14,22 @@ using Counts = std::map<std::string, NftChainCounts>;
 
 json countShow(const NftCount &count) { return {{"packets", count.packets}, {"bytes", count.bytes}}; }
 
-json rulesShow(const NodeKey &key, const ProgramNode &node, const Counts &counts) {
+// A flat list has a chain a rule, others have one a node.
+NftCount countOf(const KernelRuleName &name, size_t place, bool isFlat, const Counts &counts) {
+    const auto chain = counts.find(isFlat ? kernelRuleChain(name) : kernelMatchChain(name.node));
+    const size_t at = isFlat ? 0 : place;
+    return chain == counts.end() || at >= chain->second.size() ? NftCount{} : chain->second[at].second;
+}
+
+json rulesShow(const NodeKey &key, const ProgramNode &node, bool isFlat, const Counts &counts) {
     json shown = json::array();
-    const auto chain = counts.find(kernelMatchChain(key));
-    if (!node.rules || chain == counts.end()) {
+    if (!node.rules || (!isFlat && counts.count(kernelMatchChain(key)) == 0)) {
         return shown;
     }
     // The chain has the rules in the program's order; while it is being changed it may be shorter.
     size_t i = 0;
     for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, key.family)) {
-        json row = countShow(i < chain->second.size() ? chain->second[i].second : NftCount{});
+        json row = countShow(countOf({key, node.aclNum, number, rule.permit}, i, isFlat, counts));
         row["rule"] = number;
         row["text"] = aclRuleFormat(node.aclNum, rule);
         shown.push_back(std::move(row));
@@ -51,7 +57,7 @@ json KernelDevice::policyCounters() {
             row["node"] = key.nodeIndex;
             row["ipVersion"] = key.family;
             row["acl"] = node.aclNum;
-            row["rules"] = rulesShow(key, node, counts);
+            row["rules"] = rulesShow(key, node, plane_.model().isFlat(list, key.family), counts);
             shown.push_back(std::move(row));
         }
     }

@@ -13,6 +13,7 @@ std::unique_ptr<Device> kernelDeviceMake() {
     hooks.options.rulePreference = static_cast<uint32_t>(optionNumber("host.rule-preference"));
     hooks.options.tableBase = static_cast<uint32_t>(optionNumber("host.table-base"));
     hooks.options.defrag = optionGet("host.defrag") == "on";
+    hooks.options.mapFrom = static_cast<size_t>(optionNumber("host.map-from"));
     hooks.adoptWait = std::chrono::milliseconds(optionNumber("host.adopt-wait-ms"));
     hooks.pLoop = &hostEventLoop();
     hooks.env.rules = aclSnapshot;

@@ -33,6 +33,11 @@ void setsCompare(const NftImage &wanted, const NftImage &held, Lines &lines) {
             lines.push_back("set " + name + " is missing");
         }
     }
+    for (const std::string &name : held.sets) {
+        if (wanted.sets.count(name) == 0) {
+            lines.push_back("set " + name + " should not be there");
+        }
+    }
     for (const auto &[key, chain] : wanted.elements) {
         const auto found = held.elements.find(key);
         if (held.sets.count(key.first) != 0 && (found == held.elements.end() || found->second != chain)) {
@@ -40,7 +45,7 @@ void setsCompare(const NftImage &wanted, const NftImage &held, Lines &lines) {
         }
     }
     for (const auto &[key, chain] : held.elements) {
-        if (wanted.elements.count(key) == 0) {
+        if (wanted.sets.count(key.first) != 0 && wanted.elements.count(key) == 0) {
             lines.push_back("an element of set " + key.first + (chain.empty() ? "" : ", to " + chain) + " should not be there");
         }
     }

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include "host/device/kernel/kernel_map.h"
+
 namespace host {
 
 namespace {
@@ -23,11 +25,6 @@ std::vector<NftElementKey> localElements() {
     return keys;
 }
 
-const std::set<std::string> &setNames() {
-    static const std::set<std::string> names = {kernelInterfaceMap(4), kernelInterfaceMap(6), KERNEL_LOCAL_SET};
-    return names;
-}
-
 NftChange step(NftChange::Kind kind, const std::string &name, const std::string &owner = "") {
     NftChange change;
     change.kind = kind;
@@ -36,8 +33,8 @@ NftChange step(NftChange::Kind kind, const std::string &name, const std::string 
     return change;
 }
 
-NftChange elementStep(NftChange::Kind kind, const NftElementKey &key, const std::string &chain) {
-    NftChange change = step(kind, chain, chain);
+NftChange elementStep(NftChange::Kind kind, const NftElementKey &key, const std::string &target, const std::string &owner) {
+    NftChange change = step(kind, target, owner);
     change.key = key;
     return change;
 }
@@ -51,7 +48,15 @@ int deleteOrder(const std::string &chain) {
     if (chain == KERNEL_BASE_CHAIN) {
         return 0;
     }
-    return chain.rfind("in", 0) == 0 ? 1 : chain.rfind("match", 0) == 0 ? 2 : 3;
+    const char *const order[] = {"in", "flat", "part", "path", "match", "rule", "skip"};
+    int place = 1;
+    for (const char *pKind : order) {
+        if (chain.rfind(pKind, 0) == 0) {
+            return place;
+        }
+        place++;
+    }
+    return place;
 }
 
 } // namespace
@@ -60,6 +65,7 @@ int deleteOrder(const std::string &chain) {
 
 void KernelModel::listSet(const std::string &list, ProgramList program) {
     std::set<InterfaceKey> touched;
+    std::set<NodeKey> changed;
     ProgramList &known = lists_[list];
     placesSet(list, known, false, touched);
     for (const auto &[key, node] : known.nodes) {
@@ -71,20 +77,24 @@ void KernelModel::listSet(const std::string &list, ProgramList program) {
         auto old = known.nodes.find(key);
         const bool isRulesChange = old == known.nodes.end() || old->second.rules != node.rules ||
                                    old->second.aclNum != node.aclNum;
-        nodeSet(key, node, isRulesChange);
+        if (nodeSet(key, node, isRulesChange)) {
+            changed.insert(key);
+        }
     }
     known = std::move(program);
     placesSet(list, known, true, touched);
     if (known.entries.empty()) {
         lists_.erase(list);
     }
+    flatsSet(list, touched, changed);
     for (const InterfaceKey &key : touched) {
         interfaceSet(key);
     }
     baseSet();
 }
 
-void KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange) {
+// Result: whether the node's match has to be written.
+bool KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange) {
     auto [it, isNew] = nodes_.emplace(key, Node{});
     Node &node = it->second;
     const bool isRetry = !node.refused.empty() || !node.error.empty();
@@ -99,14 +109,12 @@ void KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool i
     if (!node.refused.empty()) {
         chainDrop(kernelMatchChain(key));
         chainDrop(kernelActionChain(key));
-        return;
-    }
-    if (isRulesChange || isRetry) {
-        chainSet(kernelMatchChain(key), kernelMatchRules(key, program), key, true);
+        return false;
     }
     if (isDecisionChange) {
         actionSet(key, node);
     }
+    return isRulesChange || isRetry;
 }
 
 void KernelModel::nodeDel(const NodeKey &key) {
@@ -158,7 +166,8 @@ void KernelModel::actionSet(const NodeKey &key, const Node &node) {
     const bool isFailed = !errorOf(key).empty();
     const uint8_t precedence = isFailed ? uint8_t{0} : node.program.decision.precedence;
     chainSet(kernelActionChain(key),
-             kernelActionRules(key, effective(key, node), precedence, options_, node.program.decision.drop), key, false);
+             kernelActionRules(key, effective(key, node), precedence, options_, node.program.decision.drop),
+             {key, false, {}, {}, false});
 }
 
 void KernelModel::decisionChanged(const DecisionKey &key) {
@@ -175,10 +184,13 @@ void KernelModel::decisionChanged(const DecisionKey &key) {
 
 bool KernelModel::refuse(const std::string &chain, const std::string &text) {
     auto it = chains_.find(chain);
-    if (it == chains_.end() || !it->second.node) {
+    if (flatRefuse(chain, text)) {
+        return true;
+    }
+    if (it == chains_.end() || !it->second.kind.node) {
         return false;
     }
-    const NodeKey key = *it->second.node;
+    const NodeKey key = *it->second.kind.node;
     nodes_.at(key).refused = text;
     chainDrop(kernelMatchChain(key));
     chainDrop(kernelActionChain(key));
@@ -188,6 +200,7 @@ bool KernelModel::refuse(const std::string &chain, const std::string &text) {
             touched.insert(interfaceKey);
         }
     }
+    flatSet({key.list, key.family}, {});
     for (const InterfaceKey &interfaceKey : touched) {
         interfaceSet(interfaceKey);
     }
@@ -224,13 +237,7 @@ void KernelModel::interfaceSet(const InterfaceKey &key) {
         elementDrop(element);
         return;
     }
-    std::vector<NodeKey> nodes;
-    for (const auto &[place, count] : interfaces_[key].nodes) {
-        if (nodes_.at(place.second).refused.empty()) {
-            nodes.push_back(place.second);
-        }
-    }
-    chainSet(chain, kernelInterfaceRules(nodes, options_), std::nullopt, false);
+    chainSet(chain, interfaceRules(key, interfaces_[key]), {});
     elementSet(element, chain);
 }
 
@@ -244,9 +251,9 @@ void KernelModel::baseSet() {
         return;
     }
     if (chains_.count(KERNEL_BASE_CHAIN) == 0) {
-        chainSet(KERNEL_BASE_CHAIN, kernelBaseRules(options_), std::nullopt, false);
+        chainSet(KERNEL_BASE_CHAIN, kernelBaseRules(options_), {});
         if (options_.defrag) {
-            chainSet(KERNEL_DEFRAG_CHAIN, kernelDefragRules(), std::nullopt, false);
+            chainSet(KERNEL_DEFRAG_CHAIN, kernelDefragRules(), {});
         }
         for (const NftElementKey &key : localElements()) {
             elementSet(key, "");
@@ -256,8 +263,7 @@ void KernelModel::baseSet() {
 
 // ---- chains and elements ----
 
-void KernelModel::chainSet(const std::string &name, std::vector<NftRule> rules, std::optional<NodeKey> node,
-                           bool isMatch) {
+void KernelModel::chainSet(const std::string &name, std::vector<NftRule> rules, ChainKind kind) {
     std::vector<uint64_t> fingerprints;
     fingerprints.reserve(rules.size());
     for (const NftRule &rule : rules) {
@@ -267,7 +273,7 @@ void KernelModel::chainSet(const std::string &name, std::vector<NftRule> rules, 
     if (!isNew && it->second.fingerprints == fingerprints) {
         return;
     }
-    it->second = {std::move(fingerprints), std::move(rules), std::move(node), isMatch};
+    it->second = {std::move(fingerprints), std::move(rules), std::move(kind)};
     dirtyChains_.insert(name);
 }
 
@@ -277,10 +283,10 @@ void KernelModel::chainDrop(const std::string &name) {
     }
 }
 
-void KernelModel::elementSet(const NftElementKey &key, const std::string &chain) {
-    auto [it, isNew] = elements_.emplace(key, chain);
-    if (isNew || it->second != chain) {
-        it->second = chain;
+void KernelModel::elementSet(const NftElementKey &key, const std::string &target) {
+    auto [it, isNew] = elements_.emplace(key, target);
+    if (isNew || it->second != target) {
+        it->second = target;
         dirtyElements_.insert(key);
     }
 }
@@ -296,13 +302,17 @@ std::vector<NftRule> KernelModel::rulesOf(const std::string &name, const Chain &
     if (chain.rules.size() == chain.fingerprints.size()) {
         return chain.rules;
     }
-    if (chain.node && chain.isMatch) {
-        return kernelMatchRules(*chain.node, nodes_.at(*chain.node).program);
+    if (chain.kind.rule) {
+        return kernelRuleRules(*chain.kind.rule);
     }
-    if (chain.node) {
-        const Node &node = nodes_.at(*chain.node);
-        const uint8_t precedence = errorOf(*chain.node).empty() ? node.program.decision.precedence : uint8_t{0};
-        return kernelActionRules(*chain.node, effective(*chain.node, node), precedence, options_, node.program.decision.drop);
+    const std::optional<NodeKey> &key = chain.kind.node;
+    if (key && chain.kind.isMatch) {
+        return kernelMatchRules(*key, nodes_.at(*key).program);
+    }
+    if (key) {
+        const Node &node = nodes_.at(*key);
+        const uint8_t precedence = errorOf(*key).empty() ? node.program.decision.precedence : uint8_t{0};
+        return kernelActionRules(*key, effective(*key, node), precedence, options_, node.program.decision.drop);
     }
     if (name == KERNEL_BASE_CHAIN) {
         return kernelBaseRules(options_);
@@ -310,17 +320,10 @@ std::vector<NftRule> KernelModel::rulesOf(const std::string &name, const Chain &
     if (name == KERNEL_DEFRAG_CHAIN) {
         return kernelDefragRules();
     }
-    for (const auto &[key, interface] : interfaces_) {
-        if (kernelInterfaceChain(key.first, key.second) != name) {
-            continue;
+    for (const auto &[interfaceKey, interface] : interfaces_) {
+        if (kernelInterfaceChain(interfaceKey.first, interfaceKey.second) == name) {
+            return interfaceRules(interfaceKey, interface);
         }
-        std::vector<NodeKey> nodes;
-        for (const auto &[place, count] : interface.nodes) {
-            if (nodes_.at(place.second).refused.empty()) {
-                nodes.push_back(place.second);
-            }
-        }
-        return kernelInterfaceRules(nodes, options_);
     }
     return {};
 }
@@ -341,7 +344,8 @@ void KernelModel::changesBegin(const NftImage &installed, std::vector<NftChange>
     }
     for (const std::string &name : setNames()) {
         if (*pIsFresh || installed.sets.count(name) == 0) {
-            changes.push_back(step(NftChange::Kind::SetAdd, name));
+            const auto owner = flatSets_.find(name);
+            changes.push_back(step(NftChange::Kind::SetAdd, name, owner == flatSets_.end() ? "" : owner->second));
         }
     }
 }
@@ -362,13 +366,14 @@ void KernelModel::chainChanges(const std::string &name, const NftImage &installe
     if (isHeld && held->second == wanted->second.fingerprints) {
         return;
     }
+    const std::string &owner = wanted->second.kind.owner.empty() ? name : wanted->second.kind.owner;
     if (!isHeld) {
-        adds.push_back(step(NftChange::Kind::ChainAdd, name, name));
+        adds.push_back(step(NftChange::Kind::ChainAdd, name, owner));
     } else if (!held->second.empty()) {
-        fills.push_back(step(NftChange::Kind::ChainFlush, name, name));
+        fills.push_back(step(NftChange::Kind::ChainFlush, name, owner));
     }
     for (NftRule &rule : rulesOf(name, wanted->second)) {
-        fills.push_back(step(NftChange::Kind::RuleAdd, name, name));
+        fills.push_back(step(NftChange::Kind::RuleAdd, name, owner));
         fills.back().rule = std::move(rule);
     }
 }
@@ -378,14 +383,19 @@ void KernelModel::elementChanges(const NftElementKey &key, const NftImage &insta
     auto wanted = elements_.find(key);
     auto held = installed.elements.find(key);
     const bool isHeld = !isFresh && held != installed.elements.end();
+    const auto flat = flatSets_.find(key.first);
+    if (flat == flatSets_.end() && kernelMapLayout(key.first)) {
+        return; // goes with its map
+    }
     if (wanted != elements_.end() && isHeld && held->second == wanted->second) {
         return;
     }
+    const auto ownerOf = [&](const std::string &target) { return flat == flatSets_.end() ? target : flat->second; };
     if (isHeld) {
-        out.push_back(elementStep(NftChange::Kind::ElementDel, key, held->second));
+        out.push_back(elementStep(NftChange::Kind::ElementDel, key, held->second, ownerOf(held->second)));
     }
     if (wanted != elements_.end()) {
-        out.push_back(elementStep(NftChange::Kind::ElementAdd, key, wanted->second));
+        out.push_back(elementStep(NftChange::Kind::ElementAdd, key, wanted->second, ownerOf(wanted->second)));
     }
 }
 
@@ -418,6 +428,14 @@ std::vector<NftChange> KernelModel::changes(const NftImage &installed) {
     for (const NftElementKey &key : keys) {
         elementChanges(key, installed, isFresh, elements);
     }
+    // A map of ranges has no room for the new while the old is there.
+    std::stable_partition(elements.begin(), elements.end(),
+                          [](const NftChange &change) { return change.kind == NftChange::Kind::ElementDel; });
+    for (const std::string &name : installed.sets) {
+        if (!isFresh && kernelMapLayout(name) && flatSets_.count(name) == 0) {
+            elements.push_back(step(NftChange::Kind::SetDel, name));
+        }
+    }
     std::stable_sort(dels.begin(), dels.end(), [](const NftChange &left, const NftChange &right) {
         return deleteOrder(left.name) < deleteOrder(right.name);
     });
@@ -431,7 +449,7 @@ std::vector<NftChange> KernelModel::changes(const NftImage &installed) {
 std::vector<NftChange> KernelModel::rewriteCounting() const {
     std::vector<NftChange> changes;
     for (const auto &[name, chain] : chains_) {
-        if (!chain.node) {
+        if (!chain.kind.node && !chain.kind.rule) {
             continue;
         }
         changes.push_back(step(NftChange::Kind::ChainFlush, name, name));
@@ -446,9 +464,12 @@ std::vector<NftChange> KernelModel::rewriteCounting() const {
 void KernelModel::clean() {
     for (const std::string &name : dirtyChains_) {
         auto it = chains_.find(name);
-        if (it != chains_.end()) {
+        if (it != chains_.end() && !it->second.kind.isKept) {
             it->second.rules = {};
         }
+    }
+    for (auto &[key, flat] : flats_) {
+        flat.isPending = false;
     }
     dirtyChains_.clear();
     dirtyElements_.clear();
@@ -519,7 +540,9 @@ KernelEntryStatus KernelModel::status(const std::string &list, const EntryKey &k
         } else {
             status.error = status.error.empty() ? errorOf(node) : status.error;
         }
-        isPending = isPending || dirtyChains_.count(kernelMatchChain(node)) != 0 ||
+        const auto flat = flats_.find({node.list, node.family});
+        isPending = isPending || (flat != flats_.end() && flat->second.isPending && flat->second.isFlat) ||
+                    dirtyChains_.count(kernelMatchChain(node)) != 0 ||
                     dirtyChains_.count(kernelActionChain(node)) != 0 ||
                     dirtyChains_.count(kernelInterfaceChain(node.family, status.pEntry->ifName)) != 0;
     }
@@ -538,6 +561,10 @@ void nftImageChange(NftImage &image, const std::vector<NftChange> &changes) {
         case NftChange::Kind::RuleAdd: image.chains[change.name].push_back(nftFingerprint(change.rule)); break;
         case NftChange::Kind::ElementDel: image.elements.erase(change.key); break;
         case NftChange::Kind::ElementAdd: image.elements[change.key] = change.name; break;
+        case NftChange::Kind::SetDel:
+            image.sets.erase(change.name);
+            std::erase_if(image.elements, [&](const auto &item) { return item.first.first == change.name; });
+            break;
         case NftChange::Kind::ChainDel: image.chains.erase(change.name); break;
         }
     }
@@ -554,6 +581,7 @@ std::string nftChangeText(const NftChange &change) {
     case NftChange::Kind::RuleAdd: return "add rule " + change.name + ": " + nftRuleText(change.rule);
     case NftChange::Kind::ElementDel: return "delete element " + element;
     case NftChange::Kind::ElementAdd: return "add element " + element + " -> " + change.name;
+    case NftChange::Kind::SetDel: return "delete set " + change.name;
     case NftChange::Kind::ChainDel: return "delete chain " + change.name;
     }
     return "?";

@@ -5,6 +5,10 @@
 // decisions, and which of these may differ from what is installed. Work is in proportion to what
 // changed: a list's nodes and the interfaces it is bound to.
 //
+// A list is *flat* where its rules are looked up in maps (kernel_flat.h) and not compared one by one. It is planned
+// anew when its nodes or their rules change, never for a decision. A flat list that the kernel refuses is
+// compared one by one until then.
+//
 // A node of which the kernel refused the rules, or whose rules could never match what the kernel shows
 // us, is left out (refused) until its list is set again; a decision that the kernel refused makes its
 // nodes route as usual, or drop where they ask for that.
@@ -19,7 +23,9 @@
 #include <utility>
 #include <vector>
 
+#include "host/classify/class_plan.h"
 #include "host/device/kernel/decision_table.h"
+#include "host/device/kernel/kernel_flat.h"
 #include "host/device/kernel/kernel_rules.h"
 #include "host/device/kernel/nft_value.h"
 #include "host/device/kernel/program.h"
@@ -29,9 +35,9 @@ namespace host {
 // One step of an nftables transaction.
 struct NftChange {
     enum class Kind : uint8_t { TableDel, TableAdd, SetAdd, ChainAdd, ChainFlush, RuleAdd, ElementDel,
-                                ElementAdd, ChainDel };
+                                ElementAdd, SetDel, ChainDel };
     Kind kind = Kind::TableAdd;
-    std::string name;   // chain or set; of an element the chain gone to
+    std::string name;   // chain or set; of an element its target
     NftElementKey key;  // elements
     NftRule rule;       // RuleAdd
     std::string owner;  // chain on whose behalf this is: whom a failure concerns
@@ -86,6 +92,7 @@ public:
     const std::map<std::string, ProgramList> &lists() const { return lists_; }
     uint32_t decisionOf(const NodeKey &key) const; // 0: routed as usual, or dropped
     bool isDropped(const NodeKey &key) const;      // its packets are dropped now
+    bool isFlat(const std::string &list, int family) const; // looked up in maps
     std::string refusedOf(const NodeKey &key) const; // why the node's rules are left out; empty: they are not
 
 private:
@@ -95,11 +102,19 @@ private:
         std::string error;       // no decision could be had
         std::string refused;     // the kernel refused the rules
     };
+    // What a chain is, so that its rules can be made again.
+    struct ChainKind {
+        std::optional<NodeKey> node;        // match and action chains
+        bool isMatch = false;
+        std::optional<KernelRuleName> rule; // chains of a rule of a flat list
+        std::string owner;                  // of a flat list: its first chain
+        bool isKept = false;                // the rules are not made again but kept
+        bool operator==(const ChainKind &) const = default;
+    };
     struct Chain {
         std::vector<uint64_t> fingerprints;
-        std::vector<NftRule> rules; // until installed; else made again when needed
-        std::optional<NodeKey> node; // match and action chains
-        bool isMatch = false;
+        std::vector<NftRule> rules; // until installed, unless kept; else made again when needed
+        ChainKind kind;
         bool operator==(const Chain &) const = default;
     };
     using InterfaceKey = std::pair<uint8_t, std::string>;                  // family, name
@@ -108,7 +123,24 @@ private:
         std::map<Place, uint32_t> nodes; // -> entries that put it there (two names for one unit: never)
     };
 
-    void nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange);
+    using ListKey = std::pair<std::string, uint8_t>; // list, family
+    struct FlatPlace {
+        NodeKey node;
+        uint32_t aclNum = 0;
+        std::shared_ptr<const AclRules> rules;
+        bool operator==(const FlatPlace &) const = default;
+    };
+    struct Flat {
+        std::vector<FlatPlace> places; // of which the plan was made
+        bool isFlat = false;
+        std::string refused;           // the kernel refused the maps
+        bool isPending = false;        // changed since the kernel was told
+        std::vector<std::string> chains;
+        std::set<std::string> sets;
+        std::vector<NftElementKey> elements;
+    };
+
+    bool nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange);
     void nodeDel(const NodeKey &key);
     void decisionSet(const NodeKey &key, Node &node);
     void actionSet(const NodeKey &key, const Node &node);
@@ -116,9 +148,21 @@ private:
                    std::set<InterfaceKey> &touched);
     void interfaceSet(const InterfaceKey &key);
     void baseSet();
-    void chainSet(const std::string &name, std::vector<NftRule> rules, std::optional<NodeKey> node, bool isMatch);
+    void flatsSet(const std::string &list, const std::set<InterfaceKey> &touched, const std::set<NodeKey> &changed);
+    void flatSet(const ListKey &key, const std::set<NodeKey> &changed);
+    void flatMake(const ListKey &key, Flat &flat);
+    bool flatRefuse(const std::string &chain, const std::string &text);
+    void matchesSet(const ListKey &key, const std::set<NodeKey> *pOnly);
+    std::vector<FlatPlace> flatPlaces(const ListKey &key) const;
+    static std::vector<KernelFlatNode> flatNodes(const std::vector<FlatPlace> &places);
+    ClassPlan flatPlan(const std::vector<KernelFlatNode> &nodes) const;
+    std::set<InterfaceKey> interfacesOf(const ListKey &key) const;
+    std::vector<NodeKey> askedNodes(const Interface &interface) const;
+    std::vector<NftRule> interfaceRules(const InterfaceKey &key, const Interface &interface) const;
+    std::set<std::string> setNames() const;
+    void chainSet(const std::string &name, std::vector<NftRule> rules, ChainKind kind);
     void chainDrop(const std::string &name);
-    void elementSet(const NftElementKey &key, const std::string &chain);
+    void elementSet(const NftElementKey &key, const std::string &target);
     void elementDrop(const NftElementKey &key);
     std::vector<NftRule> rulesOf(const std::string &name, const Chain &chain) const;
     uint32_t effective(const NodeKey &key, const Node &node) const;
@@ -137,6 +181,8 @@ private:
     std::map<NodeKey, Node> nodes_;
     std::map<DecisionKey, std::set<NodeKey>> users_;
     std::map<InterfaceKey, Interface> interfaces_;
+    std::map<ListKey, Flat> flats_;
+    std::map<std::string, std::string> flatSets_; // maps of flat lists -> owner
     std::map<std::string, Chain> chains_;
     std::map<NftElementKey, std::string> elements_;
     std::set<std::string> dirtyChains_;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <linux/netlink.h>
 
+#include "host/device/kernel/kernel_counts.h"
 #include "host/device/kernel/nft_codec.h"
 #include "host/logging/host_log.h"
 
@@ -38,27 +39,6 @@ bool holdsAll(const RtImage &image, const DecisionObjects &objects) {
            inside(image.routes, objects.routes) && image.rules.count(objects.rule) != 0;
 }
 
-// Chains whose rules count for the operator.
-bool isCountingChain(const std::string &name) { return name.rfind("match", 0) == 0 || name.rfind("do", 0) == 0; }
-
-// What the rule that stood in this one's place counted: an ACL rule's place is its number, a node's action
-// is the only rule of its chain.
-NftCount countBefore(const std::map<std::string, NftChainCounts> &counts, const NftChange &change) {
-    const auto chain = counts.find(change.name);
-    if (chain == counts.end() || chain->second.empty()) {
-        return {};
-    }
-    if (change.name.rfind("do", 0) == 0) {
-        return chain->second.front().second;
-    }
-    for (const auto &[comment, count] : chain->second) {
-        if (comment == change.rule.comment) {
-            return count;
-        }
-    }
-    return {};
-}
-
 void encode(NftBatch &batch, const NftChange &change, const NftCount &count) {
     batch.ownerSet(change.owner);
     switch (change.kind) {
@@ -70,6 +50,7 @@ void encode(NftBatch &batch, const NftChange &change, const NftCount &count) {
     case NftChange::Kind::RuleAdd: batch.ruleAdd(change.name, change.rule, count); break;
     case NftChange::Kind::ElementDel: batch.elementDel(change.key); break;
     case NftChange::Kind::ElementAdd: batch.elementAdd(change.key, change.name); break;
+    case NftChange::Kind::SetDel: batch.setDel(change.name); break;
     case NftChange::Kind::ChainDel: batch.chainDel(change.name); break;
     }
 }
@@ -325,7 +306,7 @@ std::map<std::string, NftChainCounts> KernelPlane::countsRead(const std::vector<
     bool isAll = false;
     for (const NftChange &change : changes) {
         isAll = isAll || (change.kind == NftChange::Kind::TableDel && installed_.nft.stale);
-        if (change.kind == NftChange::Kind::ChainFlush && isCountingChain(change.name)) {
+        if (change.kind == NftChange::Kind::ChainFlush && kernelIsCountingChain(change.name)) {
             chains.insert(change.name);
         }
     }
@@ -348,7 +329,7 @@ std::vector<NftRefusal> KernelPlane::nftSend(const std::vector<NftChange> &chang
     const auto counts = isCounting ? countsRead(changes) : std::map<std::string, NftChainCounts>{};
     NftBatch batch(sockets_->nft);
     for (const NftChange &change : changes) {
-        encode(batch, change, countBefore(counts, change));
+        encode(batch, change, kernelCountBefore(counts, change));
     }
     counters_.applies++;
     const NetlinkBatchResult result = batch.send();

@@ -180,12 +180,17 @@ std::vector<NftRule> kernelBaseRules(const KernelOptions &options) {
     return rules;
 }
 
-std::vector<NftRule> kernelInterfaceRules(const std::vector<NodeKey> &nodes, const KernelOptions &options) {
+std::vector<NftRule> kernelInterfaceRules(const std::vector<NodeKey> &nodes, const KernelOptions &options,
+                                          const std::string &flat) {
     std::vector<NftRule> rules;
     rules.push_back(skipLocal(NFTA_FIB_F_DADDR));
     if (options.rulePreference < L3MDEV_PREFERENCE) {
         // Our rules then stand before the VRF devices' one, so that their addresses are not yet safe.
         rules.push_back(skipLocal(NFTA_FIB_F_DADDR | NFTA_FIB_F_IIF));
+    }
+    if (!flat.empty()) {
+        rules.push_back(ruleOf({nftVerdict(NFT_GOTO, flat)}, ""));
+        return rules;
     }
     for (const NodeKey &node : nodes) {
         rules.push_back(ruleOf({nftVerdict(NFT_JUMP, kernelMatchChain(node))}, ""));

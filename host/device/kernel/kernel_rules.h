@@ -1,7 +1,8 @@
 // The rules of our nftables table: builders for each kind of chain. Pure.
 //
 //   prerouting        (base chain) skips marked packets, then by family and interface name: goto
-//   inF/IFACE         skips packets for this machine and for groups, then a jump per node in node order
+//   inF/IFACE         skips packets for this machine and for groups, then a jump per node in node order, or on
+//                     to the list's maps (kernel_flat.h)
 //   matchF/LIST/NODE  one rule an ACL rule: permit goes to the action, deny returns (next node)
 //   doF/LIST/NODE     one rule: precedence, mark, accept; or drop. A changed decision rewrites this rule only.
 //   defrag            no packet comes here; that its rule exists makes the kernel reassemble fragments
@@ -32,6 +33,7 @@ struct KernelOptions {
     uint32_t markMask = 0xfff00000;
     uint32_t rulePreference = 15000;
     uint32_t tableBase = 1000000;
+    size_t mapFrom = 8;  // rules from which on they are looked up in a map; 0: never
     bool defrag = false; // fragments are reassembled before our chain; given up where the kernel cannot
 };
 
@@ -50,7 +52,9 @@ std::string kernelInterfaceKey(const std::string &ifName);               // 16 b
 
 std::vector<NftRule> kernelDefragRules();
 std::vector<NftRule> kernelBaseRules(const KernelOptions &options);
-std::vector<NftRule> kernelInterfaceRules(const std::vector<NodeKey> &nodes, const KernelOptions &options);
+// flat: the chain that asks all of the nodes; empty: they are asked one by one.
+std::vector<NftRule> kernelInterfaceRules(const std::vector<NodeKey> &nodes, const KernelOptions &options,
+                                          const std::string &flat = "");
 std::vector<NftRule> kernelMatchRules(const NodeKey &key, const ProgramNode &node);
 
 // Why the rules cannot be installed exactly where fragments are reassembled; empty: they can. Lock: none

@@ -1,7 +1,7 @@
 // Our nftables table on the wire, the changes: see nft_codec.h. Called by the kernel plane; calls libnftnl.
 //
 // Every libnftnl object lives in a unique pointer; expressions and elements handed over to a rule or a
-// set belong to it. Registers: NFT_REG_1 (16 bytes) for every value.
+// set belong to it. Registers: NFT_REG_1 (16 bytes) for every value but the later fields of a key.
 #include "host/device/kernel/nft_codec.h"
 
 #include <arpa/inet.h>
@@ -21,35 +21,34 @@
 #include <libnftnl/udata.h>
 
 #include "host/device/kernel/kernel_rules.h"
+#include "host/device/kernel/nft_set_codec.h"
 
 namespace host {
 
 namespace {
 
 constexpr size_t MESSAGE_BYTES = 16384;   // no message of ours comes near
-constexpr uint32_t DATATYPE_FIB_ADDR = 38, DATATYPE_IFNAME = 41; // how nft prints the keys
-constexpr uint32_t DATATYPE_HOST_ENDIAN = 1;
-constexpr uint32_t VERDICT_BYTES = 4; // size of a verdict to the kernel: it takes no other notice
 
 struct Deleter {
     void operator()(nftnl_table *p) const { nftnl_table_free(p); }
     void operator()(nftnl_chain *p) const { nftnl_chain_free(p); }
     void operator()(nftnl_rule *p) const { nftnl_rule_free(p); }
-    void operator()(nftnl_set *p) const { nftnl_set_free(p); }
     void operator()(nftnl_udata_buf *p) const { nftnl_udata_buf_free(p); }
 };
 using Table = std::unique_ptr<nftnl_table, Deleter>;
 using Chain = std::unique_ptr<nftnl_chain, Deleter>;
 using Rule = std::unique_ptr<nftnl_rule, Deleter>;
-using Set = std::unique_ptr<nftnl_set, Deleter>;
 using Udata = std::unique_ptr<nftnl_udata_buf, Deleter>;
+
+// NFT_REG_1 by its own number, what lies behind it by the number of its word.
+uint32_t registerOf(const NftExpr &expr) { return expr.reg == 0 ? uint32_t{NFT_REG_1} : NFT_REG32_00 + expr.reg; }
 
 // ---- expressions ----
 
 nftnl_expr *metaExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("meta");
     nftnl_expr_set_u32(p, NFTNL_EXPR_META_KEY, expr.a);
-    nftnl_expr_set_u32(p, expr.op == NftOp::MetaLoad ? NFTNL_EXPR_META_DREG : NFTNL_EXPR_META_SREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, expr.op == NftOp::MetaLoad ? NFTNL_EXPR_META_DREG : NFTNL_EXPR_META_SREG, registerOf(expr));
     return p;
 }
 
@@ -59,10 +58,10 @@ nftnl_expr *payloadExpr(const NftExpr &expr) {
     nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_OFFSET, expr.b);
     nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_LEN, expr.c);
     if (expr.op == NftOp::PayloadLoad) {
-        nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_DREG, NFT_REG_1);
+        nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_DREG, registerOf(expr));
         return p;
     }
-    nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_SREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_SREG, registerOf(expr));
     nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_CSUM_TYPE, expr.d == 0 ? NFT_PAYLOAD_CSUM_NONE : NFT_PAYLOAD_CSUM_INET);
     nftnl_expr_set_u32(p, NFTNL_EXPR_PAYLOAD_CSUM_OFFSET, expr.d);
     return p;
@@ -70,7 +69,7 @@ nftnl_expr *payloadExpr(const NftExpr &expr) {
 
 nftnl_expr *headerExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("exthdr");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_DREG, registerOf(expr));
     nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_OP, NFT_EXTHDR_OP_IPV6);
     nftnl_expr_set_u8(p, NFTNL_EXPR_EXTHDR_TYPE, static_cast<uint8_t>(expr.a));
     nftnl_expr_set_u32(p, NFTNL_EXPR_EXTHDR_OFFSET, expr.b);
@@ -80,15 +79,15 @@ nftnl_expr *headerExpr(const NftExpr &expr) {
 
 nftnl_expr *immediateExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("immediate");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_IMM_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_IMM_DREG, registerOf(expr));
     nftnl_expr_set(p, NFTNL_EXPR_IMM_DATA, expr.data.data(), static_cast<uint32_t>(expr.data.size()));
     return p;
 }
 
 nftnl_expr *toNetworkExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("byteorder");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_SREG, NFT_REG_1);
-    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_SREG, registerOf(expr));
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_DREG, registerOf(expr));
     nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_OP, NFT_BYTEORDER_HTON);
     nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_LEN, expr.a);
     nftnl_expr_set_u32(p, NFTNL_EXPR_BYTEORDER_SIZE, expr.a);
@@ -105,8 +104,8 @@ nftnl_expr *tproxyExpr() {
 nftnl_expr *bitwiseExpr(const NftExpr &expr) {
     const uint32_t size = static_cast<uint32_t>(expr.data.size());
     nftnl_expr *p = nftnl_expr_alloc("bitwise");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
-    nftnl_expr_set_u32(p, NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BITWISE_SREG, registerOf(expr));
+    nftnl_expr_set_u32(p, NFTNL_EXPR_BITWISE_DREG, registerOf(expr));
     nftnl_expr_set_u32(p, NFTNL_EXPR_BITWISE_OP, NFT_BITWISE_BOOL);
     nftnl_expr_set_u32(p, NFTNL_EXPR_BITWISE_LEN, size);
     nftnl_expr_set(p, NFTNL_EXPR_BITWISE_MASK, expr.data.data(), size);
@@ -116,7 +115,7 @@ nftnl_expr *bitwiseExpr(const NftExpr &expr) {
 
 nftnl_expr *compareExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("cmp");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_CMP_SREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_CMP_SREG, registerOf(expr));
     nftnl_expr_set_u32(p, NFTNL_EXPR_CMP_OP, expr.a);
     nftnl_expr_set(p, NFTNL_EXPR_CMP_DATA, expr.data.data(), static_cast<uint32_t>(expr.data.size()));
     return p;
@@ -124,7 +123,7 @@ nftnl_expr *compareExpr(const NftExpr &expr) {
 
 nftnl_expr *fibExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("fib");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_FIB_DREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_FIB_DREG, registerOf(expr));
     nftnl_expr_set_u32(p, NFTNL_EXPR_FIB_RESULT, NFT_FIB_RESULT_ADDRTYPE);
     nftnl_expr_set_u32(p, NFTNL_EXPR_FIB_FLAGS, expr.a);
     return p;
@@ -132,7 +131,7 @@ nftnl_expr *fibExpr(const NftExpr &expr) {
 
 nftnl_expr *lookupExpr(const NftExpr &expr) {
     nftnl_expr *p = nftnl_expr_alloc("lookup");
-    nftnl_expr_set_u32(p, NFTNL_EXPR_LOOKUP_SREG, NFT_REG_1);
+    nftnl_expr_set_u32(p, NFTNL_EXPR_LOOKUP_SREG, registerOf(expr));
     nftnl_expr_set_str(p, NFTNL_EXPR_LOOKUP_SET, expr.name.c_str());
     if (expr.op == NftOp::VerdictMap) {
         nftnl_expr_set_u32(p, NFTNL_EXPR_LOOKUP_DREG, NFT_REG_VERDICT);
@@ -225,24 +224,16 @@ void NftBatch::tableDel() {
 }
 
 void NftBatch::setAdd(const std::string &name) {
-    const bool isMap = name != KERNEL_LOCAL_SET;
-    Set set(nftnl_set_alloc());
-    nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, KERNEL_TABLE);
-    nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name.c_str());
-    nftnl_set_set_u32(set.get(), NFTNL_SET_ID, socket_.nextSeq()); // any number of its own in the batch
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, isMap ? DATATYPE_IFNAME : DATATYPE_FIB_ADDR);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, isMap ? 16 : 4);
-    if (isMap) {
-        nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_MAP);
-        nftnl_set_set_u32(set.get(), NFTNL_SET_DATA_TYPE, NFT_DATA_VERDICT);
-        nftnl_set_set_u32(set.get(), NFTNL_SET_DATA_LEN, VERDICT_BYTES);
-    }
-    Udata buffer(nftnl_udata_buf_alloc(NFT_USERDATA_MAXLEN));
-    nftnl_udata_put_u32(buffer.get(), NFTNL_UDATA_SET_KEYBYTEORDER, DATATYPE_HOST_ENDIAN);
-    nftnl_set_set_data(set.get(), NFTNL_SET_USERDATA, nftnl_udata_buf_data(buffer.get()),
-                       nftnl_udata_buf_len(buffer.get()));
+    const NftSet set = nftSetBuild(name, socket_.nextSeq());
     add(NFT_MSG_NEWSET, NLM_F_CREATE | NLM_F_EXCL,
         [&](nlmsghdr *p) { nftnl_set_nlmsg_build_payload(p, set.get()); });
+}
+
+void NftBatch::setDel(const std::string &name) {
+    const NftSet set(nftnl_set_alloc());
+    nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, KERNEL_TABLE);
+    nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name.c_str());
+    add(NFT_MSG_DELSET, 0, [&](nlmsghdr *p) { nftnl_set_nlmsg_build_payload(p, set.get()); });
 }
 
 void NftBatch::chainAdd(const std::string &name) {
@@ -290,22 +281,13 @@ void NftBatch::ruleAdd(const std::string &chain, const NftRule &rule, const NftC
         [&](nlmsghdr *p) { nftnl_rule_nlmsg_build_payload(p, built.get()); });
 }
 
-void NftBatch::element(uint16_t type, uint16_t flags, const NftElementKey &key, const std::string *pChain) {
-    Set set(nftnl_set_alloc());
-    nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, KERNEL_TABLE);
-    nftnl_set_set_str(set.get(), NFTNL_SET_NAME, key.first.c_str());
-    nftnl_set_elem *pElement = nftnl_set_elem_alloc();
-    nftnl_set_elem_set(pElement, NFTNL_SET_ELEM_KEY, key.second.data(), static_cast<uint32_t>(key.second.size()));
-    if (pChain != nullptr && !pChain->empty()) {
-        nftnl_set_elem_set_u32(pElement, NFTNL_SET_ELEM_VERDICT, static_cast<uint32_t>(NFT_GOTO));
-        nftnl_set_elem_set_str(pElement, NFTNL_SET_ELEM_CHAIN, pChain->c_str());
-    }
-    nftnl_set_elem_add(set.get(), pElement);
+void NftBatch::element(uint16_t type, uint16_t flags, const NftElementKey &key, const std::string *pTarget) {
+    const NftSet set = nftElementBuild(key, pTarget);
     add(type, flags, [&](nlmsghdr *p) { nftnl_set_elems_nlmsg_build_payload(p, set.get()); });
 }
 
-void NftBatch::elementAdd(const NftElementKey &key, const std::string &chain) {
-    element(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, key, &chain);
+void NftBatch::elementAdd(const NftElementKey &key, const std::string &target) {
+    element(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, key, &target);
 }
 
 void NftBatch::elementDel(const NftElementKey &key) { element(NFT_MSG_DELSETELEM, 0, key, nullptr); }

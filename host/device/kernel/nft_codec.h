@@ -18,7 +18,7 @@ namespace host {
 // The table's comment: whose it is, and the layout of what is in it. A table of ours with another
 // layout is made anew, in one transaction.
 inline constexpr const char *NFT_OWNER = "policyroute: ";
-inline constexpr const char *NFT_LAYOUT = "layout 1";
+inline constexpr const char *NFT_LAYOUT = "layout 2";
 inline constexpr uint8_t NFT_UDATA_FINGERPRINT = 64; // our own number among a rule's user data
 
 class NftBatch {
@@ -30,12 +30,13 @@ public:
 
     void tableAdd();
     void tableDel();
-    void setAdd(const std::string &name); // interfaces4, interfaces6 (maps), local-types (set)
+    void setAdd(const std::string &name); // one that nftSetBuild knows
+    void setDel(const std::string &name); // with its elements
     void chainAdd(const std::string &name);
     void chainDel(const std::string &name);
     void chainFlush(const std::string &name);
     void ruleAdd(const std::string &chain, const NftRule &rule, const NftCount &from = {}); // from: counts on from
-    void elementAdd(const NftElementKey &key, const std::string &chain);
+    void elementAdd(const NftElementKey &key, const std::string &target); // as NftImage has it
     void elementDel(const NftElementKey &key);
 
     bool empty() const { return count_ == 0; }
@@ -49,7 +50,7 @@ public:
 
 private:
     template <class Build> void add(uint16_t type, uint16_t flags, Build build);
-    void element(uint16_t type, uint16_t flags, const NftElementKey &key, const std::string *pChain);
+    void element(uint16_t type, uint16_t flags, const NftElementKey &key, const std::string *pTarget);
 
     NetlinkSocket &socket_;
     std::vector<char> bytes_;

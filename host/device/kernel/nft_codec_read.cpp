@@ -16,6 +16,7 @@
 #include <libnftnl/udata.h>
 
 #include "host/device/kernel/kernel_rules.h"
+#include "host/device/kernel/nft_set_codec.h"
 
 namespace host {
 
@@ -158,18 +159,27 @@ NftCount countOf(const NetlinkAttrs &rule) {
     return count;
 }
 
+std::string keyOf(const NetlinkAttrs &data) {
+    const std::vector<uint8_t> bytes = data.bytes(NFTA_DATA_VALUE);
+    return {bytes.begin(), bytes.end()};
+}
+
 NetlinkError elementsRead(NetlinkSocket &socket, const std::string &name, NftImage *pImage) {
     NetlinkMessage message = request(NFT_MSG_GETSETELEM, KERNEL_TABLE);
     message.putString(NFTA_SET_ELEM_LIST_SET, name);
-    return socket.dump(message, [&](const nlmsghdr *pMessage) {
+    NftElements elements(name);
+    const NetlinkError error = socket.dump(message, [&](const nlmsghdr *pMessage) {
         const auto list = ours(pMessage, NFT_MSG_NEWSETELEM);
         netlinkVisit(list ? list->get(NFTA_SET_ELEM_LIST_ELEMENTS) : nullptr, [&](const nlattr *pElement) {
             const NetlinkAttrs element(pElement);
-            const std::vector<uint8_t> key = nestOf(element, NFTA_SET_ELEM_KEY).bytes(NFTA_DATA_VALUE);
             const NetlinkAttrs verdict = nestOf(nestOf(element, NFTA_SET_ELEM_DATA), NFTA_DATA_VERDICT);
-            pImage->elements[{name, std::string(key.begin(), key.end())}] = verdict.string(NFTA_VERDICT_CHAIN);
+            elements.take({keyOf(nestOf(element, NFTA_SET_ELEM_KEY)), keyOf(nestOf(element, NFTA_SET_ELEM_KEY_END)),
+                           verdict.string(NFTA_VERDICT_CHAIN), verdict.u32Be(NFTA_VERDICT_CODE).value_or(0),
+                           element.u32Be(NFTA_SET_ELEM_FLAGS).value_or(0)});
         });
     }).error;
+    elements.finish(pImage);
+    return error;
 }
 
 } // namespace

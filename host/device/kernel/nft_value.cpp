@@ -109,6 +109,9 @@ uint64_t nftFingerprint(const NftRule &rule) {
         for (const uint32_t word : {expr.a, expr.b, expr.c, expr.d}) {
             fnv.word(word);
         }
+        if (expr.reg != 0) {
+            fnv.word(expr.reg);
+        }
         fnv.sized(expr.data);
         fnv.sized(expr.data2);
         fnv.sized(expr.name);
@@ -120,7 +123,7 @@ uint64_t nftFingerprint(const NftRule &rule) {
 std::string nftRuleText(const NftRule &rule) {
     std::string text;
     for (const NftExpr &expr : rule.exprs) {
-        text += (text.empty() ? "" : " ") + exprText(expr);
+        text += (text.empty() ? "" : " ") + exprText(expr) + (expr.reg == 0 ? "" : "@" + std::to_string(expr.reg));
     }
     return rule.comment.empty() ? text : text + " # " + rule.comment;
 }

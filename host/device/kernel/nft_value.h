@@ -34,10 +34,11 @@ enum class NftOp : uint8_t {
     Counter,
 };
 
-// One register serves every expression.
+// One register serves every expression; a key of several fields takes the words behind it, too.
 struct NftExpr {
     NftOp op = NftOp::Counter;
     uint32_t a = 0, b = 0, c = 0, d = 0;
+    uint32_t reg = 0;           // words from the register's begin
     std::vector<uint8_t> data;  // bytes as the packet or the kernel's register holds them
     std::vector<uint8_t> data2;
     std::string name;
@@ -63,7 +64,10 @@ uint64_t nftFingerprint(const NftRule &rule);
 // One line a rule, for tests and logs. Lock: none
 std::string nftRuleText(const NftRule &rule);
 
-// An element of a map or set: set name and the key's bytes.
+// Before the chain of an element from which packets come back.
+inline constexpr const char *NFT_JUMP_TO = "jump ";
+
+// An element of a map or set: set name and the key's bytes (of ranges: first and last).
 using NftElementKey = std::pair<std::string, std::string>;
 
 // What the kernel holds, or should hold, of our table.
@@ -73,7 +77,7 @@ struct NftImage {
     bool stale = false;     // it is ours, of another layout: it must be made anew
     std::set<std::string> sets;
     std::map<std::string, std::vector<uint64_t>> chains; // name -> fingerprints; 0: not our rule
-    std::map<NftElementKey, std::string> elements;       // -> chain gone to; empty for plain sets
+    std::map<NftElementKey, std::string> elements;       // -> chain gone to, or NFT_JUMP_TO and it; empty for plain sets
     bool operator==(const NftImage &) const = default;
 };
 

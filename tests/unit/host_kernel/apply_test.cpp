@@ -124,7 +124,7 @@ TEST_F(ApplyTest, TheTableReadsWellInNft) {
     store();
     const std::string text = nft();
     for (const char *pPart : {
-             "comment \"policyroute: layout 1\"", "type filter hook prerouting priority mangle - 1; policy accept;",
+             "comment \"policyroute: layout 2\"", "type filter hook prerouting priority mangle - 1; policy accept;",
              "meta nfproto ipv4 iifname vmap @interfaces4", "\"lan0\" : goto in4/lan0", "fib daddr type @local-types accept",
              "elements = { local,", "jump match4/wan/10",
              "ip saddr 10.1.0.0/16 tcp dport 443 counter packets 0 bytes 0 goto do4/wan/10 comment \"acl 1501 rule 10\"",
@@ -537,7 +537,7 @@ TEST_F(ApplyTest, ManyRulesGoInOneTransaction) {
     device();
     store();
     EXPECT_EQ(device().counters().applies, 2u) << "one for the routes, one for the rules";
-    EXPECT_EQ(run("nft list chain inet policyroute match4/wan/10 | grep -c counter"), "4000\n");
+    EXPECT_EQ(run("nft list table inet policyroute | grep -c 'chain rule4/wan/10/'"), "4000\n");
 }
 
 TEST_F(ApplyTest, MarksCanBeMovedByOptionsAndTheOldOnesAreCleared) {
@@ -568,7 +568,7 @@ TEST_F(ApplyTest, ATableOfAnotherLayoutIsReplacedInOneTransaction) {
     store();
     EXPECT_EQ(device().settle(), "");
     world_.loop.advance(milliseconds(1000));
-    EXPECT_TRUE(has(nft(), "layout 1"));
+    EXPECT_TRUE(has(nft(), "layout 2"));
     EXPECT_TRUE(has(nft(), "priority mangle - 1"));
 }
 

@@ -3,6 +3,7 @@
 #include "packet_world.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <random>
 
 #include <nlohmann/json.hpp>
@@ -70,6 +71,70 @@ protected:
             text += oneOf<std::string>({" length 60-90", " length 84", " length 100-2000"});
         }
         return any(8) == 0 ? text + " source-mac 02:00:5e:00:53:01" : text;
+    }
+
+    // Rules of one form or two, so that maps come out of them: ranges or single values, with overlaps and denials.
+    void formChoose() {
+        form_.protocol = oneOf<std::string>({"ip", "tcp", "udp", "icmp"});
+        form_.from = any(2) == 0;
+        form_.to = any(2) == 0;
+        form_.fromPort = any(2) == 0;
+        form_.toPort = any(3) != 0;
+        form_.isSingle = any(3) == 0;
+        form_.more = any(6);
+    }
+
+    std::string formedRule() {
+        const bool hasPorts = form_.protocol == "tcp" || form_.protocol == "udp";
+        const auto address = [&](bool isSource) {
+            const std::string at = isSource ? source() : destination();
+            if (form_.isSingle) {
+                return at;
+            }
+            return oneOf<std::string>({at, isSource ? (v6() ? "fd01::4/126" : "10.1.0.4/30") : (v6() ? "fd99::10/125" : "203.0.113.8/29"),
+                                       isSource ? (v6() ? "fd01::/64" : "10.1.0.0/16") : (v6() ? "fd99::14/127" : "203.0.113.12/31")});
+        };
+        const auto port = [&] {
+            const uint32_t first = 99 + any(5);
+            return " port " + std::to_string(first) + (form_.isSingle || any(2) == 0 ? "" : "-" + std::to_string(first + any(4)));
+        };
+        std::string text = std::string(any(4) == 0 ? "deny " : "permit ") + form_.protocol + " from " + (form_.from ? address(true) : "any") +
+                           (form_.fromPort && hasPorts ? port() : "") + " to " + (form_.to ? address(false) : "any") +
+                           (form_.toPort && hasPorts ? port() : "");
+        text += form_.protocol == "icmp" ? oneOf<std::string>({" type 3 code 0", " type 3 code 1", " type 8 code 0", " type 128 code 2"}) : "";
+        switch (form_.more) {
+        case 0: return text + oneOf<std::string>({" dscp ef", " dscp 0", " precedence 5", " precedence 0"});
+        case 1: return text + oneOf<std::string>({" length 60-70", " length 84", " length 65-2000"});
+        case 2: return text + oneOf<std::string>({" source-mac 02:00:5e:00:53:01", " source-mac 02:00:5e:00:53:02"});
+        default: return text;
+        }
+    }
+
+    void formedPolicy() {
+        world_.unbind("wan", "lan0");
+        formChoose();
+        const uint32_t nodes = 4 + any(12);
+        for (uint32_t node = 1; node <= nodes; node++) {
+            std::vector<std::string> rules;
+            for (uint32_t i = 1 + any(3); i > 0; i--) {
+                rules.push_back(any(12) == 0 ? rule() : formedRule());
+            }
+            world_.acl(acl(10 + node), rules);
+            world_.nextHops("wan", "lan0", node, acl(10 + node), {any(2) == 0 ? hop1() : hop2()});
+        }
+        store();
+    }
+
+    // What each rule counted, by node and rule number, as the kernel says.
+    std::map<std::pair<uint32_t, uint32_t>, uint64_t> countedByRule() {
+        std::map<std::pair<uint32_t, uint32_t>, uint64_t> counts;
+        const Json counters = device().policyCounters()["counters"];
+        for (const Json &node : counters) {
+            for (const Json &rule : node["rules"]) {
+                counts[{node["node"].get<uint32_t>(), rule["rule"].get<uint32_t>()}] += rule["packets"].get<uint64_t>();
+            }
+        }
+        return counts;
     }
 
     void policy() {
@@ -152,7 +217,12 @@ protected:
         return isSteered && said["paths"][0]["interface"] == "up2" ? 2 : 1;
     }
 
-    std::mt19937 random_{20240611};
+    struct {
+        std::string protocol;
+        bool from = false, to = false, fromPort = false, toPort = false, isSingle = false;
+        uint32_t more = 0;
+    } form_;
+    std::mt19937 random_{getenv("PBR_SEED") == nullptr ? 20240611u : static_cast<uint32_t>(atoi(getenv("PBR_SEED")))};
     AclMac lanMac_{};
 };
 
@@ -178,6 +248,42 @@ TEST_P(ExplainTest, WhatIsSaidOfRandomPacketsHappensToThem) {
     EXPECT_GT(verdicts["policy2"], 30);
     EXPECT_GT(verdicts["policy1"], 30);
     EXPECT_GT(verdicts["normal1"], 30);
+}
+
+TEST_P(ExplainTest, WhatIsSaidHappensWhereRulesAreLookedUpInMaps) {
+    world_.options.mapFrom = 2;
+    device();
+    std::map<std::string, int> verdicts, maps;
+    for (int made = 0; made < 2 * POLICIES; made++) {
+        formedPolicy();
+        quiet();
+        ASSERT_EQ(device().counters().driftRepaired, 0u) << "what is read back is what was told";
+        const std::string table = nft();
+        for (const char *pKind : {"/hash.", "/range.", "/ranges."}) {
+            maps[pKind] += table.find(pKind) != std::string::npos;
+        }
+        for (int sent = 0; sent < PACKETS; sent++) {
+            const Both both = packet();
+            const Json said = device().explain(both.asked);
+            auto expected = countedByRule();
+            for (const Json &node : said["nodes"]) {
+                if (node["outcome"] == "matched" || node["outcome"] == "denied") {
+                    expected[{node["node"].get<uint32_t>(), node["rules"].back()["rule"].get<uint32_t>()}]++;
+                }
+            }
+            const int uplink = uplinkOf(both.real);
+            ASSERT_NE(said["verdict"], "unknown") << said.dump(1);
+            ASSERT_EQ(uplink, uplinkSaid(said)) << said.dump(1) << table;
+            ASSERT_EQ(countedByRule(), expected) << said.dump(1) << table;
+            verdicts[said["verdict"].get<std::string>() + std::to_string(uplink)]++;
+        }
+    }
+    for (const char *pKind : {"/hash.", "/range.", "/ranges."}) {
+        EXPECT_GT(maps[pKind], 1) << pKind;
+    }
+    EXPECT_GT(verdicts["policy2"], 15);
+    EXPECT_GT(verdicts["policy1"], 15);
+    EXPECT_GT(verdicts["normal1"], 15);
 }
 
 TEST_P(ExplainTest, TellsTheRuleThatDecidesAndWhyTheOthersDoNot) {

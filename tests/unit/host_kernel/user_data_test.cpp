@@ -40,7 +40,7 @@ void ruleAdd(NetlinkSocket &socket, const std::string &userData) {
 
 TEST(UserData, OfARuleThatIsNotOursIsReadWithinItsBounds) {
     const kernel_test::Net net;
-    net.run("nft 'add table inet policyroute { comment \"policyroute: layout 1\"; }; add chain inet policyroute c'");
+    net.run("nft 'add table inet policyroute { comment \"policyroute: layout 2\"; }; add chain inet policyroute c'");
     net.in([] {
         NetlinkSocket socket(NETLINK_NETFILTER);
         ruleAdd(socket, std::string("\x40\x08", 2));              // a fingerprint without its bytes
