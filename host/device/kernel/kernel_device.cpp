@@ -555,6 +555,7 @@ nlohmann::json KernelDevice::show() {
             {"held", kept_},
             {"entries", entriesShow(packets)},
             {"decisions", decisionsShow()},
+            {"lists", listsShow()},
             {"counters",
              {{"applies", counters.applies},
               {"kernelMessages", counters.kernelMessages},

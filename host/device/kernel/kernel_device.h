@@ -114,6 +114,7 @@ private:
     std::string linkName(uint32_t unit) const;
     nlohmann::json entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const;
     nlohmann::json decisionsShow() const;
+    nlohmann::json listsShow() const;
     std::string passedBy(const PacketQuestion &question) const;
     void deciderShow(const ExplainNode &node, nlohmann::json &shown) const;
     uint64_t packetsOf(const std::string &list, const EntryKey &key,

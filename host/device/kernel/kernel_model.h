@@ -50,6 +50,26 @@ struct KernelEntryStatus {
     const ProgramEntry *pEntry = nullptr;
 };
 
+// One step of what a list costs a packet.
+struct KernelStep {
+    ClassStepKind kind = ClassStepKind::Linear;
+    std::vector<ClassField> fields;
+    size_t rules = 0;
+    size_t cells = 0;                                  // of a map
+    std::string reason;                                // Linear: why
+    std::vector<std::pair<uint32_t, uint32_t>> places; // Linear: the first of its rules, node and number
+};
+
+// What a list costs in a family. Not flat: the rules of all steps are compared one by one.
+struct KernelCost {
+    std::string list;
+    uint8_t family = 4;
+    bool isFlat = false;
+    std::string refused; // the kernel refused the maps
+    size_t sections = 0;
+    std::vector<KernelStep> steps; // in their order; none: its interfaces do not all ask the same nodes of it alone
+};
+
 class KernelModel {
 public:
     explicit KernelModel(const KernelOptions &options) : decisions_(options), options_(options) {}
@@ -93,6 +113,7 @@ public:
     uint32_t decisionOf(const NodeKey &key) const; // 0: routed as usual, or dropped
     bool isDropped(const NodeKey &key) const;      // its packets are dropped now
     bool isFlat(const std::string &list, int family) const; // looked up in maps
+    std::vector<KernelCost> costs() const; // of all lists, as they were planned last
     std::string refusedOf(const NodeKey &key) const; // why the node's rules are left out; empty: they are not
 
 private:
@@ -135,6 +156,8 @@ private:
         bool isFlat = false;
         std::string refused;           // the kernel refused the maps
         bool isPending = false;        // changed since the kernel was told
+        size_t sections = 0;
+        std::vector<KernelStep> steps; // of the plan
         std::vector<std::string> chains;
         std::set<std::string> sets;
         std::vector<NftElementKey> elements;
@@ -155,6 +178,7 @@ private:
     void matchesSet(const ListKey &key, const std::set<NodeKey> *pOnly);
     std::vector<FlatPlace> flatPlaces(const ListKey &key) const;
     static std::vector<KernelFlatNode> flatNodes(const std::vector<FlatPlace> &places);
+    static void stepsKeep(const std::vector<KernelFlatNode> &nodes, const ClassPlan &plan, Flat &flat);
     ClassPlan flatPlan(const std::vector<KernelFlatNode> &nodes) const;
     std::set<InterfaceKey> interfacesOf(const ListKey &key) const;
     std::vector<NodeKey> askedNodes(const Interface &interface) const;

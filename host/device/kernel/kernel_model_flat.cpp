@@ -107,6 +107,36 @@ void KernelModel::flatsSet(const std::string &list, const std::set<InterfaceKey>
     }
 }
 
+// What the operator may ask for later.
+void KernelModel::stepsKeep(const std::vector<KernelFlatNode> &nodes, const ClassPlan &plan, Flat &flat) {
+    constexpr size_t PLACES = 10;
+    std::vector<std::pair<uint32_t, uint32_t>> places; // by rule
+    for (const KernelFlatNode &node : nodes) {
+        for (const auto &[number, rule] : node.rules) {
+            places.emplace_back(node.key.nodeIndex, number);
+        }
+    }
+    flat.sections = plan.sections.size();
+    flat.steps.clear();
+    for (const std::vector<ClassStep> &section : plan.sections) {
+        for (const ClassStep &step : section) {
+            flat.steps.push_back({step.kind, step.fields, step.rules.size(), step.cells.size(), step.reason, {}});
+            const size_t told = step.kind == ClassStepKind::Linear ? std::min(PLACES, step.rules.size()) : 0;
+            for (size_t i = 0; i < told; i++) {
+                flat.steps.back().places.push_back(places[step.rules[i]]);
+            }
+        }
+    }
+}
+
+std::vector<KernelCost> KernelModel::costs() const {
+    std::vector<KernelCost> found;
+    for (const auto &[key, flat] : flats_) {
+        found.push_back({key.first, key.second, flat.isFlat, flat.refused, flat.sections, flat.steps});
+    }
+    return found;
+}
+
 void KernelModel::flatSet(const ListKey &key, const std::set<NodeKey> &changed) {
     std::vector<FlatPlace> places = flatPlaces(key);
     Flat &flat = flats_[key];
@@ -153,6 +183,9 @@ std::set<std::string> KernelModel::setNames() const {
 void KernelModel::flatMake(const ListKey &key, Flat &flat) {
     const std::vector<KernelFlatNode> nodes = flatNodes(flat.places);
     const ClassPlan plan = flat.refused.empty() ? flatPlan(nodes) : ClassPlan{};
+    if (flat.refused.empty()) {
+        stepsKeep(nodes, plan, flat);
+    }
     KernelFlat made;
     flat.isFlat = plan.maps != 0;
     if (flat.isFlat) {

@@ -95,6 +95,27 @@ TEST_F(FlatTest, AnInterfaceGoesToOneLookUpForAllItsNodes) {
     send(5041, 1, 1);
 }
 
+TEST_F(FlatTest, TellsWhatAListCostsAndWhichRulesNoMapHolds) {
+    nodes();
+    world_.acl(1700, {"permit tcp from any to any flags syn"});
+    world_.nextHops("wan", "lan0", 900, 1700, {"198.51.100.1"});
+    world_.nextHops("few", "up1", 10, 1501, {"192.0.2.1"});
+    device();
+    settled();
+    const Json lists = device().show()["lists"];
+    ASSERT_EQ(lists.size(), 2u) << lists.dump(1);
+    EXPECT_EQ(lists[0]["list"], "few");
+    EXPECT_EQ(lists[0]["flat"], false);
+    EXPECT_EQ(lists[0]["mostRules"], 2);
+    EXPECT_EQ(lists[1]["flat"], true);
+    EXPECT_EQ(lists[1]["mostLookUps"], 1);
+    EXPECT_EQ(lists[1]["mostRules"], 1);
+    EXPECT_EQ(lists[1]["steps"][0]["fields"], Json::array({"dport"}));
+    EXPECT_EQ(lists[1]["steps"][0]["rules"], NODES);
+    EXPECT_EQ(lists[1]["steps"][1]["reason"], "too few rules of its form stand together");
+    EXPECT_EQ(lists[1]["steps"][1]["first"], Json::array({{{"node", 900}, {"rule", 10}}}));
+}
+
 TEST_F(FlatTest, ANodeThatChangesItsNextHopIsOneRule) {
     nodes();
     device();
