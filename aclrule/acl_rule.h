@@ -82,6 +82,9 @@ struct AclRule {
 // Lock: none
 std::optional<int> aclVersion(uint32_t aclNum);
 
+// Twelve hexadecimal digits in pairs with colons between: 02:00:5e:00:53:01. none: anything else. Lock: none
+std::optional<AclMac> aclMacRead(const std::string &word);
+
 // Parses a rule of ACL aclNum. Result: the rule, or none with *pError saying what is wrong where. Lock: none
 std::optional<AclRule> aclRuleParse(uint32_t aclNum, const std::string &text, std::string *pError);
 

@@ -54,22 +54,6 @@ int64_t numberOf(const std::string &word, int64_t most) {
 
 std::string versionName(int version) { return version == 4 ? "IPv4" : "IPv6"; }
 
-// Twelve hexadecimal digits in pairs with colons between; none for anything else.
-std::optional<AclMac> macOf(const std::string &word) {
-    AclMac mac{};
-    if (word.size() != mac.size() * 3 - 1) {
-        return std::nullopt;
-    }
-    for (size_t i = 0; i < mac.size(); i++) {
-        const char *pPair = word.data() + i * 3;
-        const auto result = std::from_chars(pPair, pPair + 2, mac[i], 16);
-        if (result.ec != std::errc() || result.ptr != pPair + 2 || (i + 1 < mac.size() && pPair[2] != ':')) {
-            return std::nullopt;
-        }
-    }
-    return mac;
-}
-
 class Parser {
 public:
     Parser(uint32_t acl, const std::string &text) : aclNum(acl), words(splitWords(text)) {}
@@ -462,7 +446,7 @@ private:
 
     void parseSourceMac() {
         const std::string word = take("a MAC address");
-        rule.sourceMac = macOf(word);
+        rule.sourceMac = aclMacRead(word);
         if (!rule.sourceMac) {
             refuse("expected a MAC address such as 02:00:5e:00:53:01");
         }
@@ -492,6 +476,21 @@ private:
 };
 
 } // namespace
+
+std::optional<AclMac> aclMacRead(const std::string &word) {
+    AclMac mac{};
+    if (word.size() != mac.size() * 3 - 1) {
+        return std::nullopt;
+    }
+    for (size_t i = 0; i < mac.size(); i++) {
+        const char *pPair = word.data() + i * 3;
+        const auto result = std::from_chars(pPair, pPair + 2, mac[i], 16);
+        if (result.ec != std::errc() || result.ptr != pPair + 2 || (i + 1 < mac.size() && pPair[2] != ':')) {
+            return std::nullopt;
+        }
+    }
+    return mac;
+}
 
 std::optional<AclRule> aclRuleParse(uint32_t aclNum, const std::string &text, std::string *pError) {
     try {

@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -44,19 +43,15 @@ std::optional<AclMac> macOf(const json &request) {
     if (!request.contains("sourceMac")) {
         return std::nullopt;
     }
-    const std::string text = mgmtArgText(request, "sourceMac");
-    AclMac mac{};
-    int used = 0;
-    const int count = sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", &mac[0], &mac[1], &mac[2], &mac[3],
-                             &mac[4], &mac[5], &used);
-    if (count != 6 || static_cast<size_t>(used) != text.size()) {
+    const std::optional<AclMac> mac = aclrule::aclMacRead(mgmtArgText(request, "sourceMac"));
+    if (!mac) {
         throw std::runtime_error("member \"sourceMac\" must be a MAC address: 02:00:5e:00:53:01");
     }
     return mac;
 }
 
 // "interface": a name, or "unit": the kernel's index.
-uint32_t unitOf(const json &request) {
+uint32_t interfaceAsked(const json &request) {
     if (request.contains("unit")) {
         return mgmtArgNumber(request, "unit", 1, UINT32_MAX);
     }
@@ -96,7 +91,7 @@ PacketQuestion packetQuestionOf(const json &request) {
                            "flags", "type", "code", "dscp", "fragment", "length", "sourceMac", "mark"});
     PacketQuestion question;
     aclrule::AclPacket &packet = question.packet;
-    question.ifUnit = unitOf(request);
+    question.ifUnit = interfaceAsked(request);
     question.mark = mgmtArgNumber(request, "mark", 0, UINT32_MAX, 0);
     packet.version = addressOf(request, "source", &packet.source);
     if (addressOf(request, "destination", &packet.destination) != packet.version) {

@@ -70,7 +70,8 @@ class OnADesk(system_case.MemoryCase):
 
     def test_refuses_what_is_no_packet(self):
         for words, status in ((("--src", "10.0.0.1", "--dst", "2001:db8::1"), 1), (("--src", "x", "--dst", "10.0.0.1"), 1),
-                              (("--src", "10.0.0.1", "--dst", "10.0.0.2", "--proto", "tpc"), 2)):
+                              (("--src", "10.0.0.1", "--dst", "10.0.0.2", "--proto", "tpc"), 2),
+                              (("--src", "10.0.0.1", "--dst", "10.0.0.2", "--source-mac", " 2:+1:0x:5e:00:53"), 1)):
             with self.subTest(words=words):
                 refused = self.daemon.ctl("explain", "--in", "lo", *words, check=False)
                 self.assertEqual(status, refused.returncode, refused.stderr)
