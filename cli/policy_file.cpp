@@ -130,7 +130,7 @@ void hopRead(NodeReader &of, const YAML::Node &value) {
                         of.problem(key, "unknown key '" + name + "' of a next hop; known are address, probe");
                     }
                 });
-        if (value.IsMap() && !hasAddress) {
+        if ((value.IsMap() || value.IsNull()) && !hasAddress) {
             of.problem(value, "a next hop has no address");
         }
     }

@@ -180,6 +180,9 @@ TEST(PolicyFile, AddressesThatAreNoNextHopsAreRefused) {
     for (const char *pAddress : {"\"::\"", "\"::1\"", "ff02::1", "2001:db8::g"}) {
         expectProblem(withNode("{acl: 3501, next-hops: [" + std::string(pAddress) + "]}"), 6, "no address of a next hop");
     }
+    for (const char *pNone : {"192.0.2.1, , 192.0.2.5", "~", "{}", "{probe: ops/isp-a}"}) {
+        expectProblem(withNode("{acl: 1501, next-hops: [" + std::string(pNone) + "]}"), 6, "a next hop has no address");
+    }
 }
 
 TEST(PolicyFile, FourNextHopsAreTakenAndAFifthIsRefused) {
