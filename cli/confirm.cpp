@@ -33,7 +33,7 @@ constexpr std::chrono::minutes RECONNECT_LONGEST{10}; // after the time is over;
 constexpr int REFUSED_MOST = 5;                       // times that a roll-back is tried
 constexpr int ANSWER_SPARE_MS = 1000;                 // what an answer of the daemon may be late
 
-bool sendAll(int fd, const std::string &text) {
+bool say(int fd, const std::string &text) {
     return send(fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
@@ -95,7 +95,7 @@ bool isConfirmed(Daemon &daemon, const Rollback &rollback, int parentFd) {
                 isBegun = true;
             }
             daemon.mgmtSend("confirm.wait", {{"milliseconds", leftMs}});
-            (void)sendAll(parentFd, {SAID_BEGUN}); // from the second time on nobody hears it
+            (void)say(parentFd, {SAID_BEGUN}); // from the second time on nobody hears it
             const auto answer = daemon.mgmtAnswer(static_cast<int>(leftMs) + ANSWER_SPARE_MS);
             return answer && answer->value("confirmed", false);
         } catch (const std::exception &lost) { // the daemon is gone, or starts
@@ -165,10 +165,10 @@ int watch(const Rollback &rollback, int parentFd) {
     try {
         begin(daemon, rollback);
     } catch (const std::exception &refusal) {
-        (void)sendAll(parentFd, SAID_REFUSED + std::string(refusal.what()));
+        (void)say(parentFd, SAID_REFUSED + std::string(refusal.what()));
         return EXIT_REFUSED;
     }
-    if (!sendAll(parentFd, {SAID_BEGUN})) {
+    if (!say(parentFd, {SAID_BEGUN})) {
         return EXIT_DONE; // the parent ended before it did anything, and others may have changed the policy since
     }
     const std::string said = receive(parentFd, true);
@@ -215,7 +215,7 @@ ConfirmWatch::~ConfirmWatch() { end(); }
 
 void ConfirmWatch::end() {
     if (fd >= 0) {
-        (void)sendAll(fd, {SAID_CANCEL});
+        (void)say(fd, {SAID_CANCEL});
         close(fd);
         fd = -1;
         waitpid(pid, nullptr, 0);
@@ -223,7 +223,7 @@ void ConfirmWatch::end() {
 }
 
 void ConfirmWatch::arm() {
-    if (!sendAll(fd, {SAID_ARM}) || receive(fd, true).empty()) {
+    if (!say(fd, {SAID_ARM}) || receive(fd, true).empty()) {
         throw Refused("the policy is applied, but its watcher has ended: it will not be rolled back");
     }
     close(fd);

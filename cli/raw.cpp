@@ -134,20 +134,20 @@ nlohmann::json rowJson(const Bytes &bytes) {
 }
 
 nlohmann::json answerJson(const client::CommandRequest &request, const client::CommandAnswer &answer) {
-    nlohmann::json json = {{"result", answer.result}, {"text", client::resultDescribe(answer.result)}};
+    nlohmann::json shown = {{"result", answer.result}, {"text", client::resultDescribe(answer.result)}};
     if (!answer.key.empty()) {
-        json["key"] = hexWrite(answer.key);
-        json["keyText"] = keyText(answer.key);
+        shown["key"] = hexWrite(answer.key);
+        shown["keyText"] = keyText(answer.key);
     }
     if (answer.kind == COMMAND_VALUE_NUMBER) {
-        json["number"] = answer.number;
+        shown["number"] = answer.number;
     } else if (answer.kind == COMMAND_VALUE_BYTES) {
-        json["bytes"] = hexWrite(answer.bytes);
+        shown["bytes"] = hexWrite(answer.bytes);
         if (isRow(request.commandId, request.fieldId)) {
-            json["row"] = rowJson(answer.bytes);
+            shown["row"] = rowJson(answer.bytes);
         }
     }
-    return json;
+    return shown;
 }
 
 void answerPrint(const client::CommandRequest &request, const client::CommandAnswer &answer, std::ostream &out) {

@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::json;
 
-void printJson(json answer, std::ostream &out) {
+void printAnswer(json answer, std::ostream &out) {
     answer.erase("ok");
     out << answer.dump(2, ' ', false, json::error_handler_t::replace) << "\n";
 }
@@ -18,7 +18,7 @@ void printJson(json answer, std::ostream &out) {
 void listShow(Daemon &daemon, bool asJson, std::ostream &out) {
     const json answer = daemon.mgmt("shell.list");
     if (asJson) {
-        return printJson(answer, out);
+        return printAnswer(answer, out);
     }
     for (const auto &[pTitle, pKey] : {std::pair{"command", "commands"}, std::pair{"switch ", "switches"}}) {
         for (const auto &name : answer.value(pKey, json::array())) {
@@ -49,7 +49,7 @@ int32_t shellRun(Daemon &daemon, const std::string &name, const std::vector<std:
     }
     const json answer = daemon.mgmt("shell", {{"name", name}, {"args", args}});
     if (asJson) {
-        printJson(answer, out);
+        printAnswer(answer, out);
     } else {
         out << outputOf(answer);
     }

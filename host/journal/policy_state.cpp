@@ -19,7 +19,7 @@ struct TableCode {
     PolicyTable table;
     uint32_t keyLen;
 };
-constexpr TableCode TABLES[] = {{0x001F4000u, PolicyTable::Scalar, 0},
+constexpr TableCode TABLE_CODES[] = {{0x001F4000u, PolicyTable::Scalar, 0},
                                 {0x070A8000u, PolicyTable::List, sizeof(PbrListKey)},
                                 {0x08F04000u, PolicyTable::Node, sizeof(PbrNodeKey)},
                                 {0x0CC60000u, PolicyTable::NextHop, sizeof(PbrNodeKey)},
@@ -59,7 +59,7 @@ std::optional<PolicyRow> rowChecked(const TableCode &code, const void *pKey, uin
 
 std::optional<PolicySet> policySetRead(const void *pKey, uint32_t keyLen, uint32_t commandCode, const PbrApiValue &value,
                                        bool isBytes) {
-    for (const TableCode &code : TABLES) {
+    for (const TableCode &code : TABLE_CODES) {
         if (code.base != (commandCode & ~FIELD_MASK)) {
             continue;
         }
@@ -82,16 +82,16 @@ std::optional<PolicyRow> policyRowOf(uint32_t commandId, const void *pKey, uint3
     switch (commandId) {
     case PBR_CMD_LIST_SET:
     case PBR_CMD_LIST_SYNC:
-        return rowChecked(TABLES[1], pKey, keyLen);
+        return rowChecked(TABLE_CODES[1], pKey, keyLen);
     case PBR_CMD_NODE_SET:
     case PBR_CMD_NODE_SYNC:
-        return rowChecked(TABLES[2], pKey, keyLen);
+        return rowChecked(TABLE_CODES[2], pKey, keyLen);
     case PBR_CMD_NEXT_HOP_SET:
     case PBR_CMD_NEXT_HOP_SYNC:
-        return rowChecked(TABLES[3], pKey, keyLen);
+        return rowChecked(TABLE_CODES[3], pKey, keyLen);
     case PBR_CMD_IF_SET:
     case PBR_CMD_IF_SYNC:
-        return rowChecked(TABLES[4], pKey, keyLen);
+        return rowChecked(TABLE_CODES[4], pKey, keyLen);
     default:
         return std::nullopt;
     }

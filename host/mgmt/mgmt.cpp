@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/mgmt/mgmt_request.h"
 #include "host/mgmt/mgmt_server.h"
 #include "host/option/option.h"
 
@@ -34,10 +35,6 @@ struct Operations {
 Operations &operations() {
     static Operations *pOperations = new Operations; // outlives the event thread
     return *pOperations;
-}
-
-json failure(const std::string &text) {
-    return {{"ok", false}, {"error", text}};
 }
 
 // The operation that a request names; throws the refusal.
@@ -68,7 +65,7 @@ void dispatch(const json &request, const MgmtCaller &caller, MgmtDone done) {
         }
         operation.handler(request, caller.client, done);
     } catch (const std::exception &refusal) {
-        done(failure(refusal.what()));
+        done(mgmtFailure(refusal.what()));
     }
 }
 

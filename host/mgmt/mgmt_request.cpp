@@ -56,4 +56,8 @@ std::optional<json> mgmtRequestParse(std::string_view line, std::string *pError)
     return std::nullopt;
 }
 
+nlohmann::json mgmtFailure(const std::string &text) {
+    return {{"ok", false}, {"error", text}};
+}
+
 } // namespace host

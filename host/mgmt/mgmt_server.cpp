@@ -43,10 +43,6 @@ struct Connection {
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
 
-json failure(const std::string &text) {
-    return {{"ok", false}, {"error", text}};
-}
-
 // Bytes of names may be anything: what is not UTF-8 is written as the replacement character.
 std::string lineOf(const json &answer) {
     return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
@@ -255,7 +251,7 @@ void MgmtServer::Core::refuseAndEnd(const ConnectionPtr &c, const std::string &w
     c->begin = 0;
     c->scanned = 0;
     c->atEnd = true;
-    answer(c, failure(why));
+    answer(c, mgmtFailure(why));
     if (c->fd >= 0) {
         settle(c);
     }

@@ -16,8 +16,8 @@ namespace host {
 
 namespace {
 
-constexpr size_t RECEIVE_BYTES = 64 * 1024;
-constexpr size_t ROOM_BYTES = 8 * 1024 * 1024; // some ten thousand notifications
+constexpr size_t NEWS_BYTES = 64 * 1024;
+constexpr size_t NEWS_ROOM_BYTES = 8 * 1024 * 1024; // some ten thousand notifications
 constexpr int READS_AT_ONCE = 256;             // others on the event thread get their turn
 constexpr int READS_AFTER_LOSS = 1000000;      // more than any room holds
 
@@ -26,7 +26,7 @@ int openJoined(int protocol, const std::vector<uint32_t> &groups) {
     if (fd < 0) {
         throw std::system_error(errno, std::generic_category(), "netlink socket");
     }
-    netlinkSetRoom(fd, SO_RCVBUF, SO_RCVBUFFORCE, ROOM_BYTES);
+    netlinkSetRoom(fd, SO_RCVBUF, SO_RCVBUFFORCE, NEWS_ROOM_BYTES);
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     int failed = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address));
@@ -48,7 +48,7 @@ int openJoined(int protocol, const std::vector<uint32_t> &groups) {
 NetlinkMonitor::NetlinkMonitor(int protocol, const std::vector<uint32_t> &groups, Handler message,
                                std::function<void()> lost)
     : fd_(openJoined(protocol, groups)), message_(std::move(message)), lost_(std::move(lost)),
-      buffer_(RECEIVE_BYTES) {}
+      buffer_(NEWS_BYTES) {}
 
 NetlinkMonitor::~NetlinkMonitor() {
     stop();

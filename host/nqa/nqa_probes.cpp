@@ -141,14 +141,14 @@ void changed(uint32_t id) {
 
 void arm();
 
-void succeeded(uint32_t id, uint64_t seq) {
+void answered(uint32_t id, uint64_t seq) {
     if (service().engine.success(id, seq, nowUs()).changed) {
         changed(id);
     }
     arm();
 }
 
-void failed(uint32_t id, uint64_t seq, const std::string &why) {
+void unanswered(uint32_t id, uint64_t seq, const std::string &why) {
     if (service().engine.failure(id, seq, why).changed) {
         changed(id);
     }
@@ -163,7 +163,7 @@ bool isOpen(uint32_t id, uint64_t seq, const NqaAddress &target) {
 
 NqaAsker &asker() {
     if (service().pAsker == nullptr) {
-        service().pAsker = std::make_unique<NqaAsker>(NqaResults{succeeded, failed, isOpen});
+        service().pAsker = std::make_unique<NqaAsker>(NqaResults{answered, unanswered, isOpen});
     }
     return *service().pAsker;
 }

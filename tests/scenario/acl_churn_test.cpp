@@ -6,8 +6,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3";
-
 class AclChurn : public Scene {
 protected:
     // "lan" on interface 1 (out of 99, ACL 1401), "wan" on 2 and 3 (A or B, ACL 1501), "web" on 4 (C, ACL 1601).

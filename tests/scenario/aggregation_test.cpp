@@ -6,7 +6,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3";
 constexpr uint32_t AGG = 5, PORT = 8, OTHER = 9;
 
 class Aggregation : public Scene {

@@ -6,8 +6,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3", D[] = "10.0.0.4";
-
 // The same with both kinds of message.
 class CardStart : public Scene, public ::testing::WithParamInterface<bool> {
 protected:

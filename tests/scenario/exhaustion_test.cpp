@@ -6,8 +6,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2";
-
 // Two lists, three nodes, twelve next hops and probes, two interfaces, six links.
 class Exhaustion : public Scene {
 protected:

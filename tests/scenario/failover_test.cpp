@@ -3,7 +3,6 @@
 
 namespace {
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3";
 constexpr char BOTH[] = "act=0 pri=0 vrf=0 hops=0a000001,0a000002";
 
 class Failover : public World {

@@ -6,8 +6,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3";
-
 class Flap : public Scene {
 protected:
     // List "wan": node 10 takes the first of A and B. A and B are up, interface 1 has its entry.

@@ -3,8 +3,6 @@
 
 namespace {
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2";
-
 class Limits : public World {
 protected:
     void SetUp() override {

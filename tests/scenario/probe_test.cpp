@@ -6,7 +6,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3";
 constexpr uint8_t PASSING = 1, FAILING = 2, NO_RESULT = 3;
 
 class Probe : public Scene {

@@ -12,8 +12,6 @@ using namespace events;
 constexpr uint32_t REPORTS = 10000;
 constexpr uint32_t REPORT_BYTES = 48;
 constexpr uint32_t REPORTS_A_READ = 3840 / REPORT_BYTES; // as many as fit into one read
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3", D[] = "10.0.0.4";
-
 class Storm : public Scene {
 protected:
     // "one" takes the first of A, B, C; "set" spreads over B, C, D.

@@ -7,7 +7,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2";
 constexpr uint32_t RANGE = 7;
 
 class TimeRange : public Scene {

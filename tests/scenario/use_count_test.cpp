@@ -8,8 +8,6 @@ namespace {
 
 using namespace events;
 
-constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2";
-
 class UseCount : public Scene {
 protected:
     void SetUp() override {

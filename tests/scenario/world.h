@@ -19,6 +19,9 @@
 #include "api/pbr_keys.h"
 #include "tests/unit/hw/steps.h"
 
+// Peers, and next hops of lists.
+inline constexpr char A[] = "10.0.0.1", B[] = "10.0.0.2", C[] = "10.0.0.3", D[] = "10.0.0.4";
+
 class World : public ::testing::Test {
 protected:
     void SetUp() override;

@@ -51,7 +51,7 @@ void setsCompare(const NftImage &wanted, const NftImage &held, Lines &lines) {
     }
 }
 
-void nftCompare(const NftImage &wanted, const NftImage &held, Lines &lines) {
+void imagesCompare(const NftImage &wanted, const NftImage &held, Lines &lines) {
     if (held.foreign) {
         lines.push_back("table inet policyroute is not ours");
     } else if (wanted.table && !held.table) {
@@ -101,7 +101,7 @@ void rtCompare(const DecisionObjects &wanted, const RtImage &held, Lines &lines)
 
 std::vector<std::string> KernelPlane::differences(const KernelSnapshot &snapshot) const {
     Lines lines;
-    nftCompare(model_.image(), snapshot.nft, lines);
+    imagesCompare(model_.image(), snapshot.nft, lines);
     for (const auto &[key, decision] : model_.decisions().all()) {
         if (decision.users > 0 && decision.error.empty()) { // an error is told with the entries
             rtCompare(model_.decisions().objectsOf(key), snapshot.rt, lines);

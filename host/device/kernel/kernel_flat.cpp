@@ -24,9 +24,9 @@ std::string chainName(const char *pKind, int family, const std::string &label) {
     return pKind + std::to_string(family) + "/" + label;
 }
 
-class Builder {
+class FlatBuilder {
 public:
-    Builder(const std::vector<KernelFlatNode> &nodes, const ClassPlan &plan)
+    FlatBuilder(const std::vector<KernelFlatNode> &nodes, const ClassPlan &plan)
         : nodes_(nodes), plan_(plan), family_(nodes.front().key.family), list_(nodes.front().key.list),
           label_(kernelNameEncode(list_)) {
         for (uint32_t node = 0; node < nodes.size(); node++) {
@@ -197,6 +197,6 @@ std::vector<ClassRule> kernelFlatRules(const std::vector<KernelFlatNode> &nodes)
     return rules;
 }
 
-KernelFlat kernelFlat(const std::vector<KernelFlatNode> &nodes, const ClassPlan &plan) { return Builder(nodes, plan).build(); }
+KernelFlat kernelFlat(const std::vector<KernelFlatNode> &nodes, const ClassPlan &plan) { return FlatBuilder(nodes, plan).build(); }
 
 } // namespace host

@@ -46,12 +46,12 @@ std::function<uint32_t(const std::string &)> refusals(std::vector<std::pair<std:
 
 void nothing() {}
 void haveWeb() { haveList("web"); }
-void haveWeb10() {
+void haveNode10() {
     haveWeb();
     haveNode("web", 10, 1501, 1);
 }
 void haveWeb10Hop() {
-    haveWeb10();
+    haveNode10();
     haveNextHop("web", 10, 1, "10.0.0.1");
 }
 void haveTwoUsableLists() {
@@ -114,14 +114,14 @@ TEST(FaultSweep, SetsOfNodesAreRefusedWhole) {
         {"create", haveWeb, [&] { return call(pbrNodeSetApi, key, 1, 2); },
          refusals({{"silMemPoolAlloc", PBR_ERR_NO_RECORD}}), 2},
         {"destroy", haveWeb10Hop, [&] { return call(pbrNodeSetApi, key, 1, 4); }, refusals({}), 1},
-        {"aclNum", haveWeb10, [&] { return call(pbrNodeSetApi, key, 4, 1600); },
+        {"aclNum", haveNode10, [&] { return call(pbrNodeSetApi, key, 4, 1600); },
          refusals({{"aclLstGetApi", PBR_ERR_ACL_MISSING}}), 2},
         {"clear", haveWeb10Hop, [&] { return call(pbrNodeSetApi, key, 13, 1); }, refusals({}), 1},
-        {"bind a time range", haveWeb10, [&] { return call(pbrNodeSetApi, key, 19, 5); },
+        {"bind a time range", haveNode10, [&] { return call(pbrNodeSetApi, key, 19, 5); },
          refusals({{"timerangeBind", PBR_ERR_BAD_ARGUMENT}}), 2},
         {"unbind a time range",
          [&] {
-             haveWeb10();
+             haveNode10();
              EXPECT_EQ(call(pbrNodeSetApi, key, 19, 5), PBR_OK);
          },
          [&] { return call(pbrNodeSetApi, key, 19, 0xFFFFFFFFu); },
@@ -131,9 +131,9 @@ TEST(FaultSweep, SetsOfNodesAreRefusedWhole) {
         expectSweep(one);
     }
     for (uint32_t field : {2u, 3u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u}) {
-        expectSweep({"plain field", haveWeb10, [&] { return call(pbrNodeSetApi, key, field, 1); }, refusals({}), 1});
+        expectSweep({"plain field", haveNode10, [&] { return call(pbrNodeSetApi, key, field, 1); }, refusals({}), 1});
     }
-    expectSweep({"event", haveWeb10, [&] { return call(pbrNodeSetApi, key, 16, 0); }, refusals({}), 0});
+    expectSweep({"event", haveNode10, [&] { return call(pbrNodeSetApi, key, 16, 0); }, refusals({}), 0});
 }
 
 TEST(FaultSweep, SetsOfNextHopsAreRefusedWhole) {
@@ -144,7 +144,7 @@ TEST(FaultSweep, SetsOfNextHopsAreRefusedWhole) {
         EXPECT_EQ(call(pbrNextHopSetApi, key, 5, std::string("isp")), PBR_OK);
     };
     const SweepCase cases[] = {
-        {"create", haveWeb10, [&] { return call(pbrNextHopSetApi, key, 1, 2); },
+        {"create", haveNode10, [&] { return call(pbrNextHopSetApi, key, 1, 2); },
          refusals({{"silMemPoolAlloc", PBR_ERR_NO_RECORD}}), 2},
         {"destroy", haveProbe, [&] { return call(pbrNextHopSetApi, key, 1, 4); }, refusals({}), 1},
         {"activate with a probe", haveProbe, [&] { return call(pbrNextHopSetApi, key, 1, 1); },

@@ -5,9 +5,9 @@ using namespace api_test;
 
 namespace {
 
-constexpr uint32_t BASE = 0x04128000u;
+constexpr uint32_t IF_BASE = 0x04128000u;
 constexpr uint32_t FLAGS = 0x10000003u;
-constexpr uint32_t BYTES_FLAGS = 0x90000003u;
+constexpr uint32_t IF_BYTES_FLAGS = 0x90000003u;
 const char IF7[] = "if(7)";
 
 class IfApi : public ApiTest {};
@@ -23,7 +23,7 @@ void haveUsableList(const std::string &name, uint32_t aclNum) {
     EXPECT_EQ(setNumber(pbrNodeSetApi, nodeKey(name, 10), PBR_NODE_OUT_IF_UNIT, 99), PBR_OK);
 }
 
-std::string sync2(const std::string &name) { return syncBytesLine(IF7, BASE + 2, BYTES_FLAGS, name); }
+std::string sync2(const std::string &name) { return syncBytesLine(IF7, IF_BASE + 2, IF_BYTES_FLAGS, name); }
 std::string addLine(uint32_t acl) {
     return "aclIfSetApi(7, 20, if=7 acl=" + std::to_string(acl) + " dir=0 act=4 pri=0 vrf=0 hops=00000063)";
 }
@@ -41,14 +41,14 @@ TEST_F(IfApi, CreatingAndDestroyingAnEntry) {
 
 TEST_F(IfApi, CreatingAnExistingAndDestroyingAMissingEntrySucceedAfterTheService) {
     EXPECT_EQ(setStatus(PBR_IF_DESTROY), PBR_OK);
-    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(IF7, BASE + 1, FLAGS, 2)});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(IF7, IF_BASE + 1, FLAGS, 2)});
     haveInterface(7);
     const std::string before = storeImage();
     (void)fake::takeTrace();
 
     EXPECT_EQ(setStatus(PBR_IF_CREATE), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(IF7, BASE + 1, FLAGS, 1)});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(IF7, IF_BASE + 1, FLAGS, 1)});
     EXPECT_EQ(storeImage(), before);
 }
 
@@ -56,7 +56,7 @@ TEST_F(IfApi, OtherCommandsAreSynchronisedAndThenRefused) {
     for (uint32_t command : {0u, 3u, 4u, 0xFFFFFFFFu}) {
         (void)fake::takeTrace();
         EXPECT_EQ(setStatus(command), PBR_FAIL);
-        EXPECT_EQ(fake::takeTrace(), Lines{syncLine(IF7, BASE + 1, FLAGS, command)});
+        EXPECT_EQ(fake::takeTrace(), Lines{syncLine(IF7, IF_BASE + 1, FLAGS, command)});
     }
     EXPECT_EQ(interface(7), nullptr);
 }
@@ -270,7 +270,7 @@ TEST_F(IfApi, DestroyingABoundEntryUnbindsIt) {
 
     const Lines calls = fake::takeCalls();
     ASSERT_EQ(calls.size(), 4u);
-    EXPECT_EQ(calls[0], syncLine(IF7, BASE + 1, FLAGS, 2));
+    EXPECT_EQ(calls[0], syncLine(IF7, IF_BASE + 1, FLAGS, 2));
     EXPECT_EQ(calls[1], "aclLstSyncApi(1501, 2, -1)");
     EXPECT_EQ(calls[3], "qrvIfSetApi(7, 57, 206)");
     EXPECT_EQ(interface(7), nullptr);
@@ -366,7 +366,7 @@ TEST_F(IfApi, TheSyncCommandDiffersOnlyInTheOrigin) {
             syncs.push_back(line);
         }
     }
-    EXPECT_EQ(syncs, (Lines{syncLine(IF7, BASE + 1, 0x10000001u, 1), syncBytesLine(IF7, BASE + 2, 0x90000001u, "a")}));
+    EXPECT_EQ(syncs, (Lines{syncLine(IF7, IF_BASE + 1, 0x10000001u, 1), syncBytesLine(IF7, IF_BASE + 2, 0x90000001u, "a")}));
     EXPECT_EQ(boundName().bytes, "a");
 }
 

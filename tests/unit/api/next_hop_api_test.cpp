@@ -6,8 +6,8 @@ using namespace api_test;
 
 namespace {
 
-constexpr uint32_t BASE = 0x0CC60000u;
-constexpr uint32_t BYTES_FLAGS = 0x80000003u;
+constexpr uint32_t NEXT_HOP_BASE = 0x0CC60000u;
+constexpr uint32_t NEXT_HOP_BYTES_FLAGS = 0x80000003u;
 const char HOP1[] = "node(\"web\",10,mask=0,hop=1)";
 
 class NextHopApi : public ApiTest {
@@ -40,7 +40,7 @@ Answer getText(uint32_t field, uint32_t capacity = 64) {
     return getBytes(pbrNextHopGetApi, key(1), field, capacity, true);
 }
 std::string sync1(uint8_t index, uint32_t value) {
-    return syncLine("node(\"web\",10,mask=0,hop=" + std::to_string(index) + ")", BASE + 1, 3, value);
+    return syncLine("node(\"web\",10,mask=0,hop=" + std::to_string(index) + ")", NEXT_HOP_BASE + 1, 3, value);
 }
 
 // ---- life ----
@@ -217,7 +217,7 @@ TEST_F(NextHopApi, AnIpv4AddressHasFourBytes) {
 
     EXPECT_EQ(setText(PBR_NEXT_HOP_ADDRESS, address("10.0.0.1")), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, BASE + 2, BYTES_FLAGS, address("10.0.0.1"))});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, NEXT_HOP_BASE + 2, NEXT_HOP_BYTES_FLAGS, address("10.0.0.1"))});
     EXPECT_EQ(getText(PBR_NEXT_HOP_ADDRESS, 4).bytes, address("10.0.0.1"));
 }
 
@@ -242,7 +242,7 @@ TEST_F(NextHopApi, AnAddressOfTheOtherLengthIsRefusedAfterTheService) {
             const std::string bytes(len, '\x11');
             (void)fake::takeTrace();
             EXPECT_EQ(setText(PBR_NEXT_HOP_ADDRESS, bytes), PBR_FAIL) << len;
-            EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, BASE + 2, BYTES_FLAGS, bytes)}) << len;
+            EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, NEXT_HOP_BASE + 2, NEXT_HOP_BYTES_FLAGS, bytes)}) << len;
         }
     }
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(hop("web", 10, 1)->nextHop), 16), std::string(16, '\0'));
@@ -314,7 +314,7 @@ TEST_F(NextHopApi, ProbeNamesOfUpToThirtyTwoBytesAreStored) {
         for (const std::string &name : {longest, std::string("ops"), std::string("x"), std::string()}) {
             (void)fake::takeTrace();
             EXPECT_EQ(setText(field, name), PBR_OK);
-            EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, BASE + field, BYTES_FLAGS, name)});
+            EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, NEXT_HOP_BASE + field, NEXT_HOP_BYTES_FLAGS, name)});
             EXPECT_EQ(getText(field).bytes, name);
         }
     }
@@ -414,7 +414,7 @@ TEST_F(NextHopApi, TheSyncCommandDiffersOnlyInTheOrigin) {
 
     EXPECT_EQ(setBytes(pbrNextHopSyncApi, key(1), PBR_NEXT_HOP_ADDRESS, address("10.0.0.9")), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, BASE + 2, 0x80000001u, address("10.0.0.9"))});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncBytesLine(HOP1, NEXT_HOP_BASE + 2, 0x80000001u, address("10.0.0.9"))});
     EXPECT_EQ(getText(PBR_NEXT_HOP_ADDRESS).bytes, address("10.0.0.9"));
 }
 

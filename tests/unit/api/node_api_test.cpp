@@ -5,7 +5,7 @@ using namespace api_test;
 
 namespace {
 
-constexpr uint32_t BASE = 0x08F04000u;
+constexpr uint32_t NODE_BASE = 0x08F04000u;
 const char WEB10[] = "node(\"web\",10,mask=0,hop=0)";
 
 class NodeApi : public ApiTest {};
@@ -43,7 +43,7 @@ TEST_F(NodeApi, ANewNodeStartsWithItsDefaults) {
 TEST_F(NodeApi, CreatingANodeInAListThatDoesNotExistReportsNoRecord) {
     EXPECT_EQ(set(PBR_NODE_STATUS, PBR_ROW_CREATED), PBR_ERR_NO_RECORD);
 
-    EXPECT_EQ(fake::takeCalls(), Lines{syncLine(WEB10, BASE + 1, 3, 2)}) << "the service has seen it";
+    EXPECT_EQ(fake::takeCalls(), Lines{syncLine(WEB10, NODE_BASE + 1, 3, 2)}) << "the service has seen it";
 }
 
 TEST_F(NodeApi, CreatingAnExistingNodeAndDestroyingAMissingOneSucceedWithoutChange) {
@@ -177,7 +177,7 @@ TEST_F(NodeApi, PlainFieldsKeepWhatTheirWidthTakes) {
     for (const PlainField &field : fields) {
         EXPECT_EQ(set(field.id, field.value), PBR_OK) << field.id;
         EXPECT_EQ(get(field.id), field.stored) << field.id;
-        EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, BASE + field.id, 3, field.value)}) << field.id;
+        EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, NODE_BASE + field.id, 3, field.value)}) << field.id;
     }
 }
 
@@ -200,7 +200,7 @@ TEST_F(NodeApi, FieldTwelveIsStoredAndCannotBeRead) {
 
     EXPECT_EQ(node("web", 10)->nodeField12, 0xAB);
     EXPECT_EQ(getNumber(pbrNodeGetApi, nodeKey("web", 10), PBR_NODE_FIELD12).code, PBR_FAIL);
-    EXPECT_EQ(fake::takeCalls(), Lines{syncLine(WEB10, BASE + 12, 3, 0x1AB)});
+    EXPECT_EQ(fake::takeCalls(), Lines{syncLine(WEB10, NODE_BASE + 12, 3, 0x1AB)});
 }
 
 TEST_F(NodeApi, TheSyncCommandDiffersOnlyInTheOrigin) {
@@ -208,7 +208,7 @@ TEST_F(NodeApi, TheSyncCommandDiffersOnlyInTheOrigin) {
 
     EXPECT_EQ(setNumber(pbrNodeSyncApi, nodeKey("web", 10), PBR_NODE_FIELD7, 77), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, BASE + 7, 1, 77)});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, NODE_BASE + 7, 1, 77)});
     EXPECT_EQ(get(PBR_NODE_FIELD7), 77u);
 }
 
@@ -221,7 +221,7 @@ TEST_F(NodeApi, TheVrfTextTellsTheOldVrfBeforeTheService) {
     EXPECT_EQ(set(PBR_NODE_VRF_ID, 6), PBR_OK);
 
     EXPECT_EQ(fake::takeTrace(), (Lines{debugLine("pbrNodeSetApi: pbr list web index 10 vrfid 5."),
-                                        syncLine(WEB10, BASE + 11, 3, 6)}));
+                                        syncLine(WEB10, NODE_BASE + 11, 3, 6)}));
 }
 
 // ---- ACL ----
@@ -231,7 +231,7 @@ TEST_F(NodeApi, AnAclIsAskedForCheckedAndStored) {
 
     EXPECT_EQ(set(PBR_NODE_ACL_NUM, 1501), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), (Lines{"aclLstGetApi(1501, 4)", syncLine(WEB10, BASE + 4, 3, 1501)}));
+    EXPECT_EQ(fake::takeTrace(), (Lines{"aclLstGetApi(1501, 4)", syncLine(WEB10, NODE_BASE + 4, 3, 1501)}));
     EXPECT_EQ(get(PBR_NODE_ACL_NUM), 1501u);
 }
 
@@ -240,7 +240,7 @@ TEST_F(NodeApi, AclZeroIsStoredWithoutAskingTheModule) {
 
     EXPECT_EQ(set(PBR_NODE_ACL_NUM, 0), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, BASE + 4, 3, 0)});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, NODE_BASE + 4, 3, 0)});
     EXPECT_EQ(get(PBR_NODE_ACL_NUM), 0u);
 }
 
@@ -374,7 +374,7 @@ TEST_F(NodeApi, AnOutInterfaceExcludesNextHopsAndIsCheckedAfterTheService) {
 
     EXPECT_EQ(set(PBR_NODE_OUT_IF_UNIT, 9), PBR_ERR_HAS_NEXT_HOP);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, BASE + 6, 3, 9)});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, NODE_BASE + 6, 3, 9)});
     EXPECT_EQ(storeImage(), before);
 }
 
@@ -400,7 +400,7 @@ TEST_F(NodeApi, ClearWithAnotherValueDeletesTheNextHopsToo) {
 
     EXPECT_EQ(set(PBR_NODE_CLEAR, 0x80000000u), PBR_OK);
 
-    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, BASE + 13, 3, 0x80000000u)});
+    EXPECT_EQ(fake::takeTrace(), Lines{syncLine(WEB10, NODE_BASE + 13, 3, 0x80000000u)});
     EXPECT_EQ(fake::slotsTaken("pbr_nexthop"), 0u);
     EXPECT_EQ(get(PBR_NODE_IP_VERSION), 0u);
     EXPECT_EQ(get(PBR_NODE_VRF_ID), 0u);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/numbers.h"
+#include "tests/unit/cli/lines.h"
 
 using namespace cli;
 
@@ -30,14 +31,6 @@ lists:
 bindings:
   lan0: wan
 )";
-
-std::string all(const std::vector<std::string> &lines) {
-    std::string text;
-    for (const std::string &line : lines) {
-        text += line + "\n";
-    }
-    return text;
-}
 
 // The file must have a problem that begins with "p.yaml:LINE: " and tells `expected`.
 void expectProblem(const std::string &text, int line, const std::string &expected) {

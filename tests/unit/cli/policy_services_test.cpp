@@ -3,19 +3,12 @@
 
 #include "cli/policy_file.h"
 #include "schedule/schedule_text.h"
+#include "tests/unit/cli/lines.h"
 
 using namespace cli;
 using schedule::localTimeRead;
 
 namespace {
-
-std::string all(const std::vector<std::string> &lines) {
-    std::string text;
-    for (const std::string &line : lines) {
-        text += line + "\n";
-    }
-    return text;
-}
 
 PolicyFile withProbe(const std::string &probe) {
     return policyFileRead("p.yaml", "lists: {}\nprobes:\n  ops/a: {" + probe + "}\n");

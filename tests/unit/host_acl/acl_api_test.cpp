@@ -13,10 +13,7 @@ namespace {
 
 using namespace host;
 
-AclRule rule(uint32_t aclNum, const std::string &text) {
-    std::string error;
-    return aclRuleParse(aclNum, text, &error).value();
-}
+using hosttest::rule;
 
 struct Redirect {
     uint8_t record[PBR_HW_ACL_CONTENT_BYTES] = {};

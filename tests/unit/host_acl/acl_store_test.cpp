@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "host/acl/acl_store.h"
+#include "tests/unit/host_acl/host_environment.h"
 
 namespace {
 
@@ -12,10 +13,7 @@ using namespace host;
 using Change = AclChange;
 using Changes = AclStore::Changes;
 
-AclRule rule(uint32_t aclNum, const std::string &text) {
-    std::string error;
-    return aclRuleParse(aclNum, text, &error).value();
-}
+using hosttest::rule;
 
 const AclRule WEB = rule(1501, "permit tcp to any port 80");
 const AclRule DNS = rule(1501, "permit udp to any port 53");

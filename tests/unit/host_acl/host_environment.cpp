@@ -19,6 +19,11 @@
 
 namespace hosttest {
 
+aclrule::AclRule rule(uint32_t aclNum, const std::string &text) {
+    std::string error;
+    return aclrule::aclRuleParse(aclNum, text, &error).value();
+}
+
 namespace {
 
 std::string theRoot;

@@ -10,7 +10,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "aclrule/acl_rule.h"
+
 namespace hosttest {
+
+aclrule::AclRule rule(uint32_t aclNum, const std::string &text); // of a text that is right
 
 // The folder of this test process; every socket of it is below. Options: host.root, host.device=memory.
 const std::string &root();

@@ -12,13 +12,6 @@ using namespace probes;
 using lab::inNamespace;
 using nlohmann::json;
 
-json quick(json members) {
-    members["intervalMs"] = 50;
-    members["timeoutMs"] = members.value("timeoutMs", 40);
-    members["downAfter"] = 2;
-    return members;
-}
-
 TEST(NqaAsking, IcmpPassesAndFailsInBothFamilies) {
     inNamespace([] {
         Uplinks net;

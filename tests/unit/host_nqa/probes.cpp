@@ -34,6 +34,13 @@ void start(const std::vector<std::string> &options) {
     nqaStart();
 }
 
+json quick(json members) {
+    members["intervalMs"] = 50;
+    members["timeoutMs"] = members.value("timeoutMs", 40);
+    members["downAfter"] = 2;
+    return members;
+}
+
 void onLoop(const std::function<void()> &work) {
     std::promise<void> done;
     hostEventLoop().post([&] {

@@ -14,7 +14,7 @@ using namespace probes;
 using lab::inNamespace;
 using nlohmann::json;
 
-json quick(const std::string &target) {
+json echoOf(const std::string &target) {
     return {{"kind", "icmp"}, {"target", target}, {"intervalMs", 50}, {"timeoutMs", 40}, {"downAfter", 2}};
 }
 
@@ -69,7 +69,7 @@ TEST(NqaService, TellsTheDaemonEachChangeAndAnswersItsQuestions) {
         daemon.ask("a");
         EXPECT_EQ(daemon.next(), "a 2"); // not configured
 
-        set("a", quick("127.0.0.1"));
+        set("a", echoOf("127.0.0.1"));
         EXPECT_EQ(daemon.next(), "a 1");
         daemon.ask("a");
         EXPECT_EQ(daemon.next(), "a 1");
@@ -93,7 +93,7 @@ TEST(NqaService, AnswersNoResultBeforeTheFirst) {
         lab::run("nft 'add table inet cut; add chain inet cut in { type filter hook input priority 0; }'");
         lab::run("nft add rule inet cut in icmp type echo-request drop");
         DaemonSocket daemon;
-        json slow = quick("127.0.0.1");
+        json slow = echoOf("127.0.0.1");
         slow["intervalMs"] = slow["timeoutMs"] = 60000;
         EXPECT_FALSE(nqaUndetermined());
         set("a", slow);
@@ -101,7 +101,7 @@ TEST(NqaService, AnswersNoResultBeforeTheFirst) {
         EXPECT_EQ(daemon.next(), "a 3");
         EXPECT_TRUE(nqaUndetermined());
         lab::run("nft delete table inet cut");
-        set("b", quick("127.0.0.1"));
+        set("b", echoOf("127.0.0.1"));
         expect("b", NqaState::Passing);
         EXPECT_TRUE(nqaUndetermined());
         EXPECT_TRUE(del("a"));
@@ -113,9 +113,9 @@ TEST(NqaService, AProbeThatAsksSomethingElseBeginsAnewAndTheDaemonIsTold) {
     inNamespace([] {
         start();
         DaemonSocket daemon;
-        set("a", quick("127.0.0.1"));
+        set("a", echoOf("127.0.0.1"));
         EXPECT_EQ(daemon.next(), "a 1");
-        set("a", quick("127.0.0.2"));
+        set("a", echoOf("127.0.0.2"));
         EXPECT_EQ(daemon.next(), "a 3");
         EXPECT_EQ(daemon.next(), "a 1");
     });
@@ -125,10 +125,10 @@ TEST(NqaService, OtherTimesKeepTheStateAndTellNobody) {
     inNamespace([] {
         start();
         DaemonSocket daemon;
-        set("a", quick("127.0.0.1"));
+        set("a", echoOf("127.0.0.1"));
         EXPECT_EQ(daemon.next(), "a 1");
         const uint64_t received = get("a").statistics.received;
-        json faster = quick("127.0.0.1");
+        json faster = echoOf("127.0.0.1");
         faster["downAfter"] = 5;
         set("a", faster);
         EXPECT_EQ(get("a").state, NqaState::Passing);
@@ -143,14 +143,14 @@ TEST(NqaService, ReplacingAllLeavesEqualOnesUndisturbed) {
     inNamespace([] {
         start();
         DaemonSocket daemon;
-        set("kept", quick("127.0.0.1"));
+        set("kept", echoOf("127.0.0.1"));
         EXPECT_EQ(daemon.next(), "kept 1");
-        set("gone", quick("127.0.0.2"));
+        set("gone", echoOf("127.0.0.2"));
         EXPECT_EQ(daemon.next(), "gone 1");
         ASSERT_TRUE(lab::eventually([] { return get("kept").statistics.received >= 3; }));
         const NqaProbe before = get("kept");
 
-        const NqaReplaced replaced = replaceAll({{"kept", quick("127.0.0.1")}, {"made", quick("127.0.0.3")}});
+        const NqaReplaced replaced = replaceAll({{"kept", echoOf("127.0.0.1")}, {"made", echoOf("127.0.0.3")}});
 
         EXPECT_EQ(replaced.made, 1u);
         EXPECT_EQ(replaced.removed, 1u);
@@ -166,7 +166,7 @@ TEST(NqaService, ReplacingAllLeavesEqualOnesUndisturbed) {
 TEST(NqaService, MoreProbesThanCanBeRunChangeNothing) {
     inNamespace([] {
         start();
-        set("a", quick("127.0.0.1"));
+        set("a", echoOf("127.0.0.1"));
         std::map<NqaName, NqaConfig> many;
         const NqaConfig config = get("a").config.value();
         for (size_t i = 0; i <= NQA_PROBES_MOST; i++) {
@@ -181,7 +181,7 @@ TEST(NqaService, MoreProbesThanCanBeRunChangeNothing) {
 TEST(NqaService, ClearingBeginsStatisticsAnewAndNotTheState) {
     inNamespace([] {
         start();
-        json slow = quick("127.0.0.1");
+        json slow = echoOf("127.0.0.1");
         slow["intervalMs"] = 60000;
         set("a", slow);
         expect("a", NqaState::Passing);

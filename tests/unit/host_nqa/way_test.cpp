@@ -12,13 +12,6 @@ using lab::inNamespace;
 using lab::run;
 using nlohmann::json;
 
-json quick(json members) {
-    members["intervalMs"] = 50;
-    members["timeoutMs"] = 40;
-    members["downAfter"] = 2;
-    return members;
-}
-
 std::string shown(const std::string &command) {
     FILE *pPipe = popen(command.c_str(), "r");
     std::string text;
