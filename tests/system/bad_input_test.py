@@ -81,12 +81,12 @@ class Scene:
             operation, _, code = struct.unpack("=III", bus.recv(4096))
             return f"operation {operation}, result 0x{code:08X}"
 
-    def start(self, *words, front=(), device="memory", env=None):
+    def start(self, *words, front=(), device="memory"):
         """What a daemon says that does not start."""
         command = [*front, *self.daemon.program("policyrouted"), "--option", f"host.root={self.root}", "--option",
                    f"host.device={device}", "--option", "host.log=stderr", *words]
         said = []
-        with subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, env=dict(os.environ, **(env or {}))) as process:
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
             for text in process.stderr:
                 if "serving on" in text:
                     said.append("IT RUNS")
@@ -137,9 +137,9 @@ class Scene:
         """A kernel that knows no nftables answers so; here the sending fails in its place."""
         for skip in range(40):
             self.faults.set("sendto", "EINVAL", skip, kind="netlink")
-            said = self.start(front=("unshare", "--net"), device="kernel",
-                              env={"LD_PRELOAD": self.faults.object, "PBR_FAULTS": self.faults.path,
-                                   "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "verify_asan_link_order=0")})
+            asan = os.environ.get("ASAN_OPTIONS", "verify_asan_link_order=0")
+            said = self.start(front=("unshare", "--net", "env", f"LD_PRELOAD={self.faults.object}",
+                                     f"PBR_FAULTS={self.faults.path}", f"ASAN_OPTIONS={asan}"), device="kernel")
             self.faults.clear()
             if "forwarding plane" in said:
                 break

@@ -5,6 +5,7 @@ import subprocess
 import unittest
 
 import system_case
+import faults
 import netlab
 import steps
 
@@ -23,6 +24,8 @@ class StepsCase(unittest.TestCase):
     device = "memory"
 
     def setUp(self):
+        if faults.compiler() != "cc":
+            self.skipTest("32-bit programs ask for 64-bit times by names that the object does not have")
         self.clock = steps.Clock()
         self.addCleanup(self.clock.close)
         self.daemon = steps.Daemon(self.clock, ns=None, device="memory").start()
