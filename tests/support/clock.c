@@ -1,5 +1,5 @@
 // Sets the time of day of one process, forward and back, while it runs: an object to preload (LD_PRELOAD), steered
-// through the file that PBR_CLOCK names, which the test maps too. Used by tests/support/steps.py, which compiles it.
+// through the file that PBR_CLOCK names, which the test maps too. Used by tests/support/steps.py; preload.py compiles it.
 //
 // The file is {seconds that the process's clock is ahead, a number that counts the steps}. As the kernel does when
 // somebody sets the machine's clock, a step moves CLOCK_REALTIME and nothing of CLOCK_MONOTONIC, makes absolute timers

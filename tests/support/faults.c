@@ -1,5 +1,5 @@
 // Makes system calls of a process fail on demand: an object to preload (LD_PRELOAD), steered through the file that
-// PBR_FAULTS names, which the test maps too. Used by tests/support/faults.py, which compiles it.
+// PBR_FAULTS names, which the test maps too. Used by tests/support/faults.py; preload.py compiles it.
 //
 // The file is an array of slots, one a function in the order of NAMES. A slot whose count is not 0 lets `skip` calls on
 // descriptors of its kind pass, then answers `count` calls with errno `error`, or, with error SHORT, does half of what

@@ -137,9 +137,8 @@ class Scene:
         """A kernel that knows no nftables answers so; here the sending fails in its place."""
         for skip in range(40):
             self.faults.set("sendto", "EINVAL", skip, kind="netlink")
-            asan = os.environ.get("ASAN_OPTIONS", "verify_asan_link_order=0")
-            said = self.start(front=("unshare", "--net", "env", f"LD_PRELOAD={self.faults.object}",
-                                     f"PBR_FAULTS={self.faults.path}", f"ASAN_OPTIONS={asan}"), device="kernel")
+            switches = [f"{name}={value}" for name, value in self.faults.environment().items()]
+            said = self.start(front=("unshare", "--net", "env", *switches), device="kernel")
             self.faults.clear()
             if "forwarding plane" in said:
                 break

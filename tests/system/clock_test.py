@@ -5,8 +5,8 @@ import subprocess
 import unittest
 
 import system_case
-import faults
 import netlab
+import preload
 import steps
 
 HOUR = 3600
@@ -24,11 +24,9 @@ class StepsCase(unittest.TestCase):
     device = "memory"
 
     def setUp(self):
-        if faults.compiler() != "cc":
-            self.skipTest("32-bit programs ask for 64-bit times by names that the object does not have")
         self.clock = steps.Clock()
         self.addCleanup(self.clock.close)
-        self.daemon = steps.Daemon(self.clock, ns=None, device="memory").start()
+        self.daemon = preload.Daemon(self.clock, ns=None, device="memory").start()
         self.addCleanup(self.daemon.close)
         self.addCleanup(lambda: self.assertIsNone(self.daemon.process.poll(), "".join(self.daemon.errors[-20:])))
 
@@ -118,7 +116,7 @@ class Packets(StepsCase):
         self.lab.answer_uplinks()
         self.clock = steps.Clock()
         self.addCleanup(self.clock.close)
-        self.daemon = steps.Daemon(self.clock, options=("host.neighbour-probe-ms=400",)).start()
+        self.daemon = preload.Daemon(self.clock, options=("host.neighbour-probe-ms=400",)).start()
         self.addCleanup(self.daemon.close)
 
     def test_probes_and_next_hops_do_not_notice_a_step(self):

@@ -8,6 +8,7 @@ import unittest
 import system_case
 import faults
 import netlab
+import preload
 from kill_storm import FILES
 
 # function, error, on which descriptors
@@ -35,7 +36,7 @@ class Running(system_case.LabCase):
         cls.addClassCleanup(cls.faults.close)
 
     def setUp(self):
-        self.daemon = faults.Daemon(self.faults, options=self.options).start()
+        self.daemon = preload.Daemon(self.faults, options=self.options).start()
         self.addCleanup(self.daemon.close)
         self.addCleanup(self.mend_lab)
         self.addCleanup(self.flush)
@@ -103,7 +104,7 @@ class Starting(unittest.TestCase):
         cls.addClassCleanup(cls.lab.close)
 
     def test_each_class_of_failure_during_a_start_with_a_journal(self):
-        daemon = faults.Daemon(self.faults)
+        daemon = preload.Daemon(self.faults)
         self.addCleanup(daemon.close)
         daemon.start()
         daemon.apply(FILES["a"])

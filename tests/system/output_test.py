@@ -8,6 +8,7 @@ import unittest
 import system_case
 import faults
 import netlab
+import preload
 
 LISTS = 60
 POLICY = "acls:\n  1501: {10: permit udp}\nlists:\n" + "".join(f"  l{n:02}:\n    10: {{acl: {1501 + n}, priority: 3}}\n" for n in range(1, LISTS)) + \
@@ -23,7 +24,7 @@ class HalfWrites(unittest.TestCase):
             self.skipTest("an emulated program loads no object of this machine")
         self.faults = faults.Faults()
         self.addCleanup(self.faults.close)
-        self.daemon = faults.Daemon(self.faults, ns=None, device="memory").start()
+        self.daemon = preload.Daemon(self.faults, ns=None, device="memory").start()
         self.addCleanup(self.daemon.close)
         self.addCleanup(lambda: self.assertIsNone(self.daemon.process.poll(), "".join(self.daemon.errors[-20:])))
 
