@@ -1,0 +1,111 @@
+"""From results to Markdown: report.md with its pictures, and the same between the marks of docs/performance.md."""
+import os
+
+from kit import plot, policies, stats
+from kit.forward import PATTERNS
+
+BEGIN, END = "<!-- report: begin (written by scripts/bench.sh --docs) -->", "<!-- report: end -->"
+TITLES = {"kernel": "`kernel` device", "ebpf": "`ebpf` device", "frr": "FRR pbrd"}
+
+
+def write(results, folder, docs):
+    for place, prefix in ((folder, ""),) + (((docs, "performance-"),) if docs else ()):
+        text, pictures = compose(results, prefix)
+        for name, picture in pictures.items():
+            with open(os.path.join(place, name), "w") as file:
+                file.write(picture)
+        if place == folder:
+            with open(os.path.join(folder, "report.md"), "w") as file:
+                file.write(text)
+        else:
+            insert(os.path.join(docs, "performance.md"), text)
+
+
+def insert(path, text):
+    with open(path) as file:
+        page = file.read()
+    before, rest = page.split(BEGIN, 1)
+    with open(path, "w") as file:
+        file.write(before + BEGIN + "\n" + text + END + rest.split(END, 1)[1])
+
+
+def compose(results, prefix):
+    """Result: the text, and pictures by file name."""
+    lines, pictures = [], {}
+    for part, section in (("forward", forwarding),):
+        if part in results:
+            lines += section(results[part], prefix, pictures) + [""]
+    return "\n".join(lines), pictures
+
+
+def where(part):
+    machine = part["machine"]
+    lines = [f"*{machine['when']}, {machine['pace']} run of {part['took'] / 60:.0f} minutes, revision {machine['revision']}; "
+             f"{machine['processors']} processors ({machine['model']}), Linux {machine['kernel']}, load {machine['load']:.1f} at the end"
+             + (f"; {machine['frr']}" if machine["frr"] else "") + ".*"]
+    return lines + [f"*Left out: {name}: {why}.*" for name, why in machine["left_out"].items()]
+
+
+def forwarding(part, prefix, pictures):
+    found = part["found"]
+    lines = ["## Forwarding", ""] + where(part)
+    plain = {family: [each["plain"] for each in found if each["family"] == family and "plain" in each] for family in (4, 6)}
+    lines += ["", "Plain routing: " + ", ".join(f"IPv{family} {stats.three(stats.median(values) / 1e6)} million packets per "
+              f"second of processor time ({stats.three(min(values) / 1e6)} to {stats.three(max(values) / 1e6)})"
+              for family, values in plain.items() if values) + ". Cells: median ratio to plain routing (least to most)."]
+    for family in (4, 6):
+        for kind, title in policies.KINDS.items():
+            rows = [each for each in found if (each["family"], each["kind"]) == (family, kind)]
+            if not rows:
+                continue
+            lines += ["", f"### IPv{family}: {title}", ""] + ratio_table(rows)
+            lines += reasons(rows)
+            curves = {}
+            for each in rows:
+                if each["pattern"] == "last" and "ratios" in each:
+                    curves.setdefault(TITLES.get(each["carrier"], each["carrier"]).replace("`", ""), []).append(
+                        (each["nodes"], stats.median(each["ratios"])))
+            if family == 4 and curves and len({n for curve in curves.values() for n, _ in curve}) > 1:
+                name = f"{prefix}{kind}.svg"
+                pictures[name] = plot.svg(f"Forwarded, of plain routing: {title}", curves, "ratio, matching entry last")
+                lines += ["", f"![Ratio to plain routing against the number of nodes]({name})"]
+    return lines
+
+
+def ratio_table(rows):
+    sizes = sorted({each["nodes"] for each in rows})
+    cells = {(each["carrier"], each["pattern"], each["nodes"]): each for each in rows}
+    table = []
+    for pattern, title in PATTERNS.items():
+        for carrier in dict.fromkeys(each["carrier"] for each in rows):
+            own = [cells.get((carrier, pattern, n)) for n in sizes]
+            if not any(each and "ratios" in each for each in own):
+                continue
+            medians = [stats.median(each["ratios"]) for each in own if each and "ratios" in each]
+            table.append([f"{TITLES.get(carrier, carrier)}, {title}"] + [cell(each) for each in own] +
+                         [f"{stats.flatness(medians) * 100:.0f} %" if len(medians) > 1 else ""])
+        for carrier in ("kernel", "ebpf"):
+            pairs = [(cells.get((carrier, pattern, n)), cells.get(("frr", pattern, n))) for n in sizes]
+            if any(a and b and "rate" in a and "rate" in b for a, b in pairs):
+                table.append([f"*{TITLES[carrier]} : FRR, {title}*"] + [
+                    f"*{stats.three(a['rate'] / b['rate'])}*" if a and b and "rate" in a and "rate" in b else "" for a, b in pairs] + [""])
+    return stats.table(["nodes"] + [f"{n:,}" for n in sizes] + ["spread over N"], table)
+
+
+def cell(each):
+    if each is None:
+        return ""
+    if "ratios" not in each:
+        return "-"
+    ratios = each["ratios"]
+    return f"{number(stats.median(ratios))} ({number(min(ratios))} to {number(max(ratios))})"
+
+
+def number(ratio):
+    return f"{ratio:.2f}" if ratio >= 0.1 else f"{ratio:.3f}"
+
+
+def reasons(rows):
+    """Why there is a dash, each reason once."""
+    told = dict.fromkeys(f"{TITLES.get(each['carrier'], each['carrier'])}: {each['skipped']}" for each in rows if "skipped" in each)
+    return [""] + ["- " + reason for reason in told] if told else []
