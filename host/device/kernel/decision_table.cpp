@@ -144,7 +144,7 @@ DecisionObjects DecisionTable::objectsOf(const DecisionKey &key) const {
     objects.routes[{key.first, table, RT_METRIC}] = target;
     objects.routes[{key.first, table, RT_LAST_METRIC}] = decision.drop ? RT_BLACKHOLE : RT_THROW;
     objects.rule = {key.first, options_.rulePreference + key.second - 1,
-                    key.second << kernelMarkShift(options_), options_.markMask, table};
+                    key.second << kernelMarkShift(options_), options_.markMask, table, 0, RT_RULE_LOOKUP};
     return objects;
 }
 
@@ -190,7 +190,7 @@ bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
     const auto last = image.routes.find({rule.family, rule.table, RT_LAST_METRIC});
     const bool drop = last != image.routes.end() && last->second == RT_BLACKHOLE;
     std::vector<ProgramPath> paths;
-    if (id == 0 || id > kernelMarkLimit(options_) || route == image.routes.end() || route->second == 0 ||
+    if (rule.action != RT_RULE_LOOKUP || id == 0 || id > kernelMarkLimit(options_) || route == image.routes.end() || route->second == 0 ||
         !pathsOf(image, rule.family, route->second, &paths) || ids_.count({rule.family, drop, paths}) != 0) {
         return false;
     }

@@ -8,6 +8,7 @@
 
 #include "host/device/kernel/kernel_device.h"
 #include "host/device/kernel/nft_codec.h"
+#include "host/device/kernel/rule_tree.h"
 
 namespace host {
 
@@ -133,17 +134,23 @@ Surroundings KernelDevice::surroundingsBegin() const {
     }
     const std::optional<FibEgress> everything = hooks_.env.egress(0, 4, IpAddress{});
     std::set<uint32_t> uplinks;
+    std::map<uint8_t, std::pair<size_t, uint32_t>> used; // by family: decisions, and the first preference
     for (const auto &[key, decision] : plane_.model().decisions().all()) {
         if (decision.users == 0) {
             continue;
         }
         uint32_t &last = around.lastPreference[key.first == 6];
-        last = std::max(last, plane_.model().decisions().objectsOf(key).rule.preference);
+        const uint32_t preference = plane_.model().decisions().objectsOf(key).rule.preference;
+        last = std::max(last, preference);
+        used.try_emplace(key.first, 0, preference).first->second.first++;
         for (const ProgramPath &path : decision.paths) {
             if (key.first == 4 && uplinks.insert(path.ifIndex).second) {
                 around.uplinks.push_back({linkName(path.ifIndex), std::nullopt, everything && everything->ifIndex == path.ifIndex});
             }
         }
+    }
+    for (const auto &[family, count] : used) {
+        around.firstPreference[family == 6] = count.first < RULE_TREE_FROM ? 0 : count.second;
     }
     return around;
 }

@@ -107,6 +107,12 @@ std::vector<std::string> KernelPlane::differences(const KernelSnapshot &snapshot
             rtCompare(model_.decisions().objectsOf(key), snapshot.rt, lines);
         }
     }
+    for (const RtRule &rule : tree_) {
+        if (snapshot.rt.rules.count(rule) == 0) {
+            lines.push_back("IPv" + std::to_string(rule.family) + " rule " + std::to_string(rule.preference) +
+                            (rule.action == RT_RULE_GOTO ? " (goto " + std::to_string(rule.target) + ")" : " (nop)") + " is missing");
+        }
+    }
     return lines;
 }
 

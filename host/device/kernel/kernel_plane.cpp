@@ -10,6 +10,7 @@
 
 #include "host/device/kernel/kernel_counts.h"
 #include "host/device/kernel/nft_codec.h"
+#include "host/device/kernel/rule_tree.h"
 #include "host/logging/host_log.h"
 
 namespace host {
@@ -150,7 +151,7 @@ bool KernelPlane::isTaken(uint8_t family, uint32_t preference, uint32_t table) {
         return true;
     }
     const bool isLeftover = std::any_of(image.rules.begin(), image.rules.end(), [&](const RtRule &rule) {
-        return rule.family == family && (rule.preference == preference || rule.table == table);
+        return rule.action == RT_RULE_LOOKUP && rule.family == family && (rule.preference == preference || rule.table == table);
     });
     return isLeftover || (sockets_ && rtTableIsForeign(sockets_->rt, family, table));
 }
@@ -259,6 +260,14 @@ std::set<DecisionKey> KernelPlane::decisionsSend() {
     if (!steps.empty()) {
         counters_.applies++;
         (void)stepsSend(steps); // what failed is in the decisions
+        isTreeDue_ = true;
+    }
+    if (isTreeDue_) {
+        treePlan(installed_.rt.rules);
+        const bool isDone = treeSend();
+        for (const DecisionKey &key : isDone ? std::set<DecisionKey>{} : pending) {
+            decisionRefuse(key, "rules of other decisions lead past its own", {});
+        }
     }
     return pending;
 }
@@ -278,6 +287,7 @@ void KernelPlane::decisionsInstall() {
             }
         }
         installed_.rt = image;
+        isTreeDue_ = true;
         model_.decisions().nextHopsAvoid(installed_.rt.foreignNextHops);
         decisionsMark();
         pending.merge(decisionsSend());
@@ -438,64 +448,6 @@ void KernelPlane::retryRefused() {
     }
 }
 
-// Rules first, then what they lead to. A next-hop object takes its routes and memberships with it.
-void KernelPlane::junkSteps(const RtImage &wanted, std::vector<RtStep> &steps) const {
-    for (const RtRule &rule : installed_.rt.rules) {
-        if (wanted.rules.count(rule) == 0) {
-            steps.push_back({rtRuleMessage(false, rule), {}, 0, [rule](RtImage &image) { image.rules.erase(rule); }});
-        }
-    }
-    for (const auto &[key, target] : installed_.rt.routes) {
-        if (wanted.routes.count(key) == 0) {
-            steps.push_back({rtRouteMessage(RtVerb::Del, key, target), {}, 0,
-                             [key = key](RtImage &image) { image.routes.erase(key); }});
-        }
-    }
-    for (const auto &[id, group] : installed_.rt.groups) {
-        if (wanted.groups.count(id) == 0) {
-            steps.push_back({rtNextHopDelMessage(id), {}, 0, [id = id](RtImage &image) { image.groups.erase(id); }});
-        }
-    }
-    for (const auto &[id, nextHop] : installed_.rt.nextHops) {
-        if (wanted.nextHops.count(id) == 0) {
-            steps.push_back({rtNextHopDelMessage(id), {}, 0, [id = id](RtImage &image) { image.nextHops.erase(id); }});
-        }
-    }
-}
-
-std::string KernelPlane::collect() {
-    isCollectDue_ = false;
-    model_.decisions().drop();
-    std::vector<RtStep> steps;
-    junkSteps(model_.decisions().wanted(), steps);
-    if (steps.empty()) {
-        return "";
-    }
-    std::vector<NetlinkMessage> messages;
-    std::vector<uint32_t> seqs;
-    for (const RtStep &step : steps) {
-        messages.push_back(step.message);
-    }
-    const NetlinkBatchResult result = sockets_->rt.batch(messages, &seqs);
-    counters_.kernelMessages += messages.size();
-    std::map<uint32_t, const NetlinkError *> failed;
-    for (const NetlinkError &error : result.failed) {
-        failed.emplace(error.seq, &error);
-    }
-    std::string remains;
-    for (size_t i = 0; i < steps.size(); i++) {
-        auto it = failed.find(seqs[i]);
-        // What is gone already is as removed as it can be.
-        const bool isGone = it != failed.end() && (it->second->code == ENOENT || it->second->code == ESRCH);
-        if (it == failed.end() || isGone) {
-            steps[i].done(installed_.rt);
-        } else {
-            remains = "the kernel did not remove a routing object: " + it->second->text;
-        }
-    }
-    return remains;
-}
-
 bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt, const std::set<uint32_t> &linksLost) {
     bool isDrift = false;
     if (pNft != nullptr && !(*pNft == installed_.nft)) {
@@ -508,7 +460,8 @@ bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt, const std:
         installed_.rt = *pRt;
         model_.decisions().nextHopsAvoid(installed_.rt.foreignNextHops);
         decisionsMark();
-        isCollectDue_ = true;
+        isCollectDue_ = isTreeDue_ = true;
+        isDrift = isDrift || !std::all_of(tree_.begin(), tree_.end(), [&](const RtRule &rule) { return pRt->rules.count(rule) != 0; });
         for (const auto &[key, decision] : model_.decisions().all()) {
             const bool isByLink = std::any_of(decision.paths.begin(), decision.paths.end(), [&](const ProgramPath &path) {
                 return linksLost.count(path.ifIndex) != 0;
@@ -533,35 +486,6 @@ std::string KernelPlane::countsClear() {
     }
     const std::vector<NftRefusal> refusals = nftSend(changes, false);
     return refusals.empty() ? "" : "the kernel refused the rules: " + refusals.front().second;
-}
-
-std::string KernelPlane::flush() {
-    std::string error = resync();
-    if (!error.empty()) {
-        return error;
-    }
-    if (installed_.nft.table || installed_.nft.stale) {
-        NftBatch batch(sockets_->nft);
-        batch.tableDel();
-        const NetlinkBatchResult result = batch.send();
-        if (!result.ok()) {
-            return "table inet policyroute cannot be removed: " +
-                   (result.failed.empty() ? std::string("no answer") : result.failed.front().text);
-        }
-        installed_.nft = {};
-    }
-    model_.allDirty();
-    std::vector<RtStep> steps;
-    junkSteps({}, steps);
-    (void)stepsSend(steps); // what remains is read back and told, below
-    KernelSnapshot snapshot;
-    error = snapshotRead(*sockets_, &snapshot);
-    installed_ = snapshot;
-    decisionsMark();
-    if (!error.empty()) {
-        return error;
-    }
-    return snapshot.rt.isEmpty() && !snapshot.nft.table ? "" : "the kernel did not remove everything";
 }
 
 } // namespace host

@@ -1,6 +1,7 @@
 // The kernel plane: makes the kernel equal to the kernel model, by differences, and reads it back.
 //
-// Order of a change: next-hop objects, groups, routes and rules of new decisions; then one nftables
+// Order of a change: next-hop objects, groups, routes and rules of new decisions, then the rules that lead
+// packets over those of other decisions (rule_tree.h); then one nftables
 // transaction that lets packets see them; what no packet uses any more is removed later (collect), so
 // that a packet between its mark and its look-up still finds its table. Not for several threads at
 // once: the kernel device locks. Reading (snapshotRead) uses sockets given by the caller and may run
@@ -113,6 +114,9 @@ private:
     void decisionsInstall();
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
     bool stepsSend(std::vector<RtStep> &steps);
+    void treePlan(const std::set<RtRule> &rules);
+    bool treeSend();
+    std::vector<std::string> stepsDo(const std::vector<RtStep> &steps);
     void decisionRefuse(const DecisionKey &key, const std::string &text, const std::map<uint32_t, std::string> &linksDown);
     std::string nftApply();
     std::vector<NftRefusal> nftSend(const std::vector<NftChange> &changes, bool isCounting = true);
@@ -130,6 +134,8 @@ private:
     KernelCounters counters_;
     bool isAdopted_ = false;
     bool isCollectDue_ = false;
+    std::vector<RtRule> tree_; // rules among those of decisions (rule_tree.h), as planned last
+    bool isTreeDue_ = true;    // they may have to be others
 };
 
 } // namespace host

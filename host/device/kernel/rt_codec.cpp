@@ -24,6 +24,8 @@ uint16_t flagsOf(RtVerb verb) {
     return 0;
 }
 
+static_assert(RT_RULE_LOOKUP == FR_ACT_TO_TBL && RT_RULE_GOTO == FR_ACT_GOTO && RT_RULE_NOP == FR_ACT_NOP);
+
 uint8_t familyNumber(uint8_t family) { return family == 6 ? AF_INET6 : AF_INET; }
 uint8_t familyOf(uint8_t number) { return number == AF_INET6 ? 6 : 4; }
 
@@ -41,8 +43,8 @@ void ruleTake(const nlmsghdr *pMessage, RtImage *pImage) {
         pImage->foreignTables.insert({family, table});
         return;
     }
-    pImage->rules.insert({family, preference, attrs.u32(FRA_FWMARK).value_or(0),
-                          attrs.u32(FRA_FWMASK).value_or(0), table});
+    pImage->rules.insert({family, preference, attrs.u32(FRA_FWMARK).value_or(0), attrs.u32(FRA_FWMASK).value_or(0), table,
+                          attrs.u32(FRA_GOTO).value_or(0), pHeader->action});
 }
 
 void routeTake(const nlmsghdr *pMessage, RtImage *pImage) {
@@ -126,10 +128,16 @@ NetlinkMessage rtRuleMessage(bool isAdd, const RtRule &rule) {
                            isAdd ? static_cast<uint16_t>(NLM_F_CREATE | NLM_F_EXCL) : uint16_t{0});
     fib_rule_hdr header = {};
     header.family = familyNumber(rule.family);
-    header.action = FR_ACT_TO_TBL;
+    header.action = rule.action;
     message.header(header);
     message.putU32(FRA_PRIORITY, rule.preference).putU32(FRA_FWMARK, rule.mark).putU32(FRA_FWMASK, rule.mask);
-    message.putU32(FRA_TABLE, rule.table).putU8(FRA_PROTOCOL, FIB_PROTO_POLICYROUTE);
+    if (rule.action == RT_RULE_GOTO) {
+        message.putU32(FRA_GOTO, rule.target);
+    }
+    if (rule.table != 0) {
+        message.putU32(FRA_TABLE, rule.table);
+    }
+    message.putU8(FRA_PROTOCOL, FIB_PROTO_POLICYROUTE);
     return message;
 }
 

@@ -19,9 +19,14 @@
 
 namespace host {
 
+// What a rule does, by the kernel's numbers; others that it has are kept as they are.
+constexpr uint8_t RT_RULE_LOOKUP = 1, RT_RULE_GOTO = 2, RT_RULE_NOP = 3;
+
 struct RtRule {
     uint8_t family = 4; // 4 or 6
     uint32_t preference = 0, mark = 0, mask = 0, table = 0;
+    uint32_t target = 0; // RT_RULE_GOTO: the preference at which packets go on
+    uint8_t action = RT_RULE_LOOKUP;
     auto operator<=>(const RtRule &) const = default;
 };
 

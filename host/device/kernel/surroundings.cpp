@@ -92,6 +92,14 @@ void rulesJudge(const Surroundings &around, Notices &notices) {
                                    ", which are ours (host.mark-mask " + markText(around.markMask) + ")",
                                "give one of the two other bits: host.mark-mask, or the other program's mask"});
         }
+        const uint32_t first = around.firstPreference[rule.family == 6];
+        if (first != 0 && rule.preference >= first && rule.preference < around.lastPreference[rule.family == 6]) {
+            notices.push_back({"rule-among",
+                               place + " of another program stands among ours, " + std::to_string(first) + " to " +
+                                   std::to_string(around.lastPreference[rule.family == 6]) +
+                                   ": packets are compared with all of them, which costs time",
+                               "give it another preference, or host.rule-preference one behind it"});
+        }
         const bool isAsked = rule.iif.empty() || std::any_of(around.bound.begin(), around.bound.end(), [&](const auto &bound) {
             return bound.ifName == rule.iif;
         });

@@ -65,6 +65,7 @@ struct Surroundings {
     std::optional<int> rpFilterAll;
     uint32_t markMask = 0;
     uint32_t lastPreference[2] = {};      // of our rules, IPv4, IPv6; 0: we have none
+    uint32_t firstPreference[2] = {};     // likewise, of those that gotos lead over; 0: there are none
     uint32_t repairs = 0;                 // drift repaired within the last minute
 };
 

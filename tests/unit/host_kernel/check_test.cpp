@@ -323,6 +323,16 @@ TEST(SurroundingsTest, OnlyARuleBeforeOursTakesPacketsFromUs) {
     EXPECT_EQ(codesOf(around), std::vector<std::string>{}) << "we have no rule that could be missed";
 }
 
+TEST(SurroundingsTest, ARuleAmongOursCostsTimeWhereGotosWouldLeadPastIt) {
+    Surroundings around = healthy();
+    around.firstPreference[0] = 15000;
+    around.rules = {{4, 14999, 9, 15, 77, false, ""}, {4, 15000, 9, 15, 77, false, ""}, {4, 15002, 9, 15, 77, false, ""},
+                    {4, 15003, 9, 15, 77, false, ""}, {6, 15001, 9, 15, 77, false, ""}};
+    EXPECT_EQ(codesOf(around), (std::vector<std::string>{"rule-among", "rule-among"}));
+    around.firstPreference[0] = 0;
+    EXPECT_EQ(codesOf(around), std::vector<std::string>{});
+}
+
 TEST(SurroundingsTest, ARemoteNextHopOfAWorkingNetworkIsInOrder) {
     Surroundings around = healthy();
     around.addresses = {{7, "up2", false, 4, address("198.51.100.254"), 24}};
