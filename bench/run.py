@@ -3,7 +3,7 @@
 
     bench/run.py [--quick | --smoke] [--part forward,...] [--device kernel,ebpf] [--no-frr] [--cpu N] [--folder DIR] [--docs]
 
-Results are written to DIR/results.json after each part (build/bench), and parts of an earlier run stay there until they
+Results are written to DIR/results.json after each part (DIR: build/bench/full, .../quick or .../smoke), and parts of an earlier run stay there until they
 are measured again, so that one part can be repeated. DIR/report.md and its pictures are made of it; --docs also puts
 them into docs/performance.md. Run as root: packets are made by a BPF program.
 """
@@ -15,9 +15,9 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kit import carriers, frr, forward, lab, report  # noqa: E402
+from kit import carriers, failover, forward, frr, lab, report  # noqa: E402
 
-PARTS = ("forward",)
+PARTS = ("forward", "failover")
 
 
 def say(text):
@@ -33,9 +33,10 @@ def arguments():
     parser.add_argument("--device", default="kernel,ebpf", help="devices of policyrouted; what this build does not have is left out")
     parser.add_argument("--no-frr", action="store_true", help="without FRR's pbrd")
     parser.add_argument("--cpu", type=int, default=(os.cpu_count() or 1) - 1, help="processor of the packets")
-    parser.add_argument("--folder", default=os.path.join(lab.ROOT, "build", "bench"))
+    parser.add_argument("--folder", help="where results and report go")
     parser.add_argument("--docs", action="store_true")
     given = parser.parse_args()
+    given.folder = given.folder or os.path.join(lab.ROOT, "build", "bench", given.pace)
     unknown = set(given.part.split(",")) - set(PARTS)
     if unknown:
         parser.error("no such part: " + ", ".join(sorted(unknown)))
@@ -78,6 +79,8 @@ def measure(part, carried, given):
             return bench.run()
         finally:
             bench.close()
+    if part == "failover":
+        return failover.Failover(carried, getattr(failover, given.pace)(), say).run()
     raise AssertionError(part)
 
 

@@ -75,6 +75,17 @@ class Policyroute:
             raise Broken(f"{self.title}: {device['state']}, {len(device['entries'])} entries of {count}, "
                          f"{len(missing)} not installed: {missing[:1]}")
 
+    def settle(self, count, seconds=20.0):
+        """Waits until all nodes are in the kernel: their next hops have answered."""
+        end = time.monotonic() + seconds
+        while True:
+            try:
+                return self.whole(count)
+            except Broken:
+                if time.monotonic() > end:
+                    raise
+                time.sleep(0.05)
+
     def remove(self):
         """Ends the process and takes what it installed out of the kernel."""
         if self.daemon is None:

@@ -114,7 +114,7 @@ class Frr:
     def can(self, kind, _family, _count):
         return None if kind == "single" else "its kernel rules do not compare ports"
 
-    def configuration(self, family, count, ways=("upa",)):
+    def configuration(self, family, count, ways=("upa",), last=None):
         """Lines: one next-hop group, and the sequences on as many maps as it takes, the last of them on lan0."""
         lines = ["nexthop-group ways"]
         lines += [f" nexthop {UPLINKS[up][1 if family == 4 else 3]}" for up in ways] + ["exit"]
@@ -123,8 +123,8 @@ class Frr:
             # Maps of interfaces without traffic hold what is before the last 700.
             name, sequence = (f"m{(number - 1) // MOST}", (number - 1) % MOST + 1) if number <= elsewhere else \
                 ("wan", number - elsewhere)
-            lines += [f"pbr-map {name} seq {sequence}",
-                      f" match src-ip {policies.rule('single', family, number)['src']}", " set nexthop-group ways", "exit"]
+            source = last if last and number == count else policies.rule("single", family, number)["src"]
+            lines += [f"pbr-map {name} seq {sequence}", f" match src-ip {source}", " set nexthop-group ways", "exit"]
         for other in range((elsewhere + MOST - 1) // MOST):
             lines += [f"interface other{other}", f" pbr-policy m{other}", "exit"]
         return lines + ["interface lan0", " pbr-policy wan", "exit"]
@@ -142,11 +142,11 @@ class Frr:
     def rules(self, family):
         return netlab.run(f"ip -{family} rule show", self.router.name).stdout.count("proto zebra")
 
-    def install(self, kind, family, count, by_shell=False, ways=("upa",), seconds=60):
+    def install(self, kind, family, count, by_shell=False, ways=("upa",), last=None, seconds=60):
         """Result: seconds until the kernel has all rules."""
         self.add_interfaces(count)
         self.start()
-        lines = self.configuration(family, count, ways)
+        lines = self.configuration(family, count, ways, last)
         begin = time.monotonic()
         if by_shell:
             self.shell(lines)

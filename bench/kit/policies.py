@@ -12,6 +12,7 @@ KINDS = {
     "ranges": "four fields: source and destination prefixes, source and destination port ranges",
 }
 WITH_NEXT_HOPS = 1000
+ANY = {"src": None, "dst": None, "sport": None, "dport": None}
 
 
 def rule(kind, family, number):
@@ -66,20 +67,19 @@ def words(fields):
     return (f"permit udp from {fields['src'] or 'any'}{ports('sport')} to {fields['dst'] or 'any'}{ports('dport')}")
 
 
-def text(kind, family, count, ways=("upa",), interface="lan0", ways_of=None, hops_of=None):
-    """The policy file. `ways` are the uplinks that nodes go by; `ways_of(number)` those of one node instead, or
-    `hops_of(number)` its next hops."""
+def text(kind, family, count, ways=("upa",), interface="lan0", hops_of=None, last=None):
+    """The policy file. `ways` are the uplinks that nodes go by, or `hops_of(number)` the next hops of one, as YAML; `last` is
+    the source prefix of the last node, in place of its own rule."""
     acls, nodes, hops = [], [], 0
     for number in range(1, count + 1):
         if has_next_hops(number, count):
             hops += 1
             acl = (1000 if family == 4 else 3000) + hops
-            addresses = hops_of(number) if hops_of else [UPLINKS[up][1 if family == 4 else 3] for up in
-                                                         (ways_of(number) if ways_of else ways)]
-            target = "next-hops: [" + ", ".join(f'"{each}"' if isinstance(each, str) and each[0] != "{" else each
-                                                for each in addresses) + "]"
+            addresses = hops_of(number) if hops_of else [UPLINKS[up][1 if family == 4 else 3] for up in ways]
+            target = "next-hops: [" + ", ".join(each if each[0] == "{" else f'"{each}"' for each in addresses) + "]"
         else:
             acl, target = 5000 + number, "interface: upc"
-        acls.append(f'  {acl}: {{10: "{words(rule(kind, family, number))}"}}\n')
+        fields = {**ANY, "src": last} if last and number == count else rule(kind, family, number)
+        acls.append(f'  {acl}: {{10: "{words(fields)}"}}\n')
         nodes.append(f"    {number}: {{acl: {acl}, {target}}}\n")
     return f"acls:\n{''.join(acls)}lists:\n  wan:\n{''.join(nodes)}bindings:\n  {interface}: wan\n"

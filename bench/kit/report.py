@@ -2,6 +2,7 @@
 import os
 
 from kit import plot, policies, stats
+from kit.failover import EVENTS
 from kit.forward import PATTERNS
 
 BEGIN, END = "<!-- report: begin (written by scripts/bench.sh --docs) -->", "<!-- report: end -->"
@@ -32,7 +33,7 @@ def insert(path, text):
 def compose(results, prefix):
     """Result: the text, and pictures by file name."""
     lines, pictures = [], {}
-    for part, section in (("forward", forwarding),):
+    for part, section in (("forward", forwarding), ("failover", failing_over)):
         if part in results:
             lines += section(results[part], prefix, pictures) + [""]
     return "\n".join(lines), pictures
@@ -105,7 +106,34 @@ def number(ratio):
     return f"{ratio:.2f}" if ratio >= 0.1 else f"{ratio:.3f}"
 
 
+def failing_over(part, _prefix, _pictures):
+    found = part["found"]
+    rows = []
+    for event, title in EVENTS.items():
+        for each in found:
+            if each["event"] == event and "seconds" in each:
+                rows.append([title, TITLES.get(each["carrier"], each["carrier"]), f"{each['nodes']:,}", each["sets"],
+                             spans(each["seconds"], "never"), spans(each["written"], "nothing seen"),
+                             f"{stats.median(each['lost']):,.0f} (most {max(each['lost']):,})",
+                             f"{stats.median(each['other']):,.0f}", f"{each['interval']:,} us"])
+    return ["## Failover", ""] + where(part) + [
+        "", "Median and most of the rounds, from the kernel's notice of a link (else from the moment that the next hop falls silent or "
+        "is cut off) until packets arrive by the second choice, or after *back* by the first one; of FRR's, by the routing table's "
+        "way. *Other* packets arrived by neither: while the daemon was not there yet, the kernel routed them as usual.", ""] + stats.table(
+        ["event", "with", "nodes", "sets of next hops", "packets change their way after", "last change in the kernel after", "lost", "other",
+         "packets each"], rows) + reasons([each for each in found if "skipped" in each])
+
+
+def spans(values, otherwise):
+    known = [value for value in values if value is not None]
+    if not known:
+        return otherwise
+    text = f"{stats.duration(stats.median(known))} ({stats.duration(max(known))})"
+    return text if len(known) == len(values) else f"{text}; {len(values) - len(known)} of {len(values)}: {otherwise}"
+
+
 def reasons(rows):
     """Why there is a dash, each reason once."""
-    told = dict.fromkeys(f"{TITLES.get(each['carrier'], each['carrier'])}: {each['skipped']}" for each in rows if "skipped" in each)
+    told = dict.fromkeys(f"{TITLES.get(each['carrier'], each['carrier'])}" + (f", {EVENTS[each['event']]}" if "event" in each else "") +
+                         f": {each['skipped']}" for each in rows if "skipped" in each)
     return [""] + ["- " + reason for reason in told] if told else []
