@@ -138,9 +138,10 @@ void receive(int socket, const std::atomic<bool> &stop, std::vector<Arrival> &ar
 std::vector<double> send(int socket, const sockaddr *to, socklen_t size, double interval, double seconds, double &late) {
     std::vector<double> sent;
     const double begin = now();
-    for (double due = begin; due < begin + seconds; due = begin + static_cast<double>(sent.size()) * interval) {
+    const auto packets = static_cast<uint32_t>(seconds / interval);
+    for (uint32_t number = 0; number < packets; ++number) {
+        const double due = begin + number * interval;
         sleepUntil(due);
-        const auto number = static_cast<uint32_t>(sent.size());
         sent.push_back(now());
         late = std::max(late, sent.back() - due);
         (void)sendto(socket, &number, sizeof(number), 0, to, size); // what the sender cannot send is lost too

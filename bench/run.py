@@ -3,9 +3,9 @@
 
     bench/run.py [--quick | --smoke] [--part forward,...] [--device kernel,ebpf] [--no-frr] [--cpu N] [--folder DIR] [--docs]
 
-Results are written to DIR/results.json after each part (DIR: build/bench/full, .../quick or .../smoke), and parts of an earlier run stay there until they
-are measured again, so that one part can be repeated. DIR/report.md and its pictures are made of it; --docs also puts
-them into docs/performance.md. Run as root: packets are made by a BPF program.
+Results are written to DIR/results.json after each part (DIR: build/bench/full, .../quick or .../smoke), and parts of an
+earlier run stay there until they are measured again, so that one part can be repeated. DIR/report.md and its pictures are
+made of it; --docs also puts them into docs/performance.md. Run as root: packets are made by a BPF program.
 """
 import argparse
 import json
@@ -15,9 +15,9 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kit import carriers, failover, forward, frr, lab, report  # noqa: E402
+from kit import apply, carriers, failover, forward, frr, lab, report  # noqa: E402
 
-PARTS = ("forward", "failover")
+PARTS = ("forward", "failover", "apply")
 
 
 def say(text):
@@ -81,6 +81,12 @@ def measure(part, carried, given):
             bench.close()
     if part == "failover":
         return failover.Failover(carried, getattr(failover, given.pace)(), say).run()
+    if part == "apply":
+        bench = apply.Apply(carried, getattr(apply, given.pace)(), say)
+        try:
+            return bench.run()
+        finally:
+            bench.close()
     raise AssertionError(part)
 
 

@@ -1,5 +1,6 @@
 """What carries a policy in a router: nothing, policyroute with one of its devices, or FRR's pbrd (frr.py)."""
 import os
+import resource
 import subprocess
 import time
 
@@ -67,6 +68,13 @@ class Policyroute:
         if done.returncode:
             raise Broken(f"{self.title}: {(done.stdout + done.stderr).strip().splitlines()[-1]}")
         return time.monotonic() - begin
+
+    def cpu(self):
+        """Processor seconds of the daemon, and of the tools that ran so far."""
+        with open(f"/proc/{self.daemon.process.pid}/stat") as file:
+            words = file.read().rsplit(")", 1)[1].split()
+        tools = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return (int(words[11]) + int(words[12])) / os.sysconf("SC_CLK_TCK") + tools.ru_utime + tools.ru_stime
 
     def whole(self, count):
         device = self.daemon.json("show", "device")

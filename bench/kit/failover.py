@@ -74,14 +74,22 @@ def until_way(router, wanted, seconds=20.0):
             raise Broken(f"{router.name}: packets do not go by {wanted} after {seconds:g} s")
 
 
-def policy(count, sets, probe=False):
-    """Nodes by source prefixes; the last one is the sender's own address."""
+def next_hops(number, count, sets):
+    """The two next hops of node `number` of `count`, the better one first."""
+    if sets == "different":
+        row = 32 if count <= 1024 else 100
+        return [f"198.51.100.{128 + (number - 1) % row}", f"100.64.0.{128 + (number - 1) // row % row}"]
+    return [UPLINKS[FIRST][1], UPLINKS[SECOND][1]]
+
+
+def policy(count, sets, probe=False, turned=None):
+    """Nodes by source prefixes; the last one is the sender's own address. Node `turned` has its next hops the other way
+    round; with `probe` all first choices are guarded."""
     def hops(number):
-        if sets == "different":
-            row = 32 if count <= 1024 else 100
-            return [f"198.51.100.{128 + (number - 1) % row}", f"100.64.0.{128 + (number - 1) // row % row}"]
-        first = f'{{address: "{UPLINKS[FIRST][1]}", probe: ops/a}}' if probe else UPLINKS[FIRST][1]
-        return [first, UPLINKS[SECOND][1]]
+        first, second = next_hops(number, count, sets)
+        if number == turned:
+            return [second, first]
+        return [f'{{address: "{first}", probe: ops/a}}' if probe else first, second]
 
     probes = f"probes:\n  ops/a: {{icmp: {PROBED}, via: next-hop, interval: 100ms, timeout: 80ms, down-after: 3}}\n" if probe else ""
     return probes + policies.text("single", 4, count, hops_of=hops, last=LANS["lan0"][0] + "/32")
@@ -96,7 +104,7 @@ class Failover:
         other way, "written" until the last change in the kernel (None: not seen), "lost", "other" packets that went
         elsewhere, "interval" between packets} or "skipped": why."""
         for carrier in self.carried:
-            self._prepare(carrier.router)
+            self.prepare(carrier.router)
             gone = None
             for count, sets, events, rounds in self.plan.points:
                 for speed in self._speeds(carrier, events):
@@ -119,7 +127,8 @@ class Failover:
         return [DEFAULT, FASTEST]
 
     @staticmethod
-    def _prepare(router):
+    def prepare(router):
+        """Beyond what a router of lab.py has: a sender that knows its way, and next hops for different sets."""
         for lan, (v4, _) in LANS.items():
             if lan == "lan0":
                 netlab.run(f"ip route replace default via {v4[:-2]}1", router.sender)

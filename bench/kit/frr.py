@@ -58,7 +58,7 @@ class Frr:
         self.router = Router("frr")
         self.folder = tempfile.mkdtemp(prefix="frr-")
         os.chmod(self.folder, 0o755)
-        self.processes, self.socket, self.others = {}, None, 0
+        self.processes, self.socket, self.others, self.lines = {}, None, 0, []
         self._names()
         self.log = open(os.path.join(self.folder, "log"), "w+")
 
@@ -144,9 +144,16 @@ class Frr:
 
     def install(self, kind, family, count, by_shell=False, ways=("upa",), last=None, seconds=60):
         """Result: seconds until the kernel has all rules."""
+        self.prepare(count)
+        return self.configure(family, count, by_shell, ways, last, seconds)
+
+    def prepare(self, count):
+        """The processes run, and interfaces are there for as many nodes."""
         self.add_interfaces(count)
         self.start()
-        lines = self.configuration(family, count, ways, last)
+
+    def configure(self, family, count, by_shell=False, ways=("upa",), last=None, seconds=60):
+        lines = self.lines = self.configuration(family, count, ways, last)
         begin = time.monotonic()
         if by_shell:
             self.shell(lines)
@@ -155,6 +162,12 @@ class Frr:
                 self.tell(line)
         self._until(lambda: self.rules(family) >= count, f"not all {count:,} rules in the kernel after {seconds} s", seconds)
         return time.monotonic() - begin
+
+    def change(self, number):
+        """The last sequence of lan0's map gets another source, to and fro; returns when it is answered."""
+        sequence = max(int(line.split()[-1]) for line in self.lines if line.startswith("pbr-map wan seq"))
+        for line in (f"pbr-map wan seq {sequence}", f"match src-ip 10.0.0.{(20, 10)[number % 2]}/32", "exit"):
+            self.tell(line)
 
     def shell(self, lines):
         path = os.path.join(self.folder, "policy.conf")

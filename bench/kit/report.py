@@ -2,6 +2,7 @@
 import os
 
 from kit import plot, policies, stats
+from kit.apply import KINDS
 from kit.failover import EVENTS
 from kit.forward import PATTERNS
 
@@ -33,7 +34,7 @@ def insert(path, text):
 def compose(results, prefix):
     """Result: the text, and pictures by file name."""
     lines, pictures = [], {}
-    for part, section in (("forward", forwarding), ("failover", failing_over)):
+    for part, section in (("forward", forwarding), ("failover", failing_over), ("apply", applying)):
         if part in results:
             lines += section(results[part], prefix, pictures) + [""]
     return "\n".join(lines), pictures
@@ -112,7 +113,8 @@ def failing_over(part, _prefix, _pictures):
     for event, title in EVENTS.items():
         for each in found:
             if each["event"] == event and "seconds" in each:
-                rows.append([title, TITLES.get(each["carrier"], each["carrier"]), f"{each['nodes']:,}", each["sets"],
+                carrier = TITLES.get(each["carrier"], each["carrier"])
+                rows.append([title, carrier, f"{each['nodes']:,}", each["sets"],
                              spans(each["seconds"], "never"), spans(each["written"], "nothing seen"),
                              f"{stats.median(each['lost']):,.0f} (most {max(each['lost']):,})",
                              f"{stats.median(each['other']):,.0f}", f"{each['interval']:,} us"])
@@ -120,8 +122,49 @@ def failing_over(part, _prefix, _pictures):
         "", "Median and most of the rounds, from the kernel's notice of a link (else from the moment that the next hop falls silent or "
         "is cut off) until packets arrive by the second choice, or after *back* by the first one; of FRR's, by the routing table's "
         "way. *Other* packets arrived by neither: while the daemon was not there yet, the kernel routed them as usual.", ""] + stats.table(
-        ["event", "with", "nodes", "sets of next hops", "packets change their way after", "last change in the kernel after", "lost", "other",
-         "packets each"], rows) + reasons([each for each in found if "skipped" in each])
+        ["event", "with", "nodes", "sets of next hops", "packets change their way after", "last change in the kernel after",
+         "lost", "other", "packets each"], rows) + reasons([each for each in found if "skipped" in each])
+
+
+def applying(part, _prefix, _pictures):
+    found = [each for each in part["found"] if "seconds" in each]
+    lines = ["## Applying", ""] + where(part) + [
+        "", "Medians: until it is answered / until the last change in the kernel. *Only the kernel's writes* is a loop that sends again "
+        "what the daemon had sent for the file, byte by byte, and waits for nothing else. FRR's rows: its shell with a file, and "
+        "its own socket; its rules only."]
+    sizes = list(dict.fromkeys((each["nodes"], each["sets"]) for each in found))
+    cells = {(each["carrier"], each["kind"], each["nodes"], each["sets"]): each for each in found}
+    for carrier in dict.fromkeys(each["carrier"] for each in found):
+        rows = []
+        for kind, title in KINDS.items():
+            own = [cells.get((carrier, kind, *size)) for size in sizes]
+            if any(own):
+                rows.append([title] + [both(each) for each in own])
+        pairs = [(cells.get((carrier, "socket", *size)), cells.get((carrier, "bare", *size))) for size in sizes]
+        if any(a and b for a, b in pairs):
+            rows.append(["*open sockets : only the kernel's writes*"] + [f"*{until_kernel(a) / until_kernel(b):.1f}*" if a and b else ""
+                                                                         for a, b in pairs])
+        exponents = [f"{title}: {growth:.2f}" for kind, title in KINDS.items() if (growth := stats.growth(
+            [(n, until_kernel(cells[carrier, kind, n, sets])) for n, sets in sizes
+             if sets == "shared" and n >= 1000 and (carrier, kind, n, sets) in cells])) is not None]
+        lines += ["", f"### {TITLES.get(carrier, carrier)}", ""] + stats.table(
+            ["nodes, sets of next hops"] + [f"{n:,} {sets}" for n, sets in sizes], rows)
+        if exponents:
+            lines += ["", "Growth from 1,000 nodes on (time ~ N^e): " + "; ".join(exponents) + "."]
+    return lines + reasons([each for each in part["found"] if "skipped" in each])
+
+
+def until_kernel(each):
+    """Until the kernel has it, or until it is answered where no change is seen."""
+    return max(stats.median(each["seconds"]), stats.median([value or 0 for value in each["written"]]))
+
+
+def both(each):
+    if each is None:
+        return ""
+    written = [value for value in each["written"] if value is not None]
+    text = stats.duration(stats.median(each["seconds"]))
+    return f"{text} / {stats.duration(stats.median(written))}" if written and each["kind"] != "bare" else text
 
 
 def spans(values, otherwise):
@@ -134,6 +177,9 @@ def spans(values, otherwise):
 
 def reasons(rows):
     """Why there is a dash, each reason once."""
-    told = dict.fromkeys(f"{TITLES.get(each['carrier'], each['carrier'])}" + (f", {EVENTS[each['event']]}" if "event" in each else "") +
-                         f": {each['skipped']}" for each in rows if "skipped" in each)
+    def line(each):
+        event = f", {EVENTS[each['event']]}" if "event" in each else ""
+        return f"{TITLES.get(each['carrier'], each['carrier'])}{event}: {each['skipped'].strip()}"
+
+    told = dict.fromkeys(line(each) for each in rows if "skipped" in each)
     return [""] + ["- " + reason for reason in told] if told else []
