@@ -15,9 +15,9 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kit import apply, carriers, failover, forward, frr, lab, report  # noqa: E402
+from kit import apply, carriers, daemon, failover, forward, frr, lab, report  # noqa: E402
 
-PARTS = ("forward", "failover", "apply")
+PARTS = ("forward", "failover", "apply", "daemon")
 
 
 def say(text):
@@ -87,6 +87,8 @@ def measure(part, carried, given):
             return bench.run()
         finally:
             bench.close()
+    if part == "daemon":
+        return daemon.run(given.pace, say)
     raise AssertionError(part)
 
 

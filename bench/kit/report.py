@@ -34,7 +34,7 @@ def insert(path, text):
 def compose(results, prefix):
     """Result: the text, and pictures by file name."""
     lines, pictures = [], {}
-    for part, section in (("forward", forwarding), ("failover", failing_over), ("apply", applying)):
+    for part, section in (("forward", forwarding), ("failover", failing_over), ("apply", applying), ("daemon", operations)):
         if part in results:
             lines += section(results[part], prefix, pictures) + [""]
     return "\n".join(lines), pictures
@@ -152,6 +152,43 @@ def applying(part, _prefix, _pictures):
         if exponents:
             lines += ["", "Growth from 1,000 nodes on (time ~ N^e): " + "; ".join(exponents) + "."]
     return lines + reasons([each for each in part["found"] if "skipped" in each])
+
+
+OPERATIONS = {
+    "peerReportOfOneNode": "peer report, one next hop is it",
+    "peerReportOfTenNodes": "peer report, ten next hops are it",
+    "peerReportOfAStranger": "peer report, none is it",
+    "updateRunWithOneChange": "update run with one change",
+    "redirectViewOfTheList": "view of a bound list",
+    "listLookUp": "list look-up, the last",
+    "nodeLookUp": "node look-up, the last",
+    "aclInUseCheck": "ACL-in-use check, not used",
+    "nqaUseCheck": "probe-use check, not used",
+    "nodeGet": "node get, the last",
+    "nodeSet": "node set, the last",
+    "nextHopGet": "next-hop get, the last",
+    "nodeWalkStep": "step of a walk, to the last",
+}
+
+
+def operations(part, _prefix, _pictures):
+    sizes = sorted({each["records"] for each in part["found"]})
+    cells = {(each["operation"], each["records"]): stats.median(each["seconds"]) for each in part["found"]}
+    rows = []
+    for operation in dict.fromkeys(each["operation"] for each in part["found"]):
+        own = [(n, cells[operation, n]) for n in sizes if (operation, n) in cells]
+        growth = stats.growth([(n, time) for n, time in own if n >= 1000])
+        rows.append([OPERATIONS.get(operation, operation)] + [
+            nanoseconds(cells[operation, n]) if (operation, n) in cells else "" for n in sizes] +
+            ["" if growth is None else f"{growth:.2f}"])
+    return ["## The daemon's own operations", ""] + where(part) + [
+        "", "Processor time of one operation by the number of nodes (of lists for list look-ups), each with two next hops, on the fake "
+        "platform; medians. The exponent e is that of the best fit time ~ N^e from 1,000 on.", ""] + stats.table(
+        ["operation"] + [f"{n:,}" for n in sizes] + ["e"], rows)
+
+
+def nanoseconds(seconds):
+    return f"{stats.three(seconds * 1e9)} ns" if seconds < 1e-6 else stats.duration(seconds)
 
 
 def until_kernel(each):
