@@ -297,9 +297,9 @@ void showAdd(CLI::App &app, Context &context) {
 void explainAdd(CLI::App &app, Context &context) {
     CLI::App *pSub = app.add_subcommand("explain", "What would happen to a packet, and why");
     auto pOptions = holder<ExplainOptions>();
-    pSub->add_option("--in", pOptions->interface, "Interface it enters through: name, or unit:N")->required();
-    pSub->add_option("--src", pOptions->source, "Source address")->required();
-    pSub->add_option("--dst", pOptions->destination, "Destination address")->required();
+    pSub->add_option("--in", pOptions->interface, "Interface it enters through: name, or unit:N");
+    pSub->add_option("--src", pOptions->source, "Source address");
+    pSub->add_option("--dst", pOptions->destination, "Destination address");
     pSub->add_option("--proto", pOptions->protocol, "tcp, udp, icmp ... or 0 to 255");
     pSub->add_option("--sport", pOptions->sourcePort, "Source port")->check(CLI::Range(0, 65535));
     pSub->add_option("--dport", pOptions->destinationPort, "Destination port")->check(CLI::Range(0, 65535));
@@ -312,6 +312,12 @@ void explainAdd(CLI::App &app, Context &context) {
     pSub->add_option("--mark", pOptions->mark, "Mark that another program gave it; default 0");
     pSub->add_flag("--fragment", pOptions->fragment, "A later fragment");
     pSub->add_flag("--verbose", pOptions->verbose, "Also every node and rule that was looked at");
+    CLI::Option *pCost = pSub->add_flag("--cost", pOptions->cost, "No packet: what its policy costs an interface's packets at most");
+    const auto isOfAPacket = [&](const CLI::Option *pEach) { return pEach != pCost && pEach->get_name() != "--help"; };
+    for (CLI::Option *pOther : pSub->get_options(isOfAPacket)) {
+        pCost->excludes(pOther);
+    }
+    pSub->add_option("interface", pOptions->costInterface, "With --cost: this interface alone; default each");
     runs(context, pSub, [=, &context] { explain(context.daemon(), *pOptions, context.json, context.out); });
 }
 

@@ -139,7 +139,83 @@ json hopsOf(Daemon &daemon, const Running &running, const json &answer) {
     return hops;
 }
 
+std::string counted(size_t count, const char *pThing) {
+    return std::to_string(count) + " " + pThing + (count == 1 ? "" : "s");
+}
+
+std::string wordsOf(const json &texts) {
+    std::string joined;
+    for (const json &text : texts) {
+        joined += (joined.empty() ? "" : ", ") + cellText(text);
+    }
+    return joined;
+}
+
+void costStepWrite(const json &step, bool isFlat, std::ostream &out) {
+    const size_t rules = step["rules"].get<size_t>();
+    if (isFlat && step["elements"] != 0) {
+        out << "  " << cellText(step["kind"]) << " (" << wordsOf(step["fields"]) << "): " << counted(rules, "rule") << " in "
+            << counted(step["elements"].get<size_t>(), "element") << "\n";
+        return;
+    }
+    const std::string reason = cellText(step["reason"]);
+    out << "  one by one: " << counted(rules, "rule") << (reason.empty() || reason == "-" ? "" : ": " + reason) << "\n";
+    for (const json &place : step["first"]) {
+        out << "    node " << cellText(place["node"]) << " rule " << cellText(place["rule"]) << ": " << cellText(place["text"]) << "\n";
+    }
+    if (step["first"].size() < rules && !step["first"].empty()) {
+        out << "    and " << rules - step["first"].size() << " more\n";
+    }
+}
+
+void explainCost(Daemon &daemon, const std::string &interface, bool asJson, std::ostream &out) {
+    json request = json::object();
+    if (!interface.empty()) {
+        const std::optional<uint32_t> unit = interfacesOf(daemon).unitOf(interface);
+        if (!unit) {
+            throw Usage("interface '" + interface + "' does not exist");
+        }
+        request["unit"] = *unit;
+    }
+    json answer = daemon.mgmt("device.costs", request);
+    answer.erase("ok");
+    if (!interface.empty() && answer["costs"].empty() && !answer.contains("note")) {
+        throw Refused("no list is bound to interface " + interface +
+                      ", or none of its nodes asks anything: its packets are not compared with any. What to do: 'pbrctl show "
+                      "bindings' tells which are bound");
+    }
+    if (asJson) {
+        out << answer.dump(2, ' ', false, json::error_handler_t::replace) << "\n";
+    } else {
+        out << costText(answer);
+    }
+}
+
 } // namespace
+
+std::string costText(const json &answer) {
+    std::stringstream out;
+    for (const json &cost : answer["costs"]) {
+        const json &routing = cost["routingRules"];
+        out << cellText(cost["interface"]) << ", IPv" << cellText(cost["ipVersion"]) << ", list " << wordsOf(cost["lists"]) << ": at most "
+            << counted(cost["mostLookUps"].get<size_t>(), "look-up") << " and " << counted(cost["mostRules"].get<size_t>(), "rule")
+            << " one by one\n";
+        const std::string why = cost.value("why", "");
+        out << (why.empty() ? "" : "  no maps: " + why + "\n");
+        for (const json &step : cost["steps"]) {
+            costStepWrite(step, cost["flat"].get<bool>(), out);
+        }
+        out << "  decisions: " << cellText(routing["decisions"]) << "; at most "
+            << counted(routing["steered"].get<size_t>(), "routing rule") << " for a packet that is steered, "
+            << cellText(routing["unsteered"]) << " for any other of this IP version, on any interface\n";
+    }
+    if (answer.contains("note")) {
+        out << "note: " << answer["note"].get<std::string>() << "\n";
+    } else if (answer["costs"].empty()) {
+        out << "no list is bound to an interface\n";
+    }
+    return out.str();
+}
 
 json explainRequest(const ExplainOptions &options, uint32_t unit) {
     json request = {{"unit", unit}, {"source", options.source}, {"destination", options.destination}};
@@ -202,6 +278,20 @@ std::string explainText(const json &answer, bool verbose) {
 }
 
 void explain(Daemon &daemon, const ExplainOptions &options, bool asJson, std::ostream &out) {
+    if (options.cost) {
+        explainCost(daemon, options.costInterface, asJson, out);
+        return;
+    }
+    if (!options.costInterface.empty()) {
+        throw Usage("an interface without --in: write --cost " + options.costInterface + " to ask what it costs");
+    }
+    const std::pair<const char *, const std::string *> needed[] = {
+        {"--in", &options.interface}, {"--src", &options.source}, {"--dst", &options.destination}};
+    for (const auto &[pName, pText] : needed) {
+        if (pText->empty()) {
+            throw Usage(std::string(pName) + " is required");
+        }
+    }
     const std::optional<uint32_t> unit = interfacesOf(daemon).unitOf(options.interface);
     if (!unit) {
         throw Usage("interface '" + options.interface + "' does not exist");

@@ -27,6 +27,8 @@ struct ExplainOptions {
     std::string sourceMac;
     std::string mark;
     bool verbose = false;
+    bool cost = false;        // no packet: what the interface (empty: each) costs its packets
+    std::string costInterface;
 };
 
 // Prints the answer. Throws Usage, Refused, NoDaemon.
@@ -38,6 +40,9 @@ nlohmann::json explainRequest(const ExplainOptions &options, uint32_t unit);
 // The answer in words: {"verdict", "nodes", ...} of device.explain, with "hops": rows of show next-hops of
 // the node that decides, when there is one. Lock: none
 std::string explainText(const nlohmann::json &answer, bool verbose);
+
+// The answer of device.costs in words. Lock: none
+std::string costText(const nlohmann::json &answer);
 
 } // namespace cli
 

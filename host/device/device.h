@@ -153,6 +153,13 @@ public:
     // "action", "nextHops", "priority", "table". Event thread.
     virtual nlohmann::json explain(const PacketQuestion &question) = 0;
 
+    // For `pbrctl explain --cost`: what a packet that enters through an interface (none: any that has a list) is compared
+    // with at most, {"costs": [{"interface", "ipVersion", "lists": [name], "flat", "why", "mostLookUps", "mostRules",
+    // "sections", "routingRules": {"decisions", "unsteered", "steered"}, "steps": [{"kind", "fields", "rules", "elements",
+    // "reason", "first": [{"node", "rule", "text"}]}]}]}; of a device that forwards nothing an empty list and "note".
+    // Event thread.
+    virtual nlohmann::json costs(std::optional<uint32_t> ifUnit);
+
     // For `pbrctl show policy-counters`: {"counters": [{"list", "node", "ipVersion", "acl", "packets", "bytes",
     // "rules": [{"rule", "text", "packets", "bytes"}]}]}; of a device that counts nothing an empty list and
     // "note". Event thread.

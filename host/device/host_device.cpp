@@ -78,6 +78,9 @@ void hostStoreAsk() {
     storeAsked() = true;
 }
 
+nlohmann::json Device::costs(std::optional<uint32_t>) {
+    return {{"costs", nlohmann::json::array()}, {"note", "this device forwards nothing and costs no packet anything"}};
+}
 nlohmann::json Device::policyCounters() {
     return {{"counters", nlohmann::json::array()}, {"note", "this device forwards nothing and counts no packets"}};
 }

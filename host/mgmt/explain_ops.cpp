@@ -70,6 +70,12 @@ json opExplain(const json &request) {
     return answer;
 }
 
+json opCosts(const json &request) {
+    mgmtArgsOnly(request, {"interface", "unit"});
+    const bool isOne = request.contains("interface") || request.contains("unit");
+    return hostDevice().costs(isOne ? std::optional(interfaceAsked(request)) : std::nullopt);
+}
+
 json opCounters(const json &request) {
     mgmtArgsOnly(request, {});
     return hostDevice().policyCounters();
@@ -116,6 +122,7 @@ PacketQuestion packetQuestionOf(const json &request) {
 
 void explainOpsRegister() {
     mgmtRegister("device.explain", false, opExplain);
+    mgmtRegister("device.costs", false, opCosts);
     mgmtRegister("device.counters", false, opCounters);
     mgmtRegister("device.countersClear", true, opCountersClear);
 }

@@ -68,6 +68,17 @@ class OnADesk(system_case.MemoryCase):
             self.assertIn("miss: it has no source MAC: it does not come in over Ethernet", text)
             self.assertIn("routed as usual: no node matches it\n", text)
 
+    def test_a_device_that_forwards_nothing_tells_no_cost(self):
+        self.assertEqual("note: this device forwards nothing and costs no packet anything\n",
+                         self.daemon.ctl("explain", "--cost", "lo").stdout)
+
+    def test_a_cost_is_asked_of_an_interface_and_not_of_a_packet(self):
+        for words in (("--cost", "nosuch0"), ("--cost", "--in", "lo"), ("--cost", "--verbose"), ("lo",), ("--in", "lo")):
+            with self.subTest(words=words):
+                refused = self.daemon.ctl("explain", *words, check=False)
+                self.assertEqual((2, ""), (refused.returncode, refused.stdout))
+                self.assertIn("pbrctl: ", refused.stderr)
+
     def test_refuses_what_is_no_packet(self):
         for words, status in ((("--src", "10.0.0.1", "--dst", "2001:db8::1"), 1), (("--src", "x", "--dst", "10.0.0.1"), 1),
                               (("--src", "10.0.0.1", "--dst", "10.0.0.2", "--proto", "tpc"), 2),
@@ -138,6 +149,57 @@ bindings: {{lan0: wan}}
         self.assertIn("comes first", said["hops"][1]["why"])
         self.daemon.ctl("counters", "clear")
         self.assertEqual(0, self.daemon.json("show", "policy-counters")["counters"][0]["packets"])
+
+
+PORTS = ", ".join(f"{n}: permit udp from any to any port {n}" for n in range(10, 40))
+COSTS = f"""
+acls:
+  1501: {{{PORTS}, 50: permit tcp from 10.0.0.0/8 to any flags syn}}
+  3501: {{10: "permit udp from 2001:db8::/32 to any port 443"}}
+lists:
+  wan:
+    10: {{acl: 1501, next-hops: [198.51.100.1]}}
+    20: {{acl: 3501, next-hops: ["2001:db8:a::1"]}}
+"""
+
+
+class Costs(system_case.LabCase):
+    def cost(self, *words, check=True):
+        return self.daemon.ctl("explain", "--cost", *words, check=check)
+
+    def test_told_by_interface_with_the_rules_that_no_map_holds(self):
+        self.daemon.apply(COSTS + "bindings: {lan0: wan}\n")
+        self.assertTrue(self.daemon.until(lambda: "decisions: 1;" in self.cost().stdout), self.cost().stdout)
+        self.assertEqual("""lan0, IPv4, list wan: at most 1 look-up and 1 rule one by one
+  map of single keys (dport): 30 rules in 30 elements
+  one by one: 1 rule: too few rules of its form stand together
+    node 10 rule 50: permit tcp from 10.0.0.0/8 to any flags syn
+  decisions: 1; at most 1 routing rule for a packet that is steered, 1 for any other of this IP version, on any interface
+lan0, IPv6, list wan: at most 0 look-ups and 1 rule one by one
+  no maps: no map comes out of its rules
+  one by one: 1 rule: too few rules of its form stand together
+    node 20 rule 10: permit udp from 2001:db8::/32 to any port 443
+  decisions: 1; at most 1 routing rule for a packet that is steered, 1 for any other of this IP version, on any interface
+""", self.cost("lan0").stdout)
+        told = json.loads(self.daemon.ctl("--json", "explain", "--cost", "lan0").stdout)["costs"]
+        self.assertEqual([("lan0", 4, 1, 1), ("lan0", 6, 0, 1)],
+                         [(each["interface"], each["ipVersion"], each["mostLookUps"], each["mostRules"]) for each in told])
+        self.assertEqual({"decisions": 1, "steered": 1, "unsteered": 1}, told[0]["routingRules"])
+
+    def test_an_interface_that_is_not_bound_costs_its_packets_no_comparison(self):
+        self.daemon.apply(COSTS + "bindings: {lan0: wan}\n")
+        refused = self.cost("lan1", check=False)
+        self.assertEqual((1, ""), (refused.returncode, refused.stdout))
+        self.assertIn("no list is bound to interface lan1", refused.stderr)
+        self.assertNotIn("lan1", self.cost().stdout)
+
+    def test_told_for_each_interface_that_a_list_is_bound_to(self):
+        self.daemon.apply(COSTS + "bindings: {lan0: wan, lan1: wan}\n")
+        self.assertEqual(["lan0, IPv4", "lan1, IPv4", "lan0, IPv6", "lan1, IPv6"],
+                         [line.split(", list")[0] for line in self.cost().stdout.splitlines() if line.startswith("lan")])
+
+    def test_without_a_policy_nothing_is_paid(self):
+        self.assertEqual("no list is bound to an interface\n", self.cost().stdout)
 
 
 if __name__ == "__main__":

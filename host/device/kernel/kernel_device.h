@@ -76,6 +76,7 @@ public:
     std::vector<DeviceNotice> warnings() override;
     nlohmann::json show() override;
     nlohmann::json explain(const PacketQuestion &question) override;
+    nlohmann::json costs(std::optional<uint32_t> ifUnit) override;
     nlohmann::json policyCounters() override;
     std::string policyCountersClear() override;
 
@@ -115,6 +116,7 @@ private:
     nlohmann::json entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const;
     nlohmann::json decisionsShow() const;
     nlohmann::json listsShow() const;
+    nlohmann::json stepsShow(const KernelCost &cost, bool isWithText) const;
     std::string passedBy(const PacketQuestion &question) const;
     void deciderShow(const ExplainNode &node, nlohmann::json &shown) const;
     uint64_t packetsOf(const std::string &list, const EntryKey &key,

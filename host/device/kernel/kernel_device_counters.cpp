@@ -40,35 +40,6 @@ json rulesShow(const NodeKey &key, const ProgramNode &node, bool isFlat, const C
 
 } // namespace
 
-// What a packet pays for a list: look-ups and rules that it is compared with until no node has matched.
-json KernelDevice::listsShow() const {
-    json shown = json::array();
-    for (const KernelCost &cost : plane_.model().costs()) {
-        json steps = json::array();
-        size_t maps = 0, linear = 0;
-        for (const KernelStep &step : cost.steps) {
-            const bool isMap = cost.isFlat && step.kind != ClassStepKind::Linear;
-            (isMap ? maps : linear) += isMap ? 1 : step.rules;
-            json fields = json::array(), places = json::array();
-            for (const ClassField field : step.fields) {
-                fields.push_back(classFieldName(field));
-            }
-            for (const auto &[node, rule] : step.places) {
-                places.push_back({{"node", node}, {"rule", rule}});
-            }
-            steps.push_back({{"kind", classStepText(step.kind)}, {"fields", std::move(fields)}, {"rules", step.rules},
-                             {"elements", step.cells}, {"reason", step.reason}, {"first", std::move(places)}});
-        }
-        const std::string why = !cost.refused.empty()  ? "the kernel refused the maps: " + cost.refused
-                                : cost.steps.empty() ? "no rules, or its interfaces do not all ask the same nodes of it alone"
-                                : cost.isFlat        ? ""
-                                                     : "no map comes out of its rules";
-        shown.push_back({{"list", cost.list}, {"ipVersion", cost.family}, {"flat", cost.isFlat}, {"why", why},
-                         {"mostLookUps", maps}, {"mostRules", linear}, {"sections", cost.sections}, {"steps", std::move(steps)}});
-    }
-    return shown;
-}
-
 json KernelDevice::policyCounters() {
     Counts counts;
     const std::string error = readers_ == nullptr ? "" : nftCountsRead(readers_->nft, "", &counts);

@@ -70,6 +70,13 @@ struct KernelCost {
     std::vector<KernelStep> steps; // in their order; none: its interfaces do not all ask the same nodes of it alone
 };
 
+// What an interface asks of its packets in a family.
+struct KernelAsked {
+    std::string ifName;
+    uint8_t family = 4;
+    std::vector<NodeKey> nodes; // in their order, those that are left out not among them
+};
+
 class KernelModel {
 public:
     explicit KernelModel(const KernelOptions &options) : decisions_(options), options_(options) {}
@@ -114,6 +121,7 @@ public:
     bool isDropped(const NodeKey &key) const;      // its packets are dropped now
     bool isFlat(const std::string &list, int family) const; // looked up in maps
     std::vector<KernelCost> costs() const; // of all lists, as they were planned last
+    std::vector<KernelAsked> asked() const; // by all interfaces that ask something
     std::string refusedOf(const NodeKey &key) const; // why the node's rules are left out; empty: they are not
 
 private:

@@ -137,6 +137,14 @@ std::vector<KernelCost> KernelModel::costs() const {
     return found;
 }
 
+std::vector<KernelAsked> KernelModel::asked() const {
+    std::vector<KernelAsked> found;
+    for (const auto &[key, interface] : interfaces_) {
+        found.push_back({key.second, key.first, askedNodes(interface)});
+    }
+    return found;
+}
+
 void KernelModel::flatSet(const ListKey &key, const std::set<NodeKey> &changed) {
     std::vector<FlatPlace> places = flatPlaces(key);
     Flat &flat = flats_[key];

@@ -91,6 +91,13 @@ public:
     // more)"; empty: nothing that differences has words for.
     std::string driftText() const;
 
+    // With how many routing rules of ours packets of a family are compared now, at most: those without a mark, and
+    // those of decisions until they find their table.
+    struct RuleCost {
+        size_t decisions = 0, unsteered = 0, steered = 0;
+    };
+    RuleCost ruleCost(uint8_t family) const;
+
     // Lets all counters of rules begin at 0. Result: empty, or why not.
     std::string countsClear();
 

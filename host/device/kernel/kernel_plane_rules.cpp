@@ -69,6 +69,21 @@ bool KernelPlane::treeSend() {
     return !isTreeDue_;
 }
 
+KernelPlane::RuleCost KernelPlane::ruleCost(uint8_t family) const {
+    std::set<RtRule> lookUps = installed_.rt.rules;
+    std::erase_if(lookUps, [](const RtRule &rule) { return rule.action != RT_RULE_LOOKUP; });
+    const std::vector<RtRule> rules = rulesInOrder(family, lookUps, tree_);
+    RuleCost cost;
+    cost.unsteered = ruleWalk(rules, 0).rules;
+    for (const RtRule &rule : rules) {
+        if (rule.action == RT_RULE_LOOKUP) {
+            cost.decisions++;
+            cost.steered = std::max(cost.steered, ruleWalk(rules, rule.mark, true).untilTable);
+        }
+    }
+    return cost;
+}
+
 // Sends removals, and additions that nothing else depends on. Result: for each step the kernel's refusal. What is gone
 // already is as removed as it can be.
 std::vector<std::string> KernelPlane::stepsDo(const std::vector<RtStep> &steps) {

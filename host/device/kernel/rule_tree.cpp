@@ -123,13 +123,14 @@ std::vector<RtRule> rulesInOrder(uint8_t family, const std::set<RtRule> &rules, 
     return ordered;
 }
 
-RuleWalk ruleWalk(const std::vector<RtRule> &rules, uint32_t mark) {
+RuleWalk ruleWalk(const std::vector<RtRule> &rules, uint32_t mark, bool isToTable) {
     RuleWalk walk;
-    for (auto it = rules.begin(); it != rules.end();) {
+    for (auto it = rules.begin(); it != rules.end() && !(isToTable && walk.untilTable != 0);) {
         walk.rules++;
         const bool isMatch = (mark & it->mask) == it->mark;
         if (isMatch && it->action == RT_RULE_LOOKUP) {
             walk.tables.push_back(it->table);
+            walk.untilTable = walk.untilTable == 0 ? walk.rules : walk.untilTable;
         }
         const auto target = std::lower_bound(it, rules.end(), it->target, [](const RtRule &rule, uint32_t preference) {
             return rule.preference < preference;

@@ -38,10 +38,12 @@ std::vector<RtRule> ruleTree(const KernelOptions &options, uint8_t family, const
 struct RuleWalk {
     std::vector<uint32_t> tables; // looked up
     size_t rules = 0;             // compared with
+    size_t untilTable = 0;        // compared with until the first table was looked up; 0: none was
 };
 // The rules of a family as they are asked, those of `tree` behind others of their preference. Lock: none
 std::vector<RtRule> rulesInOrder(uint8_t family, const std::set<RtRule> &rules, const std::vector<RtRule> &tree);
-RuleWalk ruleWalk(const std::vector<RtRule> &rules, uint32_t mark); // Lock: none
+// isToTable: ends where the first table is looked up. Lock: none
+RuleWalk ruleWalk(const std::vector<RtRule> &rules, uint32_t mark, bool isToTable = false);
 
 } // namespace host
 

@@ -110,4 +110,23 @@ TEST(ExplainText, SaysWhyAPacketIsRoutedAsUsual) {
     EXPECT_EQ(explainText(answer, false), "it cannot be told: ACL 1501 rule 10: it asks for the protocol: give it too\n");
 }
 
+TEST(CostText, TellsStepsReasonsAndHowManyMoreThereAre) {
+    const json map = {{"kind", "map of ranges"}, {"fields", {"saddr"}}, {"rules", 3}, {"elements", 5}, {"reason", ""}, {"first", json::array()}};
+    const json row = {{"kind", "rules compared one by one"}, {"fields", json::array()}, {"rules", 2}, {"elements", 0}, {"reason", "why"},
+                      {"first", {{{"node", 7}, {"rule", 5}, {"text", "permit ip from any"}}}}};
+    json cost = {{"interface", "lan0"}, {"ipVersion", 4}, {"lists", {"wan"}}, {"flat", true}, {"why", ""}, {"mostLookUps", 1},
+                 {"mostRules", 2}, {"steps", {map, row}}, {"routingRules", {{"decisions", 20}, {"steered", 9}, {"unsteered", 3}}}};
+    EXPECT_EQ(costText({{"costs", {cost}}}),
+              "lan0, IPv4, list wan: at most 1 look-up and 2 rules one by one\n"
+              "  map of ranges (saddr): 3 rules in 5 elements\n"
+              "  one by one: 2 rules: why\n"
+              "    node 7 rule 5: permit ip from any\n"
+              "    and 1 more\n"
+              "  decisions: 20; at most 9 routing rules for a packet that is steered, 3 for any other of this IP version, on any interface\n");
+    cost["flat"] = false;
+    cost["why"] = "the kernel refused the maps: no";
+    EXPECT_NE(costText({{"costs", {cost}}}).find("  no maps: the kernel refused the maps: no\n  one by one: 3 rules\n"), std::string::npos);
+    EXPECT_EQ(costText({{"costs", json::array()}}), "no list is bound to an interface\n");
+}
+
 } // namespace

@@ -336,6 +336,25 @@ TEST_F(RuleTreeKernel, WhatSomebodyRemovesIsPutBack) {
     EXPECT_EQ(device().counters().driftRepaired, 3u);
 }
 
+TEST_F(RuleTreeKernel, TheCostOfAnInterfaceTellsTheRulesOnAPacketsWay) {
+    nodes(1, 12);
+    device();
+    store();
+    quiet();
+    const auto routingRules = [&] { return device().costs(unitOf("lan0"))["costs"][0]["routingRules"]; };
+    EXPECT_EQ(routingRules(), (nlohmann::json{{"decisions", 12}, {"unsteered", 12}, {"steered", 12}}));
+    nodes(1, 60);
+    store();
+    quiet();
+    const nlohmann::json told = routingRules();
+    EXPECT_EQ(told["decisions"], 60);
+    EXPECT_EQ(told["unsteered"], 3);
+    EXPECT_LE(told["steered"].get<size_t>(), 14u);
+    EXPECT_GE(told["steered"].get<size_t>(), 6u);
+    EXPECT_TRUE(device().costs(unitOf("up1"))["costs"].empty());
+    EXPECT_EQ(device().costs(std::nullopt)["costs"].size(), 1u);
+}
+
 TEST_F(RuleTreeKernel, FlushRemovesThemToo) {
     nodes(1, 30);
     device();
