@@ -6,6 +6,7 @@
 
 #include "api/pbr_row_lookup.h"
 #include "store/pbr_if_entry.h"
+#include "store/pbr_node_entry.h"
 
 namespace {
 
@@ -40,18 +41,19 @@ bool nodeWanted(const PbrNodeEntry *pNode, const PbrNodeKey &key) {
     return (key.keyMask & PBR_KEY_NODE_FIXED) == 0 || pNode->nodeIndex == key.nodeIndex;
 }
 
-// The list's first wanted node of an index above `above` (-1: any), or null.
-PbrNodeEntry *nodeAbove(const PbrListEntry *pList, const PbrNodeKey &key, int64_t above) {
-    for (PbrNodeEntry *pNode = pbrListNodeFirst(pList); pNode != nullptr;
-         pNode = pbrListNodeNext(pList, pNode)) {
-        if (pNode->nodeIndex > above && nodeWanted(pNode, key)) {
-            return pNode;
-        }
-    }
-    return nullptr;
+// The list's first node of at least that index that can be a wanted one, or null.
+PbrNodeEntry *nodeFrom(const PbrListEntry *pList, const PbrNodeKey &key, uint64_t from) PBR_LOCK_HELD {
+    const bool isFixed = (key.keyMask & PBR_KEY_NODE_FIXED) != 0;
+    return pbrNodeEntryFrom(pList, isFixed && key.nodeIndex > from ? key.nodeIndex : from);
 }
 
-PbrNodeEntry *nodeAny(const PbrListEntry *pList, const PbrNodeKey &key) {
+// The list's first wanted node of an index above `above` (-1: any), or null.
+PbrNodeEntry *nodeAbove(const PbrListEntry *pList, const PbrNodeKey &key, int64_t above) PBR_LOCK_HELD {
+    PbrNodeEntry *pNode = nodeFrom(pList, key, static_cast<uint64_t>(above + 1));
+    return pNode != nullptr && nodeWanted(pNode, key) ? pNode : nullptr;
+}
+
+PbrNodeEntry *nodeAny(const PbrListEntry *pList, const PbrNodeKey &key) PBR_LOCK_HELD {
     return nodeAbove(pList, key, -1);
 }
 
@@ -102,7 +104,7 @@ const PbrIfEntry *unitAfter(uint32_t ifUnit) {
 // ---- nodes ----
 
 // The first wanted node of a list at or behind the key's, taken behind the key in the key's own list.
-const PbrNodeEntry *nodeAfter(const PbrNodeKey &key) {
+const PbrNodeEntry *nodeAfter(const PbrNodeKey &key) PBR_LOCK_HELD {
     for (const PbrListEntry *pList = firstList(); pList != nullptr; pList = nextList(pList)) {
         const int order = listCompare(pList, key);
         if (order < 0 || !listWanted(pList, key)) {
@@ -117,7 +119,7 @@ const PbrNodeEntry *nodeAfter(const PbrNodeKey &key) {
     return nullptr;
 }
 
-const PbrNodeEntry *nodeFirst(const PbrNodeKey &key) {
+const PbrNodeEntry *nodeFirst(const PbrNodeKey &key) PBR_LOCK_HELD {
     for (const PbrListEntry *pList = firstList(); pList != nullptr; pList = nextList(pList)) {
         const PbrNodeEntry *pNode = listWanted(pList, key) ? nodeAny(pList, key) : nullptr;
         if (pNode != nullptr) {
@@ -162,11 +164,11 @@ bool hopAbove(const PbrNodeEntry *pNode, int32_t above, HopPosition *pPosition) 
 }
 
 // The next hop behind the key in the key's own list.
-bool hopAfterInList(const PbrListEntry *pList, const PbrNodeKey &key, HopPosition *pPosition) {
-    for (const PbrNodeEntry *pNode = pbrListNodeFirst(pList); pNode != nullptr;
+bool hopAfterInList(const PbrListEntry *pList, const PbrNodeKey &key, HopPosition *pPosition) PBR_LOCK_HELD {
+    for (const PbrNodeEntry *pNode = nodeFrom(pList, key, key.nodeIndex); pNode != nullptr;
          pNode = pbrListNodeNext(pList, pNode)) {
-        if (pNode->nodeIndex < key.nodeIndex || !nodeWanted(pNode, key)) {
-            continue;
+        if (!nodeWanted(pNode, key)) {
+            return false; // a fixed index, and this one is greater
         }
         const int32_t above = pNode->nodeIndex == key.nodeIndex ? key.nextHopIndex : -1;
         if (hopAbove(pNode, above, pPosition)) {
@@ -178,7 +180,7 @@ bool hopAfterInList(const PbrListEntry *pList, const PbrNodeKey &key, HopPositio
 
 // In a later list the first wanted node is the answer whether or not it has next hops, with the index
 // examined last: published, management planes rely on seeing every list.
-HopPosition hopAfter(const PbrNodeKey &key) {
+HopPosition hopAfter(const PbrNodeKey &key) PBR_LOCK_HELD {
     HopPosition position = {nullptr, 0};
     for (const PbrListEntry *pList = firstList(); pList != nullptr; pList = nextList(pList)) {
         const int order = listCompare(pList, key);

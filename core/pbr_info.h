@@ -15,6 +15,8 @@
 #include "platform/sil_mempool.h"
 #include "platform/sil_timer.h"
 
+struct PbrNodeEntry;
+
 struct PbrInfo {
     SilMemPool ifPool;      // "pbr_if" of PbrIfEntry
     AvlTree ifTree;         // PbrIfEntry, ascending unit
@@ -46,8 +48,10 @@ struct PbrInfo {
     uint32_t rcvRtmAclAddCnt; // ACL-rule-added messages received
     uint32_t rcvRtmAclDelCnt; // ACL-rule-removed messages received
     uint32_t memAllocated;  // 1 while the six pools exist
+    // Behind the published fields:
     uint32_t viewMarks;     // PBR_VIEW_ bits of store/pbr_view_mark.h: what the redirect view should
-                            // compare again; behind the published fields
+                            // compare again
+    PbrNodeEntry *pNodeFinger; // where the latest look-up of a node by its index ended, or null
 };
 
 extern PbrInfo gPbrInfo GUARDED_BY(gPbrStoreLock);

@@ -11,6 +11,7 @@
 #include "hw/pbr_if_node_hw.h"
 #include "nexthop/pbr_nexthop_select.h"
 #include "platform/qrv_socket.h"
+#include "store/pbr_if_node_chain.h"
 #include "store/pbr_records.h"
 #include "store/pbr_view_mark.h"
 
@@ -37,6 +38,7 @@ struct Run {
     PbrNextHopEntry *pSavedBest; // best remembered before the latest delete; null at the start of the run
     uint32_t changed;            // changes seen in the present list so far
     uint32_t failed;             // failed adds in the present list so far
+    bool isChained;              // the present list's links are chained by node
 };
 
 bool isInputWaiting() PBR_LOCK_HELD {
@@ -111,13 +113,8 @@ void linkUpdate(Run *pRun, PbrNodeEntry *pNode, PbrIfNodeEntry *pLink) PBR_LOCK_
     linkAdd(pRun, pNode, pLink);
 }
 
-void nodeUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
-    TRACE_HARDWARE(TEXT_NODE, static_cast<int32_t>(pNode->nodeIndex));
-    pRun->changed += pbrNodeIsEcmpGet(pNode) == 1 ? ecmpChangesCount(pNode) : bestUpdate(pNode);
-    if (pRun->changed == 0 && !pbrNodeStateChangeGet(pNode)) {
-        return;
-    }
-    TRACE_GENERAL(TEXT_UPDATE, static_cast<int32_t>(pRun->changed), pbrNodeStateChangeGet(pNode));
+// The node's links, with the texts that tell of every link looked at.
+void linksUpdateTraced(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
     for (const PbrIfEntry *pIf = pbrListBoundIfFirst(pList); pIf != nullptr;
          pIf = pbrListBoundIfNext(pList, pIf)) {
         TRACE_GENERAL(TEXT_IF, static_cast<int32_t>(pIf->ifUnit));
@@ -130,6 +127,31 @@ void nodeUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_L
             }
         }
     }
+}
+
+// The same links in the same order. Nobody reads the texts, so that links of other nodes need not be looked at.
+void linksUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
+    if (!pRun->isChained) {
+        pbrIfNodeChainMake(pList);
+        pRun->isChained = true;
+    }
+    for (PbrIfNodeEntry *pLink = pbrIfNodeChainFirst(pNode); pLink != nullptr; pLink = pbrIfNodeChainNext(pLink)) {
+        linkUpdate(pRun, pNode, pLink);
+    }
+}
+
+void nodeUpdate(Run *pRun, const PbrListEntry *pList, PbrNodeEntry *pNode) PBR_LOCK_HELD {
+    TRACE_HARDWARE(TEXT_NODE, static_cast<int32_t>(pNode->nodeIndex));
+    pRun->changed += pbrNodeIsEcmpGet(pNode) == 1 ? ecmpChangesCount(pNode) : bestUpdate(pNode);
+    if (pRun->changed == 0 && !pbrNodeStateChangeGet(pNode)) {
+        return;
+    }
+    TRACE_GENERAL(TEXT_UPDATE, static_cast<int32_t>(pRun->changed), pbrNodeStateChangeGet(pNode));
+    if ((gPbrInfo.debugFlags & PBR_DEBUG_GENERAL) != 0) {
+        linksUpdateTraced(pRun, pList, pNode);
+    } else {
+        linksUpdate(pRun, pList, pNode);
+    }
     if (pRun->failed == 0) {
         pbrNodeStateChangeSet(pNode, false);
     }
@@ -139,9 +161,13 @@ void listUpdate(Run *pRun, PbrListEntry *pList) PBR_LOCK_HELD {
     TRACE_HARDWARE(TEXT_LIST, static_cast<int>(pList->nameLen), pList->name);
     pRun->failed = 0;
     pRun->changed = 0;
+    pRun->isChained = false;
     for (PbrNodeEntry *pNode = pbrListNodeFirst(pList); pNode != nullptr;
          pNode = pbrListNodeNext(pList, pNode)) {
         nodeUpdate(pRun, pList, pNode);
+    }
+    if (pRun->isChained) {
+        pbrIfNodeChainDrop(pList);
     }
     if (pRun->failed == 0) {
         listUnlinkInit(&pList->readyLink);

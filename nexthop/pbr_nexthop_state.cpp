@@ -5,6 +5,7 @@
 #include "nexthop/pbr_address.h"
 #include "nexthop/pbr_nexthop_select.h"
 #include "nexthop/pbr_ready_table.h"
+#include "store/pbr_if_node_chain.h"
 #include "store/pbr_records.h"
 #include "store/pbr_view_mark.h"
 
@@ -56,13 +57,18 @@ void listQueue(const char *pName, PbrListEntry *pList) PBR_LOCK_HELD {
     PBR_TRACE(PBR_DEBUG_GENERAL, PBR_LOG_EVENT, TEXT_QUEUED, pName);
 }
 
-// What a report does to one matching node. anyUp is carried through one whole down report.
-// Result: how many changes were made.
-typedef uint32_t (*NodeOperation)(PbrNodeEntry *pNode, const Peer &peer, bool *pAnyUp);
+// What one report carries along.
+struct Report {
+    bool anyUp;     // a matching node with a reachable next hop was seen; through one whole down report
+    bool isChained; // the present list's links are chained by node
+};
+
+// What a report does to one matching node. Result: how many changes were made.
+typedef uint32_t (*NodeOperation)(PbrNodeEntry *pNode, const Peer &peer, Report *pReport);
 
 // Applies a report to every matching node of every bound list and queues the lists that changed.
 void report(const char *pName, const Peer &peer, NodeOperation nodeOperation) PBR_LOCK_HELD {
-    bool anyUp = false;
+    Report carried = {};
     for (PbrListEntry *pList = pbrListFromUsedLink(listFirst(&gPbrInfo.usedTable)); pList != nullptr;
          pList = pbrListFromUsedLink(listNext(&gPbrInfo.usedTable, &pList->usedLink))) {
         if (pbrListRefCntGet(pList) == 0) {
@@ -72,8 +78,12 @@ void report(const char *pName, const Peer &peer, NodeOperation nodeOperation) PB
         for (PbrNodeEntry *pNode = pbrListNodeFirst(pList); pNode != nullptr;
              pNode = pbrListNodeNext(pList, pNode)) {
             if (nodeMatches(pNode, peer)) {
-                changed += nodeOperation(pNode, peer, &anyUp);
+                changed += nodeOperation(pNode, peer, &carried);
             }
+        }
+        if (carried.isChained) {
+            pbrIfNodeChainDrop(pList);
+            carried.isChained = false;
         }
         if (changed != 0) {
             listQueue(pName, pList);
@@ -81,7 +91,7 @@ void report(const char *pName, const Peer &peer, NodeOperation nodeOperation) PB
     }
 }
 
-uint32_t nodeUp(PbrNodeEntry *pNode, const Peer &peer, bool *) {
+uint32_t nodeUp(PbrNodeEntry *pNode, const Peer &peer, Report *) {
     uint32_t changed = 0;
     for (PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
          pHop = pbrNodeNextHopNext(pNode, pHop)) {
@@ -109,7 +119,7 @@ bool nodeHasReachable(const PbrNodeEntry *pNode) {
     return false;
 }
 
-uint32_t nodeDown(PbrNodeEntry *pNode, const Peer &peer, bool *pAnyUp) {
+uint32_t nodeDown(PbrNodeEntry *pNode, const Peer &peer, Report *pReport) {
     uint32_t changed = 0;
     for (PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
          pHop = pbrNodeNextHopNext(pNode, pHop)) {
@@ -124,26 +134,23 @@ uint32_t nodeDown(PbrNodeEntry *pNode, const Peer &peer, bool *pAnyUp) {
     // Once one matching node has a reachable next hop, every later matching node of this report gets 1,
     // in the following lists too: published behaviour, not to be reset a node or a list.
     if (nodeHasReachable(pNode)) {
-        *pAnyUp = true;
+        pReport->anyUp = true;
     }
-    pNode->nhopArpUp = *pAnyUp ? 1 : 0;
+    pNode->nhopArpUp = pReport->anyUp ? 1 : 0;
     return changed;
 }
 
-void linksMark(const PbrNodeEntry *pNode) {
-    const PbrListEntry *pList = pNode->pPbrList;
-    for (PbrIfEntry *pIf = pbrListBoundIfFirst(pList); pIf != nullptr;
-         pIf = pbrListBoundIfNext(pList, pIf)) {
-        for (PbrIfNodeEntry *pLink = pbrIfIfNodeFirst(pIf); pLink != nullptr;
-             pLink = pbrIfIfNodeNext(pIf, pLink)) {
-            if (pLink->pPbrNode == pNode) {
-                pbrIfNodeStateChangeSet(pLink, true);
-            }
-        }
+void linksMark(const PbrNodeEntry *pNode, Report *pReport) PBR_LOCK_HELD {
+    if (!pReport->isChained) {
+        pbrIfNodeChainMake(pNode->pPbrList);
+        pReport->isChained = true;
+    }
+    for (PbrIfNodeEntry *pLink = pbrIfNodeChainFirst(pNode); pLink != nullptr; pLink = pbrIfNodeChainNext(pLink)) {
+        pbrIfNodeStateChangeSet(pLink, true);
     }
 }
 
-uint32_t nodeChange(PbrNodeEntry *pNode, const Peer &peer, bool *) PBR_LOCK_HELD {
+uint32_t nodeChange(PbrNodeEntry *pNode, const Peer &peer, Report *pReport) PBR_LOCK_HELD {
     const PbrNextHopEntry *pBest = pbrBestNexthopSelect(pNode); // also refreshes the marks
     if (pBest == nullptr || pbrNodeIsEcmpGet(pNode) == 1) {     // the ECMP marker is no next hop
         return 0;
@@ -154,7 +161,7 @@ uint32_t nodeChange(PbrNodeEntry *pNode, const Peer &peer, bool *) PBR_LOCK_HELD
     PBR_TRACE(PBR_DEBUG_GENERAL, PBR_LOG_EVENT, TEXT_CHANGE, static_cast<int>(pNode->pPbrList->nameLen),
               pNode->pPbrList->name, static_cast<int32_t>(pNode->nodeIndex));
     pbrNodeStateChangeSet(pNode, true);
-    linksMark(pNode);
+    linksMark(pNode, pReport);
     return 1;
 }
 

@@ -12,25 +12,50 @@ namespace {
 
 const char TEXT_NO_SLOT[] = "pbr node free table is empty!\r\n";
 
-// The link behind which a node of that index goes: the last node passed, or the head.
-PbrLink *nodePlace(PbrListEntry *pList, uint32_t nodeIndex) {
-    PbrLink *pAfter = &pList->nodeList;
-    for (PbrNodeEntry *pNode = pbrListNodeFirst(pList); pNode != nullptr && pNode->nodeIndex <= nodeIndex;
-         pNode = pbrListNodeNext(pList, pNode)) {
-        pAfter = &pNode->listLink;
-    }
-    return pAfter;
+// The link behind which a node of that index goes: the last node with at most that index, or the head.
+PbrLink *nodePlace(PbrListEntry *pList, uint32_t nodeIndex) PBR_LOCK_HELD {
+    const PbrNodeEntry *pBehind = pbrNodeEntryFrom(pList, uint64_t{nodeIndex} + 1);
+    return pBehind != nullptr ? pBehind->listLink.pPrev : pList->nodeList.pPrev;
 }
 
-PbrNodeEntry *nodeOfIndex(const PbrListEntry *pList, uint32_t nodeIndex) {
-    PbrNodeEntry *pNode = pbrListNodeFirst(pList);
-    while (pNode != nullptr && pNode->nodeIndex != nodeIndex) {
-        pNode = pbrListNodeNext(pList, pNode);
+PbrNodeEntry *nodeOfIndex(const PbrListEntry *pList, uint32_t nodeIndex) PBR_LOCK_HELD {
+    PbrNodeEntry *pNode = pbrNodeEntryFrom(pList, nodeIndex);
+    return pNode != nullptr && pNode->nodeIndex == nodeIndex ? pNode : nullptr;
+}
+
+PbrNodeEntry *nodeBefore(const PbrListEntry *pList, const PbrNodeEntry *pNode) {
+    return pNode->listLink.pPrev == &pList->nodeList ? nullptr : pbrNodeFromListLink(pNode->listLink.pPrev);
+}
+
+// Where the search for an index begins: at the finger when the index lies behind it or not far before it, else in front.
+PbrNodeEntry *searchStart(const PbrListEntry *pList, uint64_t from) PBR_LOCK_HELD {
+    PbrNodeEntry *pFirst = pbrListNodeFirst(pList);
+    PbrNodeEntry *pFinger = gPbrInfo.pNodeFinger;
+    if (pFinger == nullptr || pFinger->pPbrList != pList) {
+        return pFirst;
     }
-    return pNode;
+    const bool isFarBefore = from <= pFinger->nodeIndex && from - pFirst->nodeIndex < pFinger->nodeIndex - from;
+    return isFarBefore || from <= pFirst->nodeIndex ? pFirst : pFinger;
 }
 
 } // namespace
+
+PbrNodeEntry *pbrNodeEntryFrom(const PbrListEntry *pList, uint64_t from) {
+    PbrNodeEntry *pNode = searchStart(pList, from);
+    while (pNode != nullptr && pNode->nodeIndex < from) {
+        gPbrInfo.pNodeFinger = pNode;
+        pNode = pbrListNodeNext(pList, pNode);
+    }
+    if (pNode == nullptr) {
+        return nullptr; // the finger is the last one
+    }
+    for (PbrNodeEntry *pBefore = nodeBefore(pList, pNode); pBefore != nullptr && pBefore->nodeIndex >= from;
+         pBefore = nodeBefore(pList, pBefore)) {
+        pNode = pBefore;
+    }
+    gPbrInfo.pNodeFinger = pNode;
+    return pNode;
+}
 
 PbrNodeEntry *pbrNodeEntryAdd(const uint8_t *pName, uint32_t nameLen, uint32_t nodeIndex) {
     PbrListEntry *pList = pbrListEntryGet(pName, nameLen);
@@ -55,6 +80,9 @@ PbrNodeEntry *pbrNodeEntryAdd(const uint8_t *pName, uint32_t nameLen, uint32_t n
 
 int32_t pbrNodeEntryDel(PbrNodeEntry *pNode) {
     pbrViewMarkList(pNode->pPbrList);
+    if (gPbrInfo.pNodeFinger == pNode) {
+        gPbrInfo.pNodeFinger = nullptr;
+    }
     PbrNextHopEntry *pNext = nullptr;
     listUnlink(&pNode->listLink);
     listUnlinkInit(&pNode->auxLink);

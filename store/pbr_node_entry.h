@@ -20,6 +20,11 @@ int32_t pbrNodeEntryDel(PbrNodeEntry *pNode) PBR_LOCK_HELD;
 // Result: the node or null. Lock: held by caller
 PbrNodeEntry *pbrNodeEntryGet(const uint8_t *pName, uint32_t nameLen, uint32_t nodeIndex) PBR_LOCK_HELD;
 
+// Finds the first node of the list whose index is at least `from` (beyond 32 bits: none). Look-ups in ascending order cost
+// the same at any length of the list: each begins where the one before ended. Result: the node or null.
+// Lock: held by caller
+PbrNodeEntry *pbrNodeEntryFrom(const PbrListEntry *pList, uint64_t from) PBR_LOCK_HELD;
+
 // Whether a node of any list uses the ACL (0 finds nodes without one; callers do not ask for it).
 // Result: -1 used, 0 not. Lock: held by caller
 int32_t pbrNodeAclNumCheck(uint32_t aclNum) PBR_LOCK_HELD;

@@ -32,7 +32,7 @@ struct PbrListEntry {
 // One numbered node of a list.
 struct PbrNodeEntry {
     PbrLink listLink;              // in the owning list's nodeList
-    PbrLink auxLink;               // in no list; zero on creation
+    PbrLink auxLink;               // in no list; zero but while store/pbr_if_node_chain stands
     PbrLink nextHopList;           // head: PbrNextHopEntry.nodeLink, ascending nextHopIndex
     PbrListEntry *pPbrList;        // owning list
     PbrNextHopEntry *pPbrNhopBest; // next hop selected as best, or null; may be another node's (see
@@ -89,7 +89,7 @@ struct PbrIfEntry {
 // One node as programmed for one interface.
 struct PbrIfNodeEntry {
     PbrLink ifLink;                // in the interface's ifNodeList
-    PbrLink nodeLink;              // in no list; zero
+    PbrLink nodeLink;              // in no list; zero but while store/pbr_if_node_chain stands
     PbrNodeEntry *pPbrNode;        // the node
     uint32_t ifUnit;               // the interface's unit
     uint32_t hwWord;               // bits 30-29 hwStatus, bit 26 stateChangeFlag
@@ -206,6 +206,7 @@ PBR_LINK_TO_RECORD(pbrNodeFromListLink, PbrNodeEntry, listLink)
 PBR_LINK_TO_RECORD(pbrNextHopFromNodeLink, PbrNextHopEntry, nodeLink)
 PBR_LINK_TO_RECORD(pbrIfFromBoundLink, PbrIfEntry, boundLink)
 PBR_LINK_TO_RECORD(pbrIfNodeFromIfLink, PbrIfNodeEntry, ifLink)
+PBR_LINK_TO_RECORD(pbrIfNodeFromNodeLink, PbrIfNodeEntry, nodeLink)
 PBR_LINK_TO_RECORD(pbrNqaFromNqaLink, PbrNqaEntry, nqaLink)
 #undef PBR_LINK_TO_RECORD
 

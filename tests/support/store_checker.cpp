@@ -51,6 +51,7 @@ struct Checker {
     void node(PbrListEntry *pList, PbrNodeEntry *pNode) {
         nodes.insert(pNode);
         EXPECT_EQ(pNode->pPbrList, pList) << "owner of a node";
+        EXPECT_TRUE(pNode->auxLink.pNext == nullptr && pNode->auxLink.pPrev == nullptr) << "a chain of links was left behind";
         uint32_t lastIndex = 0;
         for (PbrLink *pLink : ring(&pNode->nextHopList, "next hops")) {
             PbrNextHopEntry *pHop = pbrNextHopFromNodeLink(pLink);

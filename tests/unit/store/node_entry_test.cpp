@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 
 #include "core/pbr_info.h"
 #include "store/pbr_list_entry.h"
@@ -178,6 +179,46 @@ TEST_F(NodeEntry, AFailedCreationLeavesTheListAsItWas) {
 
     EXPECT_TRUE(fake::faultHit());
     EXPECT_EQ(indexes(pList), Indexes{1});
+}
+
+// What the look-up from an index on answers, found by asking every node.
+PbrNodeEntry *fromByAsking(const PbrListEntry *pList, uint64_t from) {
+    PbrNodeEntry *p = pbrListNodeFirst(pList);
+    while (p != nullptr && p->nodeIndex < from) {
+        p = pbrListNodeNext(pList, p);
+    }
+    return p;
+}
+
+TEST_F(NodeEntry, TheFirstNodeFromAnIndexOnIsFoundWhateverWasLookedUpBefore) {
+    PbrListEntry *pOther = makeList("b");
+    std::mt19937 dice(20261122);
+    for (uint32_t step = 0; step < 20000; ++step) {
+        PbrListEntry *pAsked = dice() % 4 != 0 ? pList : pOther;
+        const uint32_t index = 1 + dice() % 40;
+        switch (dice() % 6) {
+        case 0:
+            (void)pbrNodeEntryAdd(pAsked->name, pAsked->nameLen, index); // also one that is there already
+            break;
+        case 1:
+            if (PbrNodeEntry *pNode = fromByAsking(pAsked, index); pNode != nullptr) {
+                ASSERT_EQ(0, pbrNodeEntryDel(pNode));
+            }
+            break;
+        default:
+            ASSERT_EQ(fromByAsking(pAsked, index), pbrNodeEntryFrom(pAsked, index)) << "step " << step;
+        }
+        const Indexes present = indexes(pAsked);
+        ASSERT_TRUE(std::is_sorted(present.begin(), present.end())) << "step " << step;
+    }
+    EXPECT_EQ(nullptr, pbrNodeEntryFrom(pList, uint64_t{0xFFFFFFFFu} + 1));
+}
+
+TEST_F(NodeEntry, OfTwoNodesWithOneIndexTheEarlierOneIsFoundAlsoComingFromTheLaterOne) {
+    PbrNodeEntry *pEarlier = pbrNodeEntryAdd(bytes("a").data(), 1, 10);
+    (void)pbrNodeEntryAdd(bytes("a").data(), 1, 10);
+    ASSERT_EQ(nullptr, find("a", 11)); // ends at the later one
+    EXPECT_EQ(pEarlier, find("a", 10));
 }
 
 } // namespace
