@@ -15,9 +15,9 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kit import apply, carriers, daemon, failover, forward, frr, lab, report  # noqa: E402
+from kit import apply, carriers, daemon, failover, forward, frr, idle, lab, report  # noqa: E402
 
-PARTS = ("forward", "failover", "apply", "daemon")
+PARTS = ("forward", "failover", "apply", "daemon", "idle")
 
 
 def say(text):
@@ -89,6 +89,8 @@ def measure(part, carried, given):
             bench.close()
     if part == "daemon":
         return daemon.run(given.pace, say)
+    if part == "idle":
+        return idle.Idle([each for each in carried if isinstance(each, carriers.Policyroute)], given.pace, say).run()
     raise AssertionError(part)
 
 

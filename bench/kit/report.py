@@ -1,7 +1,7 @@
 """From results to Markdown: report.md with its pictures, and the same between the marks of docs/performance.md."""
 import os
 
-from kit import plot, policies, stats
+from kit import aims, idle, plot, policies, stats
 from kit.apply import KINDS
 from kit.failover import EVENTS
 from kit.forward import PATTERNS
@@ -33,8 +33,8 @@ def insert(path, text):
 
 def compose(results, prefix):
     """Result: the text, and pictures by file name."""
-    lines, pictures = [], {}
-    for part, section in (("forward", forwarding), ("failover", failing_over), ("apply", applying), ("daemon", operations)):
+    lines, pictures = aims.section(results) + [""], {}
+    for part, section in (("forward", forwarding), ("failover", failing_over), ("apply", applying), ("daemon", operations), ("idle", idling)):
         if part in results:
             lines += section(results[part], prefix, pictures) + [""]
     return "\n".join(lines), pictures
@@ -185,6 +185,11 @@ def operations(part, _prefix, _pictures):
         "", "Processor time of one operation by the number of nodes (of lists for list look-ups), each with two next hops, on the fake "
         "platform; medians. The exponent e is that of the best fit time ~ N^e from 1,000 on.", ""] + stats.table(
         ["operation"] + [f"{n:,}" for n in sizes] + ["e"], rows)
+
+
+def idling(part, _prefix, _pictures):
+    return ["## At rest", ""] + where(part) + [""] + idle.section(part["found"], TITLES) + \
+        reasons([each for each in part["found"] if "skipped" in each])
 
 
 def nanoseconds(seconds):
