@@ -72,6 +72,8 @@ std::vector<DeviceNotice> KernelDevice::differencesNow() {
         for (const std::string &line : plane_.differences(snapshot)) {
             notices.push_back({"kernel", line, ADVICE_REPAIR});
         }
+        const std::vector<DeviceNotice> front = frontDifferences();
+        notices.insert(notices.end(), front.begin(), front.end());
         if (!error_.empty()) {
             notices.push_back({"refused", error_, "see the daemon's log"});
         }

@@ -39,6 +39,7 @@ KernelDevice::~KernelDevice() {
         hooks_.pLoop->timerStop(readBackTimer_);
         hooks_.pLoop->timerStop(holdTimer_);
         hooks_.pLoop->timerStop(checkTimer_);
+        hooks_.pLoop->timerStop(frontTimer_);
     }
 }
 
@@ -56,6 +57,10 @@ std::string KernelDevice::start() {
         const std::string error = plane_.open();
         if (!error.empty()) {
             return "kernel device: " + error;
+        }
+        const std::string refusal = hooks_.pFront ? hooks_.pFront->open(hooks_.options) : "";
+        if (!refusal.empty()) {
+            return "eBPF device: " + refusal;
         }
         isHeld_ = plane_.isAdopted();
         isStarted_ = true;
@@ -82,18 +87,23 @@ void KernelDevice::monitorsStart() {
     const auto foreignNft = [this] { readBackSoon(FOREIGN_CHANGE_MS, READ_NFT); };
     const auto foreignRt = [this] { readBackSoon(FOREIGN_CHANGE_MS, READ_RT); };
     const auto isOwn = [this](const nlmsghdr *pMessage) { return plane_.ports().count(pMessage->nlmsg_pid) != 0; };
+    std::vector<uint32_t> groups = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+                                    RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP};
+    if (hooks_.pFront) {
+        const std::vector<uint32_t> more = hooks_.pFront->groups();
+        groups.insert(groups.end(), more.begin(), more.end());
+    }
     nftMonitor_ = std::make_unique<NetlinkMonitor>(
         NETLINK_NETFILTER, std::vector<uint32_t>{NFNLGRP_NFTABLES},
-        [=](const nlmsghdr *pMessage) {
+        [=, this](const nlmsghdr *pMessage) {
             if (!isOwn(pMessage) && nftIsOfOurTable(pMessage)) {
                 foreignNft();
             }
+            frontHears(NETLINK_NETFILTER, pMessage);
         },
         foreignNft);
     rtMonitor_ = std::make_unique<NetlinkMonitor>(
-        NETLINK_ROUTE,
-        std::vector<uint32_t>{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
-                              RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP},
+        NETLINK_ROUTE, groups,
         [=, this](const nlmsghdr *pMessage) {
             if (!isOwn(pMessage) && rtMayConcernUs(pMessage)) {
                 foreignRt();
@@ -101,6 +111,7 @@ void KernelDevice::monitorsStart() {
             if (const uint32_t lost = rtLinkLost(pMessage); lost != 0) {
                 linksLost_.insert(lost);
             }
+            frontHears(NETLINK_ROUTE, pMessage);
         },
         foreignRt);
 }
@@ -198,7 +209,7 @@ void KernelDevice::listsCompile(const std::vector<std::string> &lists) {
         if (kept_.count(list) != 0) {
             continue;
         }
-        plane_.model().listSet(list, listCompile(list));
+        compiledSet(list, listCompile(list));
     }
 }
 
@@ -215,7 +226,7 @@ void KernelDevice::allCompile() {
     };
     for (const auto &[list, entries] : state_.lists) {
         if (kept_.count(list) == 0) {
-            plane_.model().listSet(list, programCompile(list, entries, env));
+            compiledSet(list, programCompile(list, entries, env));
         }
     }
 }
@@ -226,7 +237,7 @@ void KernelDevice::apply() {
         return;
     }
     const uint64_t before = plane_.counters().applies;
-    const std::string error = plane_.apply();
+    const std::string error = hooks_.pFront ? applyBehindFront() : plane_.apply();
     if (!error.empty() && error != error_) {
         hostLog(LOG_LEVEL_ERROR, MODULE, "%s", error.c_str());
     }
@@ -254,7 +265,7 @@ int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     const EntryKey key{entry->ifUnit, entry->nodeIndex};
     const bool isRetry = !statusOf(entry->list, key).error.empty() || isFlushed_ || !error_.empty();
     if (isRetry) {
-        plane_.retryRefused();
+        refusedRetry();
         changed.push_back(entry->list);
     }
     isFlushed_ = false;
@@ -353,7 +364,7 @@ void KernelDevice::listsChanged(const std::set<std::string> &lists) {
 void KernelDevice::worldChanged() {
     std::lock_guard guard(lock_);
     if (!isHeld_) {
-        plane_.retryRefused();
+        refusedRetry();
     }
     allCompile();
     if (!isFlushed_) {
@@ -382,7 +393,7 @@ std::string KernelDevice::settle() {
         return firstError();
     }
     isFlushed_ = false;
-    plane_.retryRefused();
+    refusedRetry();
     allCompile();
     apply();
     return error_.empty() ? firstError() : error_;
@@ -392,7 +403,10 @@ std::string KernelDevice::flush() {
     std::lock_guard guard(lock_);
     isHeld_ = false;
     isFlushed_ = true;
-    const std::string error = plane_.flush();
+    std::string error = hooks_.pFront ? hooks_.pFront->flush() : "";
+    const std::string behind = plane_.flush();
+    error = behind.empty() ? error : behind;
+    isFrontAll_ = true;
     hostLog(LOG_LEVEL_NOTICE, MODULE, "everything of ours was removed from the kernel%s%s",
             error.empty() ? "" : ": ", error.c_str());
     return error;
@@ -471,7 +485,8 @@ void KernelDevice::readBack(unsigned parts) {
 // ---- show ----
 
 uint64_t KernelDevice::packetsOf(const std::string &list, const EntryKey &key,
-                                 const std::map<std::string, std::vector<uint64_t>> &packets) const {
+                                 const std::map<std::string, std::vector<uint64_t>> &packets,
+                                 const std::map<KernelFront::CountKey, NftCount> &front) const {
     uint64_t sum = 0;
     const auto &programs = plane_.model().lists();
     for (const NodeKey &nodeKey : plane_.model().nodesOf(list, key)) {
@@ -486,6 +501,7 @@ uint64_t KernelDevice::packetsOf(const std::string &list, const EntryKey &key,
             const size_t at = isFlat ? 0 : i;
             sum += rule.permit && counted != packets.end() && at < counted->second.size() ? counted->second[at] : 0;
         }
+        sum += frontCount(front, nodeKey, node).packets;
     }
     return sum;
 }
@@ -496,6 +512,7 @@ std::string KernelDevice::linkName(uint32_t unit) const {
 }
 
 nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector<uint64_t>> &packets) const {
+    const auto front = hooks_.pFront ? hooks_.pFront->counts() : std::map<KernelFront::CountKey, NftCount>{};
     nlohmann::json shown = nlohmann::json::array();
     for (const auto &[list, entries] : state_.lists) {
         for (const auto &[key, entry] : entries) {
@@ -505,7 +522,7 @@ nlohmann::json KernelDevice::entriesShow(const std::map<std::string, std::vector
             row["interface"] = linkName(entry.ifUnit);
             row["outInterface"] = entry.outIfUnit == 0 ? "" : linkName(entry.outIfUnit);
             row["reason"] = status.reason;
-            row["packets"] = packetsOf(list, key, packets);
+            row["packets"] = packetsOf(list, key, packets, front);
             nlohmann::json ids = nlohmann::json::array();
             bool isDropped = false;
             for (const NodeKey &node : plane_.model().nodesOf(list, key)) {
@@ -547,7 +564,7 @@ nlohmann::json KernelDevice::show() {
     std::lock_guard guard(lock_);
     const KernelCounters &counters = plane_.counters();
     const char *pState = !isStarted_ ? "unusable" : isHeld_ ? "held" : isFlushed_ ? "flushed" : "live";
-    return {{"kind", "kernel"},
+    return {{"kind", hooks_.pFront ? "ebpf" : "kernel"},
             {"state", pState},
             {"error", error_},
             {"markMask", hooks_.options.markMask},
@@ -556,6 +573,7 @@ nlohmann::json KernelDevice::show() {
             {"entries", entriesShow(packets)},
             {"decisions", decisionsShow()},
             {"lists", listsShow()},
+            {"front", hooks_.pFront ? hooks_.pFront->show() : nlohmann::json()},
             {"counters",
              {{"applies", counters.applies},
               {"kernelMessages", counters.kernelMessages},

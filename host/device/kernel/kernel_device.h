@@ -32,6 +32,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/device/device.h"
+#include "host/device/kernel/kernel_front.h"
 #include "host/device/kernel/kernel_plane.h"
 #include "host/device/kernel/surroundings.h"
 #include "host/device/kernel/program_explain.h"
@@ -51,7 +52,9 @@ struct KernelDeviceHooks {
     std::function<void()> askStore = [] {};                  // storeCompare is wanted soon
     std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
     std::function<void(std::function<void()>)> onWorldChange; // routes or links changed; may be empty
+    std::shared_ptr<KernelFront> pFront; // decides packets before our rules; null: the rules decide all
 };
+KernelDeviceHooks kernelDeviceHooks(); // on the real world, without a front
 
 class KernelDevice : public Device {
 public:
@@ -101,6 +104,13 @@ private:
     void listsCompile(const std::vector<std::string> &lists);
     void allCompile();
     void apply();
+    std::string applyBehindFront();
+    void compiledSet(const std::string &list, ProgramList program);
+    void refusedRetry();
+    void frontSoon();
+    void frontHears(int protocol, const nlmsghdr *pMessage);
+    std::vector<DeviceNotice> frontDifferences();
+    NftCount frontCount(const std::map<KernelFront::CountKey, NftCount> &counts, const NodeKey &key, const ProgramNode &node) const;
     void readBackSoon(std::chrono::milliseconds delay, unsigned parts);
     void holdPoll();
     void adoptionEnd();
@@ -120,7 +130,8 @@ private:
     std::string passedBy(const PacketQuestion &question) const;
     void deciderShow(const ExplainNode &node, nlohmann::json &shown) const;
     uint64_t packetsOf(const std::string &list, const EntryKey &key,
-                       const std::map<std::string, std::vector<uint64_t>> &packets) const;
+                       const std::map<std::string, std::vector<uint64_t>> &packets,
+                       const std::map<KernelFront::CountKey, NftCount> &front) const;
 
     KernelDeviceHooks hooks_;
     mutable std::mutex lock_;
@@ -128,6 +139,8 @@ private:
     DesiredState state_;
     std::set<std::pair<uint32_t, uint32_t>> provisional_; // (unit, ACL) added, perhaps not in the view's lists yet
     std::string error_;    // of the latest apply, when it concerns no single entry
+    std::set<std::string> compiled_; // lists that the front has not been told of
+    bool isFrontAll_ = false;        // it is told of all
     std::set<std::string> kept_; // lists between hold and release
     std::deque<std::chrono::steady_clock::time_point> repairs_; // when drift was found, the latest last
     bool isStarted_ = false;
@@ -140,7 +153,7 @@ private:
     // Event thread only.
     std::unique_ptr<KernelSockets> readers_;
     std::unique_ptr<NetlinkMonitor> nftMonitor_, rtMonitor_;
-    EventLoop::TimerId readBackTimer_ = 0, holdTimer_ = 0;
+    EventLoop::TimerId readBackTimer_ = 0, holdTimer_ = 0, frontTimer_ = 0;
     std::vector<std::pair<nlohmann::json, std::function<void(nlohmann::json)>>> checks_; // wait for the store
     EventLoop::TimerId checkTimer_ = 0;
     unsigned readParts_ = 0;      // what the appointed read-back reads

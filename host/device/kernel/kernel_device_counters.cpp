@@ -11,6 +11,7 @@ namespace {
 
 using nlohmann::json;
 using Counts = std::map<std::string, NftChainCounts>;
+using FrontCounts = std::map<KernelFront::CountKey, NftCount>;
 
 json countShow(const NftCount &count) { return {{"packets", count.packets}, {"bytes", count.bytes}}; }
 
@@ -21,7 +22,11 @@ NftCount countOf(const KernelRuleName &name, size_t place, bool isFlat, const Co
     return chain == counts.end() || at >= chain->second.size() ? NftCount{} : chain->second[at].second;
 }
 
-json rulesShow(const NodeKey &key, const ProgramNode &node, bool isFlat, const Counts &counts) {
+NftCount countSum(const NftCount &left, const NftCount &right) {
+    return {left.packets + right.packets, left.bytes + right.bytes};
+}
+
+json rulesShow(const NodeKey &key, const ProgramNode &node, bool isFlat, const Counts &counts, const FrontCounts &front) {
     json shown = json::array();
     if (!node.rules || (!isFlat && counts.count(kernelMatchChain(key)) == 0)) {
         return shown;
@@ -29,7 +34,9 @@ json rulesShow(const NodeKey &key, const ProgramNode &node, bool isFlat, const C
     // The chain has the rules in the program's order; while it is being changed it may be shorter.
     size_t i = 0;
     for (const auto &[number, rule] : programRules(node.aclNum, *node.rules, key.family)) {
-        json row = countShow(countOf({key, node.aclNum, number, rule.permit}, i, isFlat, counts));
+        const auto before = front.find({key, node.aclNum, number});
+        json row = countShow(countSum(countOf({key, node.aclNum, number, rule.permit}, i, isFlat, counts),
+                                      before == front.end() ? NftCount{} : before->second));
         row["rule"] = number;
         row["text"] = aclRuleFormat(node.aclNum, rule);
         shown.push_back(std::move(row));
@@ -47,17 +54,18 @@ json KernelDevice::policyCounters() {
         throw std::runtime_error(error);
     }
     std::lock_guard guard(lock_);
+    const FrontCounts front = hooks_.pFront ? hooks_.pFront->counts() : FrontCounts{};
     json shown = json::array();
     for (const auto &[list, program] : plane_.model().lists()) {
         for (const auto &[key, node] : program.nodes) {
             const auto action = counts.find(kernelActionChain(key));
             const bool isCounted = action != counts.end() && !action->second.empty();
-            json row = countShow(isCounted ? action->second.front().second : NftCount{});
+            json row = countShow(countSum(isCounted ? action->second.front().second : NftCount{}, frontCount(front, key, node)));
             row["list"] = list;
             row["node"] = key.nodeIndex;
             row["ipVersion"] = key.family;
             row["acl"] = node.aclNum;
-            row["rules"] = rulesShow(key, node, plane_.model().isFlat(list, key.family), counts);
+            row["rules"] = rulesShow(key, node, plane_.model().isFlat(list, key.family), counts, front);
             shown.push_back(std::move(row));
         }
     }
@@ -69,7 +77,13 @@ std::string KernelDevice::policyCountersClear() {
     if (isHeld_) {
         return "the policy of an earlier run is still in force; try again when the next hops are known";
     }
-    return isFlushed_ || !isStarted_ ? "" : plane_.countsClear();
+    if (isFlushed_ || !isStarted_) {
+        return "";
+    }
+    if (hooks_.pFront) {
+        hooks_.pFront->countsClear();
+    }
+    return plane_.countsClear();
 }
 
 } // namespace host

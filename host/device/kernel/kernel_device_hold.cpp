@@ -13,7 +13,7 @@ void KernelDevice::hold(const std::set<std::string> &lists) {
 std::vector<Device::EntryError> KernelDevice::release() {
     std::lock_guard guard(lock_);
     const std::set<std::string> lists = std::exchange(kept_, {});
-    plane_.retryRefused();
+    refusedRetry();
     listsCompile({lists.begin(), lists.end()});
     if (!isFlushed_) {
         apply();

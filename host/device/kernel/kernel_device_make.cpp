@@ -7,7 +7,7 @@
 
 namespace host {
 
-std::unique_ptr<Device> kernelDeviceMake() {
+KernelDeviceHooks kernelDeviceHooks() {
     KernelDeviceHooks hooks;
     hooks.options.markMask = static_cast<uint32_t>(optionNumber("host.mark-mask"));
     hooks.options.rulePreference = static_cast<uint32_t>(optionNumber("host.rule-preference"));
@@ -34,7 +34,9 @@ std::unique_ptr<Device> kernelDeviceMake() {
         fibOnChange(changed);
         ifnetOnChange([changed](const IfnetLink &) { changed(); });
     };
-    return std::make_unique<KernelDevice>(std::move(hooks));
+    return hooks;
 }
+
+std::unique_ptr<Device> kernelDeviceMake() { return std::make_unique<KernelDevice>(kernelDeviceHooks()); }
 
 } // namespace host
