@@ -7,7 +7,7 @@ packages=(
   g++ clang libclang-rt-14-dev cmake ninja-build pkg-config ccache git python3
   g++-mips-linux-gnu qemu-user-static
   g++-i686-linux-gnu libasan8-i386-cross libubsan1-i386-cross
-  libmnl-dev libnftnl-dev libseccomp-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
+  libmnl-dev libnftnl-dev libseccomp-dev libbpf-dev libboost-dev libcli11-dev libyaml-cpp-dev nlohmann-json3-dev libsqlite3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev gcovr
   clang-tidy cppcheck shellcheck pyflakes3
   nftables iproute2 iputils-ping util-linux mount

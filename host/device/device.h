@@ -175,6 +175,7 @@ public:
 
 // Makers, one a kind; the device is not started. Lock: none
 std::unique_ptr<Device> kernelDeviceMake(); // host/device/kernel
+std::unique_ptr<Device> ebpfDeviceMake();   // host/device/ebpf; null: it was not built
 std::unique_ptr<Device> memoryDeviceMake(); // host/device/memory; registers "device.fail"
 
 // Makes the device that option host.device names and starts it, once. Result: empty, or why it cannot

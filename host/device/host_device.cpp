@@ -20,14 +20,20 @@ std::unique_ptr<Device> make(const std::string &kind) {
     if (kind == "kernel") {
         return kernelDeviceMake();
     }
+    if (kind == "ebpf") {
+        return ebpfDeviceMake();
+    }
     return memoryDeviceMake(); // also for an unknown kind: it touches nothing
 }
 
 Chosen choose() {
     const std::string kind = optionGet("host.device").value_or("kernel");
     Chosen chosen{make(kind), ""};
-    if (kind != "kernel" && kind != "memory") {
-        chosen.error = "option host.device=" + kind + ": it must be kernel or memory";
+    if (!chosen.pDevice) {
+        chosen.pDevice = memoryDeviceMake();
+        chosen.error = "option host.device=" + kind + ": this program was built without it (clang, libbpf)";
+    } else if (kind != "kernel" && kind != "ebpf" && kind != "memory") {
+        chosen.error = "option host.device=" + kind + ": it must be kernel, ebpf or memory";
     } else {
         chosen.error = chosen.pDevice->start();
     }

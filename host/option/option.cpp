@@ -60,7 +60,8 @@ struct Choice {
     std::vector<std::string> words;
 };
 const Choice CHOICES[] = {
-    {"host.device", {"kernel", "memory"}},
+    {"host.device", {"kernel", "ebpf", "memory"}},
+    {"host.ebpf-redirect", {"auto", "on", "off"}},
     {"host.next-hop-via-gateway", {"on", "off"}},
     {"host.defrag", {"on", "off"}},
     {"host.read-others", {"yes", "no"}},

@@ -16,7 +16,8 @@ namespace host {
 // key, default, meaning. "host.vrf.NAME" (value: kernel table number) is a family of keys beside these.
 #define HOST_OPTIONS(X)                                                                             \
     X("host.root", "", "folder below which every socket and file of this run is put")              \
-    X("host.device", "kernel", "forwarding plane: kernel or memory")                                \
+    X("host.device", "kernel", "forwarding plane: kernel, ebpf or memory")                          \
+    X("host.ebpf-redirect", "auto", "eBPF device: on: packets are sent on at once; off: only marked; auto: as the machine allows") \
     X("host.neighbour-probe-ms", "1000", "longest time in ms between two confirmations of a next hop") \
     X("host.next-hop-via-gateway", "on", "on: a next hop beyond a connected network is followed by its gateway") \
     X("host.mark-mask", "0xfff00000", "bits of the packet mark that are ours")                      \

@@ -25,7 +25,11 @@
 namespace host {
 namespace {
 
-constexpr uint32_t KEPT = (1U << CAP_NET_ADMIN) | (1U << CAP_NET_RAW); // both in the first word
+#ifndef CAP_BPF
+#define CAP_BPF 39 // newer than some headers
+#define CAP_PERFMON 38
+#endif
+
 constexpr unsigned long LAST_CAPABILITY = 63;                         // the kernel refuses those it does not know
 constexpr size_t ENTRY_BYTES = 65536;
 const char *const FOLDERS[] = {"/run/policyroute/", "/tmp/", "/var/lib/policyroute/"};
@@ -113,23 +117,37 @@ std::string userBecome(const User &user) {
     return "";
 }
 
-// Takes all capabilities away but KEPT, as far as they are there.
+// The capabilities that the daemon needs: those for eBPF with its device only. CAP_PERFMON lets the kernel load the
+// program without fences against speculation, which would cost each packet more than what it asks for.
+bool isNeeded(unsigned long capability) {
+    if (capability == CAP_NET_ADMIN || capability == CAP_NET_RAW) {
+        return true;
+    }
+    return (capability == CAP_BPF || capability == CAP_PERFMON) && optionGet("host.device") == "ebpf";
+}
+
+// Takes all capabilities away but those, as far as they are there.
 std::string capabilitiesKeep() {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
     if (syscall(SYS_capget, &header, data) != 0) {
         return failed("capabilities cannot be read");
     }
-    data[0].permitted &= KEPT;
-    data[0].effective = data[0].permitted;
-    data[1].permitted = data[1].effective = 0;
-    data[0].inheritable = data[1].inheritable = 0;
+    for (unsigned long capability = 0; capability <= LAST_CAPABILITY; ++capability) {
+        if (!isNeeded(capability)) {
+            data[capability / 32].permitted &= ~(1U << capability % 32);
+        }
+    }
+    for (__user_cap_data_struct &word : data) {
+        word.effective = word.permitted;
+        word.inheritable = 0;
+    }
     return syscall(SYS_capset, &header, data) == 0 ? "" : failed("capabilities cannot be given up");
 }
 
 void boundingSetKeep() {
     for (unsigned long capability = 0; capability <= LAST_CAPABILITY; ++capability) {
-        if (capability != CAP_NET_ADMIN && capability != CAP_NET_RAW) {
+        if (!isNeeded(capability)) {
             (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0); // not ours to change: nothing to lose either
         }
     }

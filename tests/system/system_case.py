@@ -41,6 +41,11 @@ def knows_kernel():
     return "kernel" in os.environ.get("POLICYROUTE_DEVICES", "kernel memory")
 
 
+def forwarding_device():
+    """The device that forwards packets in this run: kernel, or by POLICYROUTE_DEVICE ebpf."""
+    return os.environ.get("POLICYROUTE_DEVICE", "kernel")
+
+
 def by_uplink(lab, family=4, port=443, count=20, **options):
     """Sends packets to the server; result: {uplink: how many arrived by it}. Options: those of netlab.send."""
     arrivals = netlab.Arrivals(lab, family, port)
@@ -57,6 +62,7 @@ class LabCase(unittest.TestCase):
     the daemon installed is flushed."""
 
     options = ("host.neighbour-probe-ms=400",)
+    device = None  # another than that of the run
     wide = False  # whether the lab has a fourth uplink and a third LAN
 
     @classmethod
@@ -73,7 +79,7 @@ class LabCase(unittest.TestCase):
         cls.lab.close()
 
     def setUp(self):
-        self.daemon = netlab.Daemon(options=self.options).start()
+        self.daemon = netlab.Daemon(device=self.device or forwarding_device(), options=self.options).start()
         self.addCleanup(self.daemon.close)
         self.addCleanup(self.mend_lab)
         self.addCleanup(self.flush)

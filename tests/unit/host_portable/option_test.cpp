@@ -39,7 +39,7 @@ TEST_F(Option, ACommentRightBehindTheEqualsSignLeavesAnEmptyValue) {
     EXPECT_EQ("", host::optionGet("host.group"));
     EXPECT_EQ("/a=#b", host::optionGet("host.root"));
     EXPECT_EQ("--option host.vrf.a #b=7: unknown option 'host.vrf.a #b'", host::optionLoad({"host.vrf.a #b=7"}, "/dev/null"));
-    EXPECT_EQ("--option host.device=#x: '#x' is no value for host.device: one of kernel, memory is expected",
+    EXPECT_EQ("--option host.device=#x: '#x' is no value for host.device: one of kernel, ebpf, memory is expected",
               host::optionLoad({"host.device=#x"}, "/dev/null"));
 }
 
@@ -70,7 +70,7 @@ TEST_F(Option, AnErrorNamesFileAndLine) {
         {"= memory", "unknown option ''"},
         {"host.vrf. = 3", "unknown option 'host.vrf.'"},
         {"policyroute.maxlists = 3", "unknown option 'policyroute.maxlists'"},
-        {"host.device = switch", "'switch' is no value for host.device: one of kernel, memory is expected"},
+        {"host.device = switch", "'switch' is no value for host.device: one of kernel, ebpf, memory is expected"},
         {"host.read-others = maybe", "'maybe' is no value for host.read-others: one of yes, no is expected"},
         {"host.log = file", "'file' is no value for host.log: one of auto, stderr, syslog is expected"},
         {"host.rule-preference = ten",
