@@ -1,7 +1,9 @@
 """Rules of every kind from a policy file to packets, and fragments that stay together."""
+import itertools
 import json
 import re
 import socket
+import struct
 
 import system_case
 import netlab
@@ -23,12 +25,14 @@ bindings:
 
 
 class AclCase(system_case.LabCase):
+    numbers = itertools.count(1)
+
     def policy(self, rule4, rule6=None):
         lists = LISTS % (self.next_hop("upa"), self.next_hop("upa", 6))
         return ACLS % (json.dumps(rule4), json.dumps(rule6 or rule4)) + lists
 
-    def udp(self, family, port, size, count=1, tos=None):
-        """Sends datagrams of so many bytes to the server."""
+    def udp(self, family, port, size, count=1, tos=None, number=0):
+        """Sends datagrams of so many bytes to the server, which begin with a number."""
         sender = self.lab.socket("lan", socket.AF_INET if family == 4 else socket.AF_INET6)
         try:
             if tos is not None and family == 4:
@@ -36,17 +40,21 @@ class AclCase(system_case.LabCase):
             if tos is not None and family == 6:
                 sender.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_TCLASS, tos)
             for _ in range(count):
-                sender.sendto(bytes(size), (SERVER[family], port))
+                sender.sendto(struct.pack("!I", number).ljust(size, b"\0"), (SERVER[family], port))
         finally:
             sender.close()
 
     def way(self, family, port=443, size=8, tos=None):
-        """The uplink that one datagram takes."""
+        """The uplink that one datagram takes; one that was on its way before is another."""
         arrivals = netlab.Arrivals(self.lab, family, port)
+        number = next(self.numbers)
+
+        def uplinks():
+            return "+".join(packet[1] for packet in list(arrivals.packets) if packet[0] == number)
+
         try:
-            self.udp(family, port, size, tos=tos)
-            arrivals.wait(1)
-            return "+".join(arrivals.by_uplink())
+            self.udp(family, port, size, tos=tos, number=number)
+            return self.daemon.until(uplinks, 3.0)
         finally:
             arrivals.close()
 

@@ -110,7 +110,7 @@ class Scene:
             with open(path, "r+b") as file:
                 change(file)
             try:
-                daemon.start(10)
+                daemon.start()
             except netlab.Refused:
                 pass
             lines = [line for line in daemon.errors if "journal" in line and " info " not in line and " notice " not in line]

@@ -116,7 +116,7 @@ class Starting(unittest.TestCase):
                 daemon.kill()
                 self.faults.set(name, error, skip, kind=kind)
                 try:
-                    daemon.start(3)
+                    daemon.start()
                 except netlab.Refused as why:
                     refused += 1
                     self.assertNotEqual("", "".join(daemon.errors), where)  # it says why

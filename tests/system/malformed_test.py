@@ -121,7 +121,7 @@ class SocketsAreGuarded(system_case.MemoryCase):
         import netlab
         second = netlab.Daemon(ns=None, device="memory", root=self.daemon.root)
         with self.assertRaises(netlab.Refused):
-            second.start(5)
+            second.start()
         self.assertEqual(0, self.client.call(21, field=3)[0])
 
     def test_lines_that_are_no_requests_get_an_error(self):

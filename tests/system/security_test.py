@@ -160,7 +160,7 @@ class InTheWay(unittest.TestCase):
     def start(self):
         daemon = netlab.Daemon(ns=None, device="memory", root=self.root)
         try:
-            daemon.start(10)
+            daemon.start()
             return ""
         except netlab.Refused as refused:
             return str(refused)

@@ -1,4 +1,4 @@
-// How much work a change is, in thread time: printed, with bounds wide enough for a debug build.
+// How much work a change is: messages to the kernel, and thread time, which is printed only.
 #include "world.h"
 
 #include <algorithm>
@@ -49,7 +49,7 @@ protected:
     Net far_;
 };
 
-TEST_F(SpeedTest, ANextHopOfAHundredNodesChangesWithinMilliseconds) {
+TEST_F(SpeedTest, ANextHopOfAHundredNodesIsAMessageOrTwoANode) {
     for (uint32_t node = 1; node <= 100; node++) {
         world_.acl(1000 + node, {"permit tcp from 10.1." + std::to_string(node) + ".0/24 to any port 443",
                                  "deny ip from 10.2.0.0/16", "permit udp from 10.3.0.0/16"});
@@ -59,18 +59,21 @@ TEST_F(SpeedTest, ANextHopOfAHundredNodesChangesWithinMilliseconds) {
     report("100 nodes, first installation", storeMs());
     quiet();
     std::vector<double> times, applies;
+    const uint64_t before = device().counters().kernelMessages;
     for (int round = 0; round < 21; round++) {
         nodes(100, round % 2 == 0 ? "192.0.2.2" : "192.0.2.1");
         times.push_back(storeMs());
         applies.push_back(static_cast<double>(device().counters().lastApplyUs) / 1000);
         quiet();
     }
+    const uint64_t messages = (device().counters().kernelMessages - before) / 21;
     std::sort(times.begin(), times.end());
     std::sort(applies.begin(), applies.end());
     report("100 nodes, one next hop changed, median", times[10]);
     report("100 nodes, one next hop changed, worst of 21", times[20]);
     report("100 nodes, of that telling the kernel, median", applies[10]);
-    EXPECT_LT(times[10], 20.0);
+    EXPECT_LE(messages, 2 * 100 + 10u);
+    EXPECT_GE(messages, 1u);
 }
 
 TEST_F(SpeedTest, AChangeOfOneNodeDoesNotGrowWithOtherLists) {
