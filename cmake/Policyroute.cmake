@@ -23,7 +23,9 @@ function(pbr_unity target)
     return()
   endif()
   set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
-  target_compile_options(${target} PRIVATE -Wno-subobject-linkage) # sources are taken for headers
+  if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+    target_compile_options(${target} PRIVATE -Wno-subobject-linkage) # sources are taken for headers
+  endif()
   get_target_property(sources ${target} SOURCES)
   foreach(source ${sources})
     file(REAL_PATH ${source} path BASE_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
