@@ -1,4 +1,4 @@
-// Words for clang's thread-safety analysis (scripts/check-thread-safety.sh); nothing for other compilers.
+// Words for clang's thread-safety analysis (scripts/check-static.sh); nothing for other compilers.
 //
 // They say in the code what the contracts' last lines say: which lock guards what, and who holds it. A function without
 // words is checked as one that holds nothing. Calls through pointers are not followed.

@@ -10,7 +10,8 @@ here=$PWD
 cd "$(dirname "$0")/.."
 root=$PWD
 scripts/setup.sh
-cmake --preset release -B build/static >/dev/null # for its compile commands; nothing is built there
+# For its compile commands, of each source alone; nothing is built there.
+cmake --preset release -B build/static -DPOLICYROUTE_UNITY=OFF >/dev/null
 arguments=()
 for argument in "$@"; do
   [[ -e $here/$argument && $argument != /* ]] && argument=$here/$argument
