@@ -164,13 +164,15 @@ std::string KernelDevice::entryMerge(const RedirectEntry &entry) {
     const EntryKey key{entry.ifUnit, entry.nodeIndex};
     bool isChange = entries.count(key) == 0;
     entries[key].ifUnit = entry.ifUnit;
-    for (auto &[otherKey, other] : entries) {
-        if (otherKey.second != entry.nodeIndex) {
-            continue;
+    // From interface to interface, of each the node: lists have many nodes and few interfaces.
+    for (auto it = entries.begin(); it != entries.end();) {
+        const uint32_t ifUnit = it->first.first;
+        if (const auto other = entries.find({ifUnit, entry.nodeIndex}); other != entries.end()) {
+            const RedirectEntry before = other->second;
+            contentCopy(other->second, entry);
+            isChange = isChange || !(before == other->second);
         }
-        const RedirectEntry before = other;
-        contentCopy(other, entry);
-        isChange = isChange || !(before == other);
+        it = entries.upper_bound({ifUnit, UINT32_MAX});
     }
     return isChange ? entry.list : "";
 }
@@ -253,6 +255,11 @@ int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     const std::optional<RedirectEntry> wanted = hooks_.get(ifUnit, aclNum);
     if (wanted && isDone(*wanted)) {
         return 0; // what else has changed is taken at the end of the run: a run costs one take, not one an entry
+    }
+    if (wanted && kept_.count(wanted->list) != 0 && !isFlushed_ && error_.empty()) {
+        // The kernel sees nothing of it yet: the entry is put in by itself, and the view is taken at the end.
+        (void)entryMerge(*wanted); // what changed is asked at the release
+        return statusOf(wanted->list, {wanted->ifUnit, wanted->nodeIndex}).error.empty() ? 0 : EOPNOTSUPP;
     }
     std::vector<std::string> changed = hooks_.take(state_, false);
     for (const std::string &list : provisionalMerge(!changed.empty(), ifUnit, aclNum)) {

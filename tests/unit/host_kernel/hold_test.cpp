@@ -98,6 +98,42 @@ TEST_F(HoldTest, AnEntryThatCannotBeExpressedIsRefusedAtOnceAndNamedAtTheEnd) {
     EXPECT_TRUE(has(errors[0].error, "priority 9 cannot be set")) << errors[0].error;
 }
 
+TEST_F(HoldTest, ABindingTakesTheViewOnceAtItsEndHoweverManyNodesItHas) {
+    device().hold({"wan"});
+    world_.unbind("wan", "lan0");
+    store();
+    const int before = world_.takes;
+
+    for (uint32_t node = 1; node <= 8; ++node) {
+        world_.acl(1600 + node, {"permit udp from any to any port " + std::to_string(node)});
+        world_.nextHops("wan", "lan0", node, 1600 + node, {"198.51.100.1"});
+        EXPECT_EQ(device().add(unitOf("lan0"), 1600 + node, nullptr), 0);
+    }
+    EXPECT_EQ(world_.takes, before);
+    store();
+    EXPECT_EQ(world_.takes, before + 1);
+
+    EXPECT_TRUE(device().release().empty());
+    EXPECT_EQ(device().show()["entries"].size(), 9u) << "eight, and that of the other list";
+}
+
+TEST_F(HoldTest, WhatIsAddedOnOneInterfaceHoldsForTheNodeOnAllOfThem) {
+    world_.nextHops("wan", "lan1", 20, 1502, {"192.0.2.1"});
+    store();
+    device().hold({"wan"});
+    world_.nextHops("wan", "lan0", 20, 1502, {"198.51.100.1"});
+
+    EXPECT_EQ(device().add(unitOf("lan0"), 1502, nullptr), 0);
+
+    EXPECT_TRUE(device().release().empty());
+    unsigned changed = 0;
+    const nlohmann::json shown = device().show();
+    for (const nlohmann::json &entry : shown["entries"]) {
+        changed += entry["node"] == 20 && entry.dump().find("198.51.100.1") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(changed, 2u) << shown["entries"].dump(1);
+}
+
 TEST_F(HoldTest, OnTrialItTellsWhatItWouldRefuseAndTouchesNothing) {
     const std::string before = table();
     device().hold({"wan"});
