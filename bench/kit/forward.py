@@ -36,9 +36,9 @@ def full():
 
 def quick():
     points = [(4, kind, count, tuple(PATTERNS) if count == 1000 else ("last",))
-              for kind in policies.KINDS for count in (1, 10, 100, 1000, 5000, 10000)]
+              for kind in policies.KINDS for count in (1, 100, 1000, 10000 if kind == "exact" else 5000)]
     points += [(6, "exact", 1, ("last",)), (6, "exact", 1000, ("last", "unbound"))]
-    return Plan(points, rounds=2, seconds=0.12, longest_install=15.0)
+    return Plan(points, rounds=2, seconds=0.12, longest_install=40.0)
 
 
 def smoke():
@@ -70,7 +70,7 @@ class Forwarding:
         for family, kind, count, patterns in self.plan.points:
             installed = []
             for carrier in self.carried:
-                why = given_up.get((carrier.name, family, kind)) or carrier.can(kind, family, count)
+                why = self._given_up(given_up, carrier, count) or carrier.can(kind, family, count)
                 if not why:
                     try:
                         carrier.install(kind, family, count, seconds=self.plan.longest_install)
@@ -79,7 +79,7 @@ class Forwarding:
                     except (Broken, subprocess.SubprocessError, OSError) as error:
                         why = str(error) if isinstance(error, Broken) else f"{count:,} nodes: {type(error).__name__}"
                         carrier.remove()
-                        given_up[carrier.name, family, kind] = why  # more nodes will not do either
+                        given_up.setdefault(carrier.name, (count, why))
                         self.say(f"  {carrier.title}: IPv{family} {kind} {count}: {why}")
                 results += [dict(family=family, kind=kind, nodes=count, pattern=pattern, carrier=carrier.name, skipped=why)
                             for pattern in patterns]
@@ -88,6 +88,12 @@ class Forwarding:
             for carrier in installed:
                 carrier.remove()
         return results
+
+    @staticmethod
+    def _given_up(given_up, carrier, count):
+        """Why so many nodes will not do either, whatever their kind; None while it is not known."""
+        most, why = given_up.get(carrier.name, (None, None))
+        return why if most is not None and count >= most else None
 
     def _check_the_yardstick(self):
         """Routers without any policy must be alike, or nothing can be compared."""

@@ -72,7 +72,7 @@ class Idle:
         count, text = policy(case)
         carrier.start(count, ["host.journal=off"])
         if text:
-            carrier.apply(text, 20.0 if self.pace == "quick" else 120.0)
+            carrier.apply(text, 40.0 if self.pace == "quick" else 120.0)
             carrier.settle(count)
         time.sleep(1.0)
         pid = carrier.daemon.process.pid

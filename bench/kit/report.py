@@ -34,7 +34,8 @@ def insert(path, text):
 def compose(results, prefix):
     """Result: the text, and pictures by file name."""
     lines, pictures = aims.section(results) + [""], {}
-    for part, section in (("forward", forwarding), ("failover", failing_over), ("apply", applying), ("daemon", operations), ("idle", idling)):
+    sections = {"forward": forwarding, "failover": failing_over, "apply": applying, "daemon": operations, "idle": idling}
+    for part, section in sections.items():
         if part in results:
             lines += section(results[part], prefix, pictures) + [""]
     return "\n".join(lines), pictures
