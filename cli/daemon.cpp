@@ -181,6 +181,26 @@ nlohmann::json Daemon::mgmt(const std::string &op, nlohmann::json request) {
     return mustBeOk(mgmtAsk(op, std::move(request)));
 }
 
+std::vector<nlohmann::json> Daemon::mgmtMany(const std::string &op, std::vector<nlohmann::json> requests) {
+    std::string why, lines;
+    if (!mgmtConnect(why)) {
+        throw NoDaemon(notReachable(why));
+    }
+    for (nlohmann::json &request : requests) {
+        lines += requestLine(op, std::move(request));
+    }
+    return mgmtGuarded([&] {
+        sendAll(mgmtFd, lines);
+        std::vector<nlohmann::json> answers;
+        while (answers.size() < requests.size()) {
+            answers.push_back(answerRead(mgmtFd, mgmtRest));
+        }
+        return answers;
+    });
+}
+
+void Daemon::mgmtMustBeOk(const nlohmann::json &answer) { (void)mustBeOk(answer); }
+
 void Daemon::mgmtSend(const std::string &op, nlohmann::json request) {
     std::string why;
     if (!mgmtConnect(why)) {

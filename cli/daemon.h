@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -30,6 +31,13 @@ public:
     // One request to the management socket; `op` is put into it. Result: the answer, whose "ok" is true.
     // Throws Refused with the daemon's text (NotOffered when it does not know the operation), NoDaemon.
     nlohmann::json mgmt(const std::string &op, nlohmann::json request = nlohmann::json::object());
+
+    // Many requests of one operation, sent ahead of their answers, which stay short. Result: each one's answer, whatever its
+    // "ok" is. Throws NoDaemon.
+    std::vector<nlohmann::json> mgmtMany(const std::string &op, std::vector<nlohmann::json> requests);
+
+    // Throws Refused with the text of an answer whose "ok" is false (NotOffered when the operation is not known).
+    static void mgmtMustBeOk(const nlohmann::json &answer);
 
     // As mgmt; none where the daemon has no management socket or does not know the operation: a switch's
     // platform brings its own. Throws NoDaemon when the connection breaks.

@@ -72,14 +72,26 @@ struct Batch {
     }
 };
 
+// Result: each set's answer. Throws NoDaemon.
+std::vector<client::CommandAnswer> batchSend(Daemon &daemon, const Batch &batch) {
+    std::vector<client::CommandAnswer> answers;
+    if (!batch.requests.empty()) {
+        must(client::commandCallMany(daemon.command(), batch.requests, answers), batch.whats.front());
+    }
+    return answers;
+}
+
+void mustBeDone(const client::CommandAnswer &answer, const std::string &what) {
+    if (answer.result != PBR_OK) {
+        must({client::COMMAND_REFUSED, answer.result, client::resultDescribe(answer.result)}, what);
+    }
+}
+
 // Throws the first refusal of a batch, when all have been answered.
 void batchDo(Daemon &daemon, const Batch &batch) {
-    std::vector<client::CommandAnswer> answers;
-    must(client::commandCallMany(daemon.command(), batch.requests, answers), batch.whats.front());
+    const std::vector<client::CommandAnswer> answers = batchSend(daemon, batch);
     for (size_t i = 0; i < answers.size(); i++) {
-        if (answers[i].result != PBR_OK) {
-            must({client::COMMAND_REFUSED, answers[i].result, client::resultDescribe(answers[i].result)}, batch.whats[i]);
-        }
+        mustBeDone(answers[i], batch.whats[i]);
     }
 }
 
@@ -187,6 +199,8 @@ nlohmann::json rulesJson(const AclRules &rules) {
     return texts;
 }
 
+nlohmann::json aclRequest(uint32_t acl, const AclRules &rules) { return {{"acl", acl}, {"rules", rulesJson(rules)}}; }
+
 } // namespace
 
 void listMake(Daemon &daemon, const std::string &name, bool active) {
@@ -212,11 +226,12 @@ void listRemove(Daemon &daemon, const std::string &name) {
         "list " + name + ": remove");
 }
 
-void nodeMake(Daemon &daemon, const std::string &list, const Node &node) {
+namespace {
+
+// All of a node that was created.
+void nodeFill(Batch &batch, const std::string &list, const Node &node) {
     const Bytes key = client::keyOfNode(list, node.index);
     const std::string place = nodePlace(list, node.index);
-    set(daemon, PBR_CMD_NODE_SET, key, PBR_NODE_STATUS, PBR_ROW_CREATED, place + ": create");
-    Batch batch;
     nodeFieldsSet(batch, list, node);
     for (const NextHop &nextHop : node.nextHops) {
         const Bytes hopKey = client::keyOfNode(list, node.index, nextHop.index);
@@ -231,9 +246,56 @@ void nodeMake(Daemon &daemon, const std::string &list, const Node &node) {
         batch.set(PBR_CMD_NODE_SET, key, PBR_NODE_TIME_RANGE_ID, *node.timeRange,
                   place + ": time-range " + std::to_string(*node.timeRange));
     }
-    if (!batch.requests.empty()) {
-        undoing([&] { batchDo(daemon, batch); }, [&] { nodeRemove(daemon, list, node.index); });
+}
+
+// Nodes to be made, one after the other or together.
+struct NodeWanted {
+    const std::string &list;
+    const Node &node;
+};
+
+// First all are created, then those are filled that were: a node that is another's already is not touched. Throws the first
+// refusal; at: which node it was.
+void nodesMake(Daemon &daemon, const std::vector<NodeWanted> &wanted, size_t &at) {
+    Batch creates, fills;
+    std::vector<size_t> owners; // of the fills
+    for (const auto &[list, node] : wanted) {
+        creates.set(PBR_CMD_NODE_SET, client::keyOfNode(list, node.index), PBR_NODE_STATUS, PBR_ROW_CREATED,
+                    nodePlace(list, node.index) + ": create");
     }
+    const std::vector<client::CommandAnswer> created = batchSend(daemon, creates);
+    const auto isDone = [](const client::CommandAnswer &answer) { return answer.result == PBR_OK; };
+    const auto firstBad = std::find_if_not(created.begin(), created.end(), isDone);
+    for (size_t i = 0; i < static_cast<size_t>(firstBad - created.begin()); i++) {
+        nodeFill(fills, wanted[i].list, wanted[i].node);
+        owners.resize(fills.requests.size(), i);
+    }
+    undoing(
+        [&] {
+            const std::vector<client::CommandAnswer> filled = batchSend(daemon, fills);
+            for (size_t i = 0; i < filled.size(); i++) {
+                at = owners[i];
+                mustBeDone(filled[i], fills.whats[i]);
+            }
+            if (firstBad != created.end()) {
+                at = static_cast<size_t>(firstBad - created.begin());
+                mustBeDone(*firstBad, creates.whats[at]);
+            }
+        },
+        [&] {
+            for (size_t i = wanted.size(); i-- > at;) {
+                if (isDone(created[i])) {
+                    nodeRemove(daemon, wanted[i].list, wanted[i].node.index);
+                }
+            }
+        });
+}
+
+} // namespace
+
+void nodeMake(Daemon &daemon, const std::string &list, const Node &node) {
+    size_t at = 0;
+    nodesMake(daemon, {{list, node}}, at);
 }
 
 void nodeRemove(Daemon &daemon, const std::string &list, uint32_t index) {
@@ -310,7 +372,7 @@ void bindRemove(Daemon &daemon, uint32_t unit, const std::string &interface) {
 }
 
 void aclPut(Daemon &daemon, uint32_t acl, const AclRules &rules) {
-    (void)daemon.mgmt("acl.replace", {{"acl", acl}, {"rules", rulesJson(rules)}}); // warnings concern removals only
+    (void)daemon.mgmt("acl.replace", aclRequest(acl, rules)); // warnings concern removals only
 }
 
 void aclRemove(Daemon &daemon, uint32_t acl) { (void)daemon.mgmt("acl.destroy", {{"acl", acl}}); }
@@ -359,6 +421,67 @@ void stepDo(Daemon &daemon, const Step &step) {
     case StepKind::NodeMake: return nodeMake(daemon, step.list, step.node);
     case StepKind::ListRemove: return listRemove(daemon, step.list);
     case StepKind::ListMake: return listMake(daemon, step.list, step.listActive);
+    }
+}
+
+namespace {
+
+constexpr size_t TOGETHER_MOST = 64;
+
+// Those that were done behind a refused one are undone.
+void aclsPut(Daemon &daemon, const std::vector<Step> &steps, size_t from, size_t count, size_t &at) {
+    std::vector<nlohmann::json> requests;
+    for (size_t i = from; i < from + count; i++) {
+        requests.push_back(aclRequest(steps[i].acl, steps[i].rules));
+    }
+    const std::vector<nlohmann::json> answers = daemon.mgmtMany("acl.replace", std::move(requests));
+    undoing(
+        [&] {
+            for (at = from; at < from + count; at++) {
+                Daemon::mgmtMustBeOk(answers[at - from]); // warnings concern removals only
+            }
+        },
+        [&] {
+            for (size_t i = from + count - 1; i > at; i--) {
+                if (answers[i - from]["ok"].get<bool>()) {
+                    stepDo(daemon, stepUndo(steps[i]));
+                }
+            }
+        });
+}
+
+} // namespace
+
+size_t stepsTogether(const std::vector<Step> &steps, size_t from) {
+    const StepKind kind = steps[from].kind;
+    if (kind != StepKind::NodeMake && kind != StepKind::AclPut) {
+        return 1;
+    }
+    size_t count = 1;
+    while (count < TOGETHER_MOST && from + count < steps.size() && steps[from + count].kind == kind) {
+        count++;
+    }
+    return count;
+}
+
+void stepsDo(Daemon &daemon, const std::vector<Step> &steps, size_t from, size_t count, size_t &at) {
+    at = from;
+    if (steps[from].kind == StepKind::AclPut) {
+        return aclsPut(daemon, steps, from, count, at);
+    }
+    if (steps[from].kind != StepKind::NodeMake) {
+        return stepDo(daemon, steps[from]);
+    }
+    std::vector<NodeWanted> nodes;
+    for (size_t i = from; i < from + count; i++) {
+        nodes.push_back({steps[i].list, steps[i].node});
+    }
+    size_t refused = 0;
+    try {
+        nodesMake(daemon, nodes, refused);
+    } catch (...) {
+        at = from + refused;
+        throw;
     }
 }
 

@@ -46,6 +46,14 @@ void otherwiseSet(Daemon &daemon, const NodePlace &place, bool isDrop);
 // Does a step of a plan.
 void stepDo(Daemon &daemon, const Step &step);
 
+// How many steps from steps[from] on can be done together, which costs one or two waits for all of them: at least 1, at
+// most 64, of one kind.
+size_t stepsTogether(const std::vector<Step> &steps, size_t from);
+
+// Does these steps (stepsTogether). Throws as stepDo does; `at` is then the step that was refused: those before it are
+// done, and nothing is left of it and of those behind it.
+void stepsDo(Daemon &daemon, const std::vector<Step> &steps, size_t from, size_t count, size_t &at);
+
 } // namespace cli
 
 #endif

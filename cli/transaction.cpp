@@ -163,21 +163,23 @@ void stopCheck(Transaction &of, const std::string &before, size_t doneCount) {
     }
 }
 
-void stepsDo(Transaction &of) {
+void planStepsDo(Transaction &of) {
     const std::vector<Step> &steps = of.plan.steps;
-    for (size_t i = 0; i < steps.size(); i++) {
-        const std::string number = "step " + std::to_string(i + 1) + " of " + std::to_string(steps.size());
-        stopCheck(of, number + ", " + stepText(steps[i]), i);
+    const auto number = [&](size_t i) { return "step " + std::to_string(i + 1) + " of " + std::to_string(steps.size()); };
+    for (size_t from = 0, count = 0; from < steps.size(); from += count) {
+        size_t i = from;
+        stopCheck(of, number(i) + ", " + stepText(steps[i]), i);
+        count = stepsTogether(steps, from);
         try {
-            stepDo(of.daemon, steps[i]);
+            stepsDo(of.daemon, steps, from, count, i);
         } catch (const NotOffered &) {
             refuse(of, of.where(stepPlaces(steps[i], "")) + "this daemon does not offer what is needed to " +
                            stepText(steps[i]) + ": it is older than this pbrctl, or runs on another platform", i);
         } catch (const Refused &refusal) {
-            refuse(of, of.where(stepPlaces(steps[i], refusal.what())) + "refused at " + number + ", " + stepText(steps[i]) + ":\n" +
+            refuse(of, of.where(stepPlaces(steps[i], refusal.what())) + "refused at " + number(i) + ", " + stepText(steps[i]) + ":\n" +
                            refusal.what(), i);
         } catch (const NoDaemon &lost) {
-            lose(of, "the daemon went away at " + number + ", " + stepText(steps[i]), lost.what(), i);
+            lose(of, "the daemon went away at " + number(i) + ", " + stepText(steps[i]), lost.what(), i);
         }
     }
 }
@@ -242,7 +244,7 @@ void planDo(Daemon &daemon, const Policy &before, const Plan &plan, const Where 
         } catch (const Refused &refusal) {
             throw Refused(std::string(refusal.what()) + "\nNothing was changed.");
         }
-        stepsDo(of);
+        planStepsDo(of);
     }
     try {
         planeTake(of);

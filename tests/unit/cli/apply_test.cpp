@@ -1,4 +1,5 @@
 // Tests of `pbrctl apply` against a daemon in the test: whole or not at all, whichever change is refused.
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 
@@ -148,6 +149,41 @@ TEST_F(Apply, WhicheverChangeIsRefusedThePolicyIsAsBefore) {
     }
     EXPECT_GT(refused, 30); // every change of the plan was refused once
     EXPECT_EQ(daemon.store().interfaces.at(8), "v6");
+}
+
+// Steps that are done together are told apart: 100 ACLs and 100 nodes, each on a line of its own.
+TEST_F(Apply, OfManyNodesAndAclsTheRefusedOneIsNamedAndNothingIsLeftOfThoseBehindIt) {
+    std::string acls = "acls:\n", nodes = "lists:\n  wan:\n";
+    for (int n = 1; n <= 100; n++) {
+        acls += "  " + std::to_string(1500 + n) + ": {10: permit ip}\n";
+        nodes += "    " + std::to_string(n) + ": {acl: " + std::to_string(1500 + n) + ", next-hops: [192.0.2.1]}\n";
+    }
+    const std::string text = acls + nodes;
+    ASSERT_EQ(apply("acls:\n  1570: {10: deny ip}\n"), cli::EXIT_DONE) << daemon.err;
+    const FakeStore before = daemon.store();
+    daemon.logClear();
+    const int first = daemon.changes();
+    ASSERT_EQ(apply(text), cli::EXIT_DONE) << daemon.err;
+    std::vector<std::string> log = daemon.log();
+    std::erase_if(log, [](const std::string &line) { return line.rfind("apply.", 0) == 0; }); // who changes, and that it ended
+    ASSERT_EQ(log.size(), static_cast<size_t>(daemon.changes() - first));
+    ASSERT_EQ(apply("acls:\n  1570: {10: deny ip}\n"), cli::EXIT_DONE) << daemon.err;
+
+    const auto refusedAt = [&](const std::string &change, const std::string &line, const std::string &what) {
+        const auto found = std::find(log.begin(), log.end(), change);
+        ASSERT_NE(found, log.end()) << change;
+        daemon.failChange(static_cast<int>(found - log.begin()) + 1);
+        ASSERT_EQ(apply(text), cli::EXIT_REFUSED);
+        daemon.failChange(0);
+        EXPECT_TRUE(hasErr("policy.yaml:" + line + ": refused at step ")) << daemon.err;
+        EXPECT_TRUE(hasErr(what)) << daemon.err;
+        EXPECT_TRUE(daemon.store() == before) << daemon.err;
+    };
+    refusedAt("node wan/70 field 1 = 2", "173", "make node wan/70 ");
+    refusedAt("node wan/70 field 4 = 1570", "173", "make node wan/70 ");
+    refusedAt("node wan/3 field 1 = 1", "106", "make node wan/3 ");
+    refusedAt(*std::find_if(log.begin(), log.end(), [](const std::string &line) { return line.find("1570") != std::string::npos; }),
+              "71", "1570");
 }
 
 TEST_F(Apply, WheneverItIsInterruptedThePolicyIsAsBefore) {
