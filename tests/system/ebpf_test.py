@@ -161,9 +161,9 @@ class ManyRules(EbpfCase):
             lambda: "1 received" in netlab.run("ping -c 1 -W 1 10.77.0.1", "lan", check=False).stdout, 5))
 
     def test_rules_that_do_not_fit_are_left_to_nftables_and_none_is_missed(self):
-        # More prefixes of both ports than the program has room for: the last rule stays behind.
-        rules = ", ".join(f"{n}: permit udp from 10.0.0.0/{8 + n % 20} port {1000 + n}-{1001 + 3 * n} to any port "
-                          f"{2000 + n}-{2003 + 5 * n}" for n in range(1, 60))
+        # More pairs of prefix lengths than the program has room for: the last rule stays behind.
+        rules = ", ".join(f"{n}: permit udp from 10.0.0.0/{8 + n % 10} to 198.0.0.0/{8 + n // 10} port 99"
+                          for n in range(1, 81))
         self.daemon.apply(policy({10: f"acl: 1501, next-hops: {hops('upc')}", 20: f"acl: 1502, next-hops: {hops('upa')}"},
                                  acls=f"acls:\n  1501: {{{rules}}}\n  1502: {{10: permit udp from any to any port 443}}\n"))
         self.all_by("upa")

@@ -1,7 +1,7 @@
 // Rules as masked keys: see ebpf_image.h. Called by the ingress stage; calls nothing but values of aclrule/.
 //
 // Invariants: a tuple's `least` is the rank of the rule that made it, so that tuples ascend; the hits of an entry
-// ascend, and behind a permit rule there is none; the deny rules of an entry are of different nodes.
+// ascend, and behind one without ranges stands none that no packet comes to.
 #include "host/device/ebpf/ebpf_image.h"
 
 #include <algorithm>
@@ -47,8 +47,10 @@ class PairMaker {
 public:
     PairMaker(const AclRule &rule, int family) : rule_(rule), family_(family), tail_(family == 6 ? TAIL_6 : TAIL_4) {}
 
-    // Result: none also when there are too many, and *pTooMany.
-    std::vector<Pair> make(bool *pTooMany) {
+    // isSpread: ranges become prefixes, else they are left to the hit. Result: none also when there are too many, and
+    // *pTooMany.
+    std::vector<Pair> make(bool isSpread, bool *pTooMany) {
+        isSpread_ = isSpread;
         fixed();
         if (!rule_.length.any && !spreadLength()) {
             return {}; // longer than what the program looks at
@@ -125,7 +127,11 @@ private:
         if (rule_.length.first > LENGTH_MOST) {
             return false;
         }
-        spread(prefixesOf(rule_.length.first, std::min(rule_.length.last, LENGTH_MOST)), [](Pair &pair, const auto &prefix) {
+        const uint32_t last = std::min(rule_.length.last, LENGTH_MOST);
+        if (!isSpread_ && rule_.length.first != last) {
+            return true;
+        }
+        spread(prefixesOf(rule_.length.first, last), [](Pair &pair, const auto &prefix) {
             pair.mask.v4.head.length = prefix.first;
             pair.value.v4.head.length = prefix.second;
         });
@@ -133,7 +139,7 @@ private:
     }
 
     void spreadPorts(const aclrule::AclPorts &ports, size_t offset) {
-        if (ports.any) {
+        if (ports.any || (!isSpread_ && ports.first != ports.last)) {
             return;
         }
         spread(prefixesOf(ports.first, ports.last), [&](Pair &pair, const auto &prefix) {
@@ -169,8 +175,24 @@ private:
     const int family_;
     const size_t tail_;
     std::vector<Pair> pairs_ = {Pair{}};
-    bool isTooMany_ = false;
+    bool isSpread_ = false, isTooMany_ = false;
 };
+
+// A hit that asks for nothing beyond its key.
+EbpfHit bareHit(uint32_t rank) {
+    EbpfHit hit{};
+    hit.rank = rank;
+    std::fill(std::begin(hit.last), std::end(hit.last), uint16_t{LENGTH_MOST});
+    return hit;
+}
+
+void rangeAsk(EbpfHit &hit, int which, uint32_t first, uint32_t last) {
+    if (first != last) {
+        hit.first[which] = static_cast<uint16_t>(first);
+        hit.last[which] = static_cast<uint16_t>(std::min(last, LENGTH_MOST));
+        hit.isRanged = 1;
+    }
+}
 
 struct KeyHash {
     size_t operator()(const EbpfKey &key) const {
@@ -220,8 +242,14 @@ private:
         if (rules_[rank].rule.fragments) {
             return ""; // of what the program looks at nothing is a fragment
         }
+        // Ranges are asked for at the hit, as long as a key has room for one more.
+        return addAs(rank, false).empty() ? "" : addAs(rank, true);
+    }
+
+    // isSpread: the ranges as prefixes.
+    std::string addAs(uint32_t rank, bool isSpread) {
         bool isTooMany = false;
-        std::vector<Pair> pairs = PairMaker(rules_[rank].rule, family_).make(&isTooMany);
+        std::vector<Pair> pairs = PairMaker(rules_[rank].rule, family_).make(isSpread, &isTooMany);
         if (isTooMany) {
             return "its ranges fall into more than " + std::to_string(EBPF_PAIRS_MOST) + " prefixes";
         }
@@ -241,12 +269,13 @@ private:
             }
             pair.value.v4.head.tuple = static_cast<uint16_t>(it->second);
         }
-        if (!haveRoom(pairs, rank)) {
+        const EbpfHit hit = hitOf(rank, isSpread);
+        if (!haveRoom(pairs, hit)) {
             tuplesForget(tuplesBefore);
-            return "more than " + std::to_string(EBPF_HITS) + " deny rules ask for the very same";
+            return "more than " + std::to_string(EBPF_HITS) + " rules ask for the very same";
         }
         for (const Pair &pair : pairs) {
-            put(pair.value, rank);
+            put(pair.value, hit);
         }
         return "";
     }
@@ -259,41 +288,62 @@ private:
         image_.policy.count = from;
     }
 
-    // The place in an entry's hits for a rule behind those there; EBPF_HITS: none is free; none: the rule is
-    // never asked by packets of this key.
-    uint32_t placeFor(const EbpfEntry &entry, uint32_t rank, bool *pNeeded) const {
+    EbpfHit hitOf(uint32_t rank, bool isSpread) const {
+        const EbpfRule &rule = rules_[rank];
+        EbpfHit hit = bareHit(rank);
+        hit.rule = rule.count;
+        hit.node = rule.node;
+        hit.next = rule.rule.permit ? 0 : nexts_[rank];
+        if (isSpread) {
+            return hit;
+        }
+        const aclrule::AclPorts &from = rule.rule.sourcePorts, &to = rule.rule.destinationPorts;
+        if (!from.any) {
+            rangeAsk(hit, EBPF_SOURCE_PORT, from.first, from.last);
+        }
+        if (!to.any) {
+            rangeAsk(hit, EBPF_DESTINATION_PORT, to.first, to.last);
+        }
+        if (!rule.rule.length.any) {
+            rangeAsk(hit, EBPF_LENGTH, rule.rule.length.first, rule.rule.length.last);
+        }
+        return hit;
+    }
+
+    // The place in an entry's hits for a rule behind those there; EBPF_HITS: none is free. Not *pNeeded: no packet
+    // of this key comes to the rule.
+    static uint32_t placeFor(const EbpfEntry &entry, const EbpfHit &hit, bool *pNeeded) {
         uint32_t i = 0;
         *pNeeded = true;
         while (i < EBPF_HITS && entry.hits[i].rank != EBPF_NO_RANK) {
-            *pNeeded = *pNeeded && entry.hits[i].next != 0 && entry.hits[i].next <= rank;
+            const EbpfHit &before = entry.hits[i];
+            const bool isEnd = before.isRanged == 0 && (before.next == 0 || before.next > hit.rank);
+            *pNeeded = *pNeeded && !isEnd;
             i++;
         }
         return i;
     }
 
-    bool haveRoom(const std::vector<Pair> &pairs, uint32_t rank) const {
+    bool haveRoom(const std::vector<Pair> &pairs, const EbpfHit &hit) const {
         return std::all_of(pairs.begin(), pairs.end(), [&](const Pair &pair) {
             const auto found = places_.find(pair.value);
             bool isNeeded = true;
-            return found == places_.end() || placeFor(image_.entries[found->second].second, rank, &isNeeded) < EBPF_HITS || !isNeeded;
+            return found == places_.end() || placeFor(image_.entries[found->second].second, hit, &isNeeded) < EBPF_HITS || !isNeeded;
         });
     }
 
-    void put(const EbpfKey &key, uint32_t rank) {
+    void put(const EbpfKey &key, const EbpfHit &hit) {
         const auto [it, isNew] = places_.try_emplace(key, image_.entries.size());
         if (isNew) {
             EbpfEntry none{};
-            for (EbpfHit &hit : none.hits) {
-                hit.rank = EBPF_NO_RANK;
-            }
+            std::fill(std::begin(none.hits), std::end(none.hits), bareHit(EBPF_NO_RANK));
             image_.entries.emplace_back(key, none);
         }
         EbpfEntry &entry = image_.entries[it->second].second;
         bool isNeeded = true;
-        const uint32_t at = placeFor(entry, rank, &isNeeded);
+        const uint32_t at = placeFor(entry, hit, &isNeeded);
         if (isNeeded) {
-            const EbpfRule &rule = rules_[rank];
-            entry.hits[at] = {rank, rule.count, rule.node, rule.rule.permit ? 0 : nexts_[rank]};
+            entry.hits[at] = hit;
         }
     }
 

@@ -17,7 +17,7 @@ namespace host {
 
 enum {
     EBPF_TUPLES = 60,   /* of a policy, at most: its size stays below a page */
-    EBPF_HITS = 4,      /* rules with the very same key that can all matter: deny rules and what stands behind */
+    EBPF_HITS = 8,      /* rules of the very same key: of other ranges, deny rules and what stands behind */
     EBPF_PASSES = 6,    /* deny rules of different nodes that one packet may meet */
     EBPF_WORDS_4 = 4,   /* of an IPv4 key */
     EBPF_WORDS_6 = 7,
@@ -78,11 +78,18 @@ struct EbpfPolicy {
     struct EbpfTuple tuples[EBPF_TUPLES]; /* ascending by least */
 };
 
+/* Ends of ranges that a rule asks for besides, machine order, both inclusive: of the source and the destination port and
+ * of the length. */
+enum { EBPF_SOURCE_PORT, EBPF_DESTINATION_PORT, EBPF_LENGTH, EBPF_RANGES };
+
 struct EbpfHit {
     uint32_t rank; /* EBPF_NO_RANK: none here, nor behind */
     uint32_t rule; /* its counter */
     uint32_t node; /* place in the nodes; permit rules */
     uint32_t next; /* deny rules: the first rank of the next node; permit rules: 0 */
+    uint16_t first[EBPF_RANGES], last[EBPF_RANGES];
+    uint16_t isRanged; /* 0: no range is asked for */
+    uint16_t zero;
 };
 
 struct EbpfEntry {
@@ -118,10 +125,16 @@ struct EbpfLocal {
     uint8_t zeros[3];
 };
 
+/* A bit for each value that an address of this machine may fold to: of most others one look at it is enough. */
+enum { EBPF_FOLDS = 65536 };
+
+static inline uint32_t ebpfFold(uint32_t word) { return (word * 0x9e3779b1u) >> 16; }
+static inline uint32_t ebpfFold6(const uint32_t *words) { return ebpfFold(words[0] ^ words[1] * 3 ^ words[2] * 5 ^ words[3] * 7); }
+
 #ifdef __cplusplus
 static_assert(sizeof(EbpfKey4) == 8 * EBPF_WORDS_4 && sizeof(EbpfKey6) == 8 * EBPF_WORDS_6);
 static_assert(sizeof(EbpfTuple) == 64 && sizeof(EbpfPolicy) <= 4096 - 64);
-static_assert(sizeof(EbpfHit) == 16 && sizeof(EbpfNode) == 8 && sizeof(EbpfCount) == 16 && sizeof(EbpfLocal) == 24);
+static_assert(sizeof(EbpfHit) == 32 && sizeof(EbpfNode) == 8 && sizeof(EbpfCount) == 16 && sizeof(EbpfLocal) == 24);
 } /* namespace host */
 #endif
 

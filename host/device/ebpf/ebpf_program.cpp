@@ -40,6 +40,24 @@ std::string ebpfError(const std::string &what, int error) {
     return error == 0 ? "" : what + ": " + strerror(error < 0 ? -error : error);
 }
 
+// Prefixes that the program looks at by itself have no fold; any other prefix may be of every fold.
+std::vector<uint64_t> foldsOf(const std::vector<EbpfLocal> &locals) {
+    std::vector<uint64_t> folds(EBPF_FOLDS / 64);
+    for (const EbpfLocal &local : locals) {
+        const bool isWhole = local.prefixLen == (local.family == 6 ? 8 + 128 : 8 + 32);
+        const bool isByItself = local.family == 6 ? local.address[0] == 0xff || (local.address[0] == 0xfe && (local.address[1] & 0xc0) == 0x80)
+                                                  : local.address[0] == 127 || local.address[0] >= 224;
+        if (!isWhole && !isByItself) {
+            return std::vector<uint64_t>(EBPF_FOLDS / 64, UINT64_MAX);
+        }
+        uint32_t words[4];
+        memcpy(words, local.address, sizeof words);
+        const uint32_t fold = local.family == 6 ? ebpfFold6(words) : ebpfFold(words[0]);
+        folds[fold / 64] |= uint64_t{1} << fold % 64;
+    }
+    return folds;
+}
+
 struct LocalLess {
     bool operator()(const EbpfLocal &left, const EbpfLocal &right) const { return memcmp(&left, &right, sizeof left) < 0; }
 };
@@ -48,8 +66,9 @@ struct LocalLess {
 
 struct EbpfProgram::Maps {
     bpf_object *pObject = nullptr;
-    int program = -1, policies = -1, entries4 = -1, entries6 = -1, nodes = -1, counts = -1, locals = -1;
+    int program = -1, policies = -1, entries4 = -1, entries6 = -1, nodes = -1, counts = -1, locals = -1, folds = -1;
     std::set<EbpfLocal, LocalLess> held; // of the map `locals`
+    std::vector<uint64_t> foldsHeld = std::vector<uint64_t>(EBPF_FOLDS / 64);
 
     ~Maps() { bpf_object__close(pObject); }
     int entries(int family) const { return family == 6 ? entries6 : entries4; }
@@ -89,6 +108,7 @@ std::string EbpfProgram::load(const EbpfOptions &options) {
     pMaps_->nodes = fdOf("nodes");
     pMaps_->counts = fdOf("counts");
     pMaps_->locals = fdOf("locals");
+    pMaps_->folds = fdOf("folds");
     return "";
 }
 
@@ -163,6 +183,16 @@ void EbpfProgram::countClear(uint32_t place) {
     (void)bpf_map_update_elem(pMaps_->counts, &place, none.data(), BPF_ANY); // an array's places are always there
 }
 
+std::string EbpfProgram::foldsPut(const std::vector<uint64_t> &wanted) {
+    for (uint32_t at = 0; at < wanted.size(); at++) {
+        if (wanted[at] != pMaps_->foldsHeld[at] && bpf_map_update_elem(pMaps_->folds, &at, &wanted[at], BPF_ANY) != 0) {
+            return ebpfError("the kernel does not take an address of this machine", errno);
+        }
+        pMaps_->foldsHeld[at] = wanted[at];
+    }
+    return "";
+}
+
 std::string EbpfProgram::localsPut(const std::vector<EbpfLocal> &locals) {
     const std::set<EbpfLocal, LocalLess> wanted(locals.begin(), locals.end());
     const uint32_t one = 1;
@@ -174,6 +204,8 @@ std::string EbpfProgram::localsPut(const std::vector<EbpfLocal> &locals) {
         }
         pMaps_->held.insert(local);
     }
+    const std::string foldsError = foldsPut(foldsOf(locals));
+    error = error.empty() ? foldsError : error;
     for (auto it = pMaps_->held.begin(); it != pMaps_->held.end();) {
         if (wanted.count(*it) == 0) {
             (void)bpf_map_delete_elem(pMaps_->locals, &*it); // one that is not there is gone

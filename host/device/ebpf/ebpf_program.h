@@ -49,6 +49,7 @@ public:
     int fd() const; // of the program
 
 private:
+    std::string foldsPut(const std::vector<uint64_t> &wanted);
     struct Maps;
     std::unique_ptr<Maps> pMaps_;
 };

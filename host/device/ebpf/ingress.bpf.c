@@ -34,6 +34,14 @@
 // Written by the loader before the program is.
 const volatile struct EbpfOptions options = {};
 
+// Which folds of addresses the map `locals` may have something for.
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(max_entries, EBPF_FOLDS / 64);
+    __type(key, uint32_t);
+    __type(value, uint64_t);
+} folds SEC(".maps");
+
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
     __uint(map_flags, BPF_F_NO_PREALLOC);
@@ -85,22 +93,50 @@ struct search {
     union EbpfKey key; // the packet's
     uint32_t is6;
     uint32_t from;     // ranks below were asked already
-    struct EbpfHit best;
+    uint32_t rank, rule, node, next; // of the best hit
+    uint16_t values[EBPF_RANGES];
+    uint16_t tuple;    // asked next
+    uint32_t passes;   // deny rules met, and their counters
+    uint32_t denied[8];
 };
 
-static long tupleAsk(uint64_t index, struct search *s) {
-    struct EbpfPolicy *policy = s->policy;
-    if (index >= policy->count) {
+static __always_inline int isInside(const struct EbpfHit *hit, const uint16_t *values) {
+    int inside = 1;
+#pragma unroll
+    for (int i = 0; i < EBPF_RANGES; i++) {
+        inside &= (uint16_t)(values[i] - hit->first[i]) <= (uint16_t)(hit->last[i] - hit->first[i]);
+    }
+    return inside;
+}
+
+// All tuples were asked. Result: 1: that was all; 0: a deny rule was met, they are asked again for what comes behind
+// its node.
+static __always_inline long passEnd(struct search *s) {
+    if (s->rank == EBPF_NO_RANK || s->next == 0 || s->passes >= EBPF_PASSES) {
         return 1;
     }
+    s->denied[s->passes & 7] = s->rule;
+    s->passes++;
+    s->from = s->next;
+    s->rank = EBPF_NO_RANK;
+    s->tuple = 0;
+    return 0;
+}
+
+// One step of the search: a tuple, or the end of a pass.
+static long step(uint64_t number, struct search *s) {
+    (void)number;
+    struct EbpfPolicy *policy = s->policy;
+    uint64_t index = s->tuple;
     asm volatile("" : "+r"(index)); // what is checked is what is used
-    if (index >= EBPF_TUPLES) {
-        return 1;
+    if (index >= policy->count || index >= EBPF_TUPLES) {
+        return passEnd(s);
     }
     struct EbpfTuple *tuple = &policy->tuples[index];
-    if (tuple->least >= s->best.rank) {
-        return 1; // whatever is found here or behind comes later
+    if (tuple->least >= s->rank) {
+        return passEnd(s); // whatever is found here or behind comes later
     }
+    s->tuple++;
     union EbpfKey key;
 #pragma unroll
     for (int i = 0; i < EBPF_WORDS_4; i++) {
@@ -121,12 +157,16 @@ static long tupleAsk(uint64_t index, struct search *s) {
     if (!entry) {
         return 0;
     }
-#pragma unroll
     for (int i = 0; i < EBPF_HITS; i++) {
-        if (entry->hits[i].rank >= s->from) {
-            if (entry->hits[i].rank < s->best.rank) {
-                s->best = entry->hits[i];
-            }
+        const struct EbpfHit *hit = &entry->hits[i];
+        if (hit->rank >= s->rank) {
+            break; // and so are those behind
+        }
+        if (hit->rank >= s->from && (!hit->isRanged || isInside(hit, s->values))) {
+            s->rank = hit->rank;
+            s->rule = hit->rule;
+            s->node = hit->node;
+            s->next = hit->next;
             break;
         }
     }
@@ -142,6 +182,19 @@ static __always_inline void count(uint32_t rule, uint32_t bytes) {
 }
 
 static __always_inline int isLocal(const struct search *s, int which) {
+    uint32_t words[4], fold;
+    if (s->is6) {
+        __builtin_memcpy(words, s->key.v6.addresses[which], 16);
+        fold = ebpfFold6(words);
+    } else {
+        __builtin_memcpy(words, s->key.v4.addresses[which], 4);
+        fold = ebpfFold(words[0]);
+    }
+    uint32_t at = fold / 64;
+    uint64_t *pBits = bpf_map_lookup_elem(&folds, &at);
+    if (!pBits || (*pBits >> (fold & 63) & 1) == 0) {
+        return 0;
+    }
     struct EbpfLocal place = {};
     if (s->is6) {
         place.prefixLen = 8 + 128;
@@ -265,25 +318,16 @@ static __always_inline int forward(struct __sk_buff *skb, struct search *s, stru
 
 // Asks the policy and does what it says. Result: the verdict.
 static __always_inline int decide(struct __sk_buff *skb, struct search *s, uint8_t hops, uint16_t length) {
-    uint32_t denied[EBPF_PASSES], passes = 0;
-    s->from = 0;
-    for (;;) {
-        s->best.rank = EBPF_NO_RANK;
-        bpf_loop(EBPF_TUPLES, tupleAsk, s, 0);
-        if (s->best.rank == EBPF_NO_RANK) {
-            return TC_ACT_UNSPEC;
-        }
-        if (s->best.next == 0) {
-            break;
-        }
-        if (passes >= EBPF_PASSES) {
-            return TC_ACT_UNSPEC;
-        }
-        denied[passes] = s->best.rule;
-        passes++;
-        s->from = s->best.next;
+    const struct EbpfKeyTail *tail = s->is6 ? &s->key.v6.tail : &s->key.v4.tail;
+    s->values[EBPF_SOURCE_PORT] = (uint16_t)(tail->ports[0] << 8 | tail->ports[1]);
+    s->values[EBPF_DESTINATION_PORT] = (uint16_t)(tail->ports[2] << 8 | tail->ports[3]);
+    s->values[EBPF_LENGTH] = length;
+    s->rank = EBPF_NO_RANK;
+    bpf_loop((EBPF_TUPLES + 1) * (EBPF_PASSES + 1), step, s, 0);
+    if (s->rank == EBPF_NO_RANK || s->next != 0) {
+        return TC_ACT_UNSPEC;
     }
-    uint32_t place = s->best.node;
+    uint32_t place = s->node;
     struct EbpfNode *pNode = bpf_map_lookup_elem(&nodes, &place);
     if (!pNode) {
         return TC_ACT_UNSPEC;
@@ -297,11 +341,11 @@ static __always_inline int decide(struct __sk_buff *skb, struct search *s, uint8
     }
 #pragma unroll
     for (uint32_t i = 0; i < EBPF_PASSES; i++) {
-        if (i < passes) {
-            count(denied[i], length);
+        if (i < s->passes) {
+            count(s->denied[i], length);
         }
     }
-    count(s->best.rule, length);
+    count(s->rule, length);
     if (node.decision == 0) {
         return TC_ACT_SHOT;
     }
