@@ -227,9 +227,14 @@ public:
     }
 
 private:
-    // For each rule the first rank of the next node; behind the last node one that no rule has.
+    // For each rule the first rank of the next node (behind the last node one that no rule has), and whether a deny
+    // rule of its node stands before it.
     void nextsFind() {
         nexts_.resize(rules_.size());
+        isPassable_.resize(rules_.size());
+        for (uint32_t rank = 1; rank < rules_.size(); rank++) {
+            isPassable_[rank] = rules_[rank].place == rules_[rank - 1].place && (isPassable_[rank - 1] || !rules_[rank - 1].rule.permit);
+        }
         auto next = static_cast<uint32_t>(rules_.size());
         for (uint32_t rank = next; rank-- > 0;) {
             next = rank + 1 < rules_.size() && rules_[rank + 1].place != rules_[rank].place ? rank + 1 : next;
@@ -312,12 +317,13 @@ private:
 
     // The place in an entry's hits for a rule behind those there; EBPF_HITS: none is free. Not *pNeeded: no packet
     // of this key comes to the rule.
-    static uint32_t placeFor(const EbpfEntry &entry, const EbpfHit &hit, bool *pNeeded) {
+    uint32_t placeFor(const EbpfEntry &entry, const EbpfHit &hit, bool *pNeeded) const {
         uint32_t i = 0;
         *pNeeded = true;
         while (i < EBPF_HITS && entry.hits[i].rank != EBPF_NO_RANK) {
             const EbpfHit &before = entry.hits[i];
-            const bool isEnd = before.isRanged == 0 && (before.next == 0 || before.next > hit.rank);
+            const bool isOfNode = nexts_[before.rank] > hit.rank;
+            const bool isEnd = before.isRanged == 0 && (isOfNode || (before.next == 0 && !isPassable_[before.rank]));
             *pNeeded = *pNeeded && !isEnd;
             i++;
         }
@@ -350,6 +356,7 @@ private:
     const std::vector<EbpfRule> &rules_;
     const int family_;
     std::vector<uint32_t> nexts_;
+    std::vector<bool> isPassable_;
     EbpfImage image_;
     std::unordered_map<EbpfKey, uint32_t, KeyHash, KeyEqual> tuples_; // mask -> tuple
     std::unordered_map<EbpfKey, size_t, KeyHash, KeyEqual> places_;   // key -> entry
