@@ -63,13 +63,36 @@ class SentOnAtOnce(EbpfCase):
         self.count_forwarded()
         for family in (4, 6):
             self.all_by("upa", family=family)
+            self.all_by("upb", port=53, family=family)  # so that the neighbour is known
             self.assertTrue(self.front(family=family)["redirect"])
         before = self.seen_forwarded()
         for family in (4, 6):
             self.all_by("upa", family=family)
         self.assertEqual(before, self.seen_forwarded())
-        self.all_by("upb", port=53)
-        self.assertEqual(before + 20, self.seen_forwarded())
+        for family in (4, 6):
+            self.all_by("upb", port=53, family=family)
+        self.assertEqual(before, self.seen_forwarded())
+
+    def test_what_is_routed_as_usual_obeys_the_rules_and_marks_of_others(self):
+        self.daemon.apply(policy(both("upa")))
+        self.all_by("upa")
+        netlab.run(f"ip route add default via {self.next_hop('upc')} table 77", "rtr")
+        netlab.run("ip rule add pref 100 iif lan0 lookup 77", "rtr")
+        self.addCleanup(lambda: netlab.run("ip rule del pref 100", "rtr", check=False))
+        self.addCleanup(lambda: netlab.run("ip route flush table 77", "rtr", check=False))
+        self.all_by("upc", port=53)
+
+    def test_a_node_with_nothing_usable_routes_as_usual_and_counts(self):
+        self.daemon.apply(policy(both("upa")))
+        self.all_by("upa")
+        self.count_forwarded()
+        self.lab.silence("upa")
+        self.all_by("upb")
+        self.daemon.ctl("counters", "clear")
+        before = self.seen_forwarded()
+        self.assertEqual({"upb": 20}, self.by_uplink())
+        self.assertEqual(before, self.seen_forwarded())
+        self.assertEqual(20, self.packets_of(10))
 
     def test_packets_are_counted_wherever_they_were_decided(self):
         self.daemon.apply(policy(both("upa")))

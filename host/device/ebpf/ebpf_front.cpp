@@ -96,7 +96,7 @@ void EbpfFront::aroundRead() {
         const std::string refusal = redirectRefusal(key);
         if (policy.isOn && refusal != policy.noRedirect) {
             policy.noRedirect = refusal;
-            policy.image.flags = refusal.empty() ? uint32_t{EBPF_POLICY_REDIRECT} : 0;
+            policy.image.flags = flagsOf(policy);
             error_ = error_.empty() ? program_->policyPut(policy.ifIndex, key.first, policy.image) : error_;
         }
     }
@@ -251,6 +251,8 @@ void EbpfFront::nodeSet(const KernelModel &model, const NodeKey &key, bool isNew
         node.precedence = list->second.nodes.at(key).decision.precedence;
     } else if (model.isDropped(key)) {
         node.flags |= EBPF_NODE_DROP;
+    } else if (list->second.nodes.at(key).decision.precedence == 0) {
+        node.flags |= EBPF_NODE_ROUTED;
     }
     const auto [held, isFirst] = nodes_.try_emplace(key);
     const bool isSame = held->second.decision == node.decision && held->second.flags == node.flags &&
@@ -271,6 +273,11 @@ void EbpfFront::nodesSet(const KernelModel &model, const std::set<std::string> &
             }
         }
     }
+}
+
+uint32_t EbpfFront::flagsOf(const Policy &policy) {
+    const uint32_t redirect = policy.noRedirect.empty() ? uint32_t{EBPF_POLICY_REDIRECT} : 0;
+    return redirect | (policy.rest.empty() ? uint32_t{EBPF_POLICY_WHOLE} : 0);
 }
 
 // The rules of an interface with their places in the maps; those behind the last free place are left out.
@@ -325,7 +332,7 @@ void EbpfFront::policyBuild(const KernelModel &model, const InterfaceKey &key, P
     policy.rest = image.reason.empty() ? policy.rest : image.reason;
     policy.noRedirect = redirectRefusal(key);
     image.policy.generation = generation_;
-    image.policy.flags = policy.noRedirect.empty() ? uint32_t{EBPF_POLICY_REDIRECT} : 0;
+    image.policy.flags = flagsOf(policy);
     for (const auto &[entryKey, entry] : image.entries) {
         policy.holding.keys.push_back(entryKey);
     }

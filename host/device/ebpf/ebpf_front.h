@@ -85,6 +85,7 @@ private:
     void policyOff(const InterfaceKey &key, Policy &policy);
     void policyBuild(const KernelModel &model, const InterfaceKey &key, Policy &policy);
     std::vector<EbpfRule> rulesOf(const KernelModel &model, const InterfaceKey &key, Policy &policy);
+    static uint32_t flagsOf(const Policy &policy);
     std::string redirectRefusal(const InterfaceKey &key) const;
     void nodeSet(const KernelModel &model, const NodeKey &node, bool isNew);
     void nodesSet(const KernelModel &model, const std::set<std::string> &lists);

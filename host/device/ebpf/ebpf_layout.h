@@ -67,6 +67,7 @@ struct EbpfTuple {
 
 enum {
     EBPF_POLICY_REDIRECT = 1, /* packets may be sent on at once */
+    EBPF_POLICY_WHOLE = 2,    /* all rules are in it: what none matches is routed as usual */
 };
 
 /* Of one interface and family; key: interface index * 2, + 1 for IPv6. */
@@ -99,6 +100,7 @@ struct EbpfEntry {
 enum {
     EBPF_NODE_KNOWN = 1, /* else: the other half of the device decides */
     EBPF_NODE_DROP = 2,  /* nothing usable: its packets are dropped */
+    EBPF_NODE_ROUTED = 4, /* nothing usable: its packets are routed as usual, unchanged */
 };
 
 /* What happens to a node's packets; written whole, in one store. */

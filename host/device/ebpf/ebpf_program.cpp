@@ -45,8 +45,9 @@ std::vector<uint64_t> foldsOf(const std::vector<EbpfLocal> &locals) {
     std::vector<uint64_t> folds(EBPF_FOLDS / 64);
     for (const EbpfLocal &local : locals) {
         const bool isWhole = local.prefixLen == (local.family == 6 ? 8 + 128 : 8 + 32);
-        const bool isByItself = local.family == 6 ? local.address[0] == 0xff || (local.address[0] == 0xfe && (local.address[1] & 0xc0) == 0x80)
-                                                  : local.address[0] == 127 || local.address[0] >= 224;
+        const uint8_t first = local.address[0];
+        const bool isLink = first == 0xfe && (local.address[1] & 0xc0) == 0x80;
+        const bool isByItself = local.family == 6 ? first == 0xff || isLink : first == 127 || first >= 224;
         if (!isWhole && !isByItself) {
             return std::vector<uint64_t>(EBPF_FOLDS / 64, UINT64_MAX);
         }

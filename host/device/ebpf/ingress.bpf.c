@@ -94,6 +94,7 @@ struct search {
     uint32_t is6;
     uint32_t from;     // ranks below were asked already
     uint32_t rank, rule, node, next; // of the best hit
+    uint32_t flow;     // IPv6: the first word of the header, network order
     uint16_t values[EBPF_RANGES];
     uint16_t tuple;    // asked next
     uint32_t passes;   // deny rules met, and their counters
@@ -261,7 +262,7 @@ static __always_inline uint32_t priorityOf(uint8_t traffic) {
     }
 }
 
-// Sends the packet on as the decision's table says. Result: the verdict; negative: the IP layer has to do it.
+// Sends the packet on as the decision's table says, or without a decision as all tables and rules do. Result: the verdict; negative: the IP layer has to do it.
 static __always_inline int forward(struct __sk_buff *skb, struct search *s, struct EbpfNode node, uint8_t hops,
                                    uint16_t length) {
     struct bpf_fib_lookup fib = {};
@@ -270,8 +271,12 @@ static __always_inline int forward(struct __sk_buff *skb, struct search *s, stru
     }
     fib.ifindex = skb->ifindex;
     fib.tot_len = skb->gso_size ? 0 : length;
-    uint32_t table = options.tableBase + node.decision;
-    __builtin_memcpy(&fib.h_vlan_proto, &table, sizeof table);
+    uint32_t how = 0;
+    if (node.decision != 0) {
+        uint32_t table = options.tableBase + node.decision;
+        __builtin_memcpy(&fib.h_vlan_proto, &table, sizeof table);
+        how = FIB_DIRECT | FIB_TABLE;
+    }
     const struct EbpfKeyTail *tail = s->is6 ? &s->key.v6.tail : &s->key.v4.tail;
     fib.l4_protocol = tail->protocol;
     if (tail->protocol == IPPROTO_TCP || tail->protocol == IPPROTO_UDP) {
@@ -280,14 +285,16 @@ static __always_inline int forward(struct __sk_buff *skb, struct search *s, stru
     }
     if (s->is6) {
         fib.family = FAMILY_6;
+        fib.flowinfo = s->flow & bpf_htonl(0x0fffffff);
         __builtin_memcpy(fib.ipv6_src, s->key.v6.addresses[0], 16);
         __builtin_memcpy(fib.ipv6_dst, s->key.v6.addresses[1], 16);
     } else {
         fib.family = FAMILY_4;
+        fib.tos = tail->traffic & 0xfc;
         __builtin_memcpy(&fib.ipv4_src, s->key.v4.addresses[0], 4);
         __builtin_memcpy(&fib.ipv4_dst, s->key.v4.addresses[1], 4);
     }
-    if (bpf_fib_lookup(skb, &fib, sizeof fib, FIB_DIRECT | FIB_TABLE) != 0 || fib.ifindex == skb->ifindex) {
+    if (bpf_fib_lookup(skb, &fib, sizeof fib, how) != 0 || fib.ifindex == skb->ifindex) {
         return -1;
     }
     if (skb->gso_size) {
@@ -316,6 +323,34 @@ static __always_inline int forward(struct __sk_buff *skb, struct search *s, stru
     return (int)bpf_redirect_neigh(fib.ifindex, &neighbour, sizeof neighbour, 0);
 }
 
+// The rules that were met, each once.
+static __always_inline void metCount(const struct search *s, uint16_t length) {
+#pragma unroll
+    for (uint32_t i = 0; i < EBPF_PASSES; i++) {
+        if (i < s->passes) {
+            count(s->denied[i], length);
+        }
+    }
+    if (s->rank != EBPF_NO_RANK) {
+        count(s->rule, length);
+    }
+}
+
+// Sends on what is routed as usual, when that is certain. A mark of others may lead it elsewhere.
+static __always_inline int routeOn(struct __sk_buff *skb, struct search *s, uint8_t hops, uint16_t length) {
+    const uint32_t asked = EBPF_POLICY_REDIRECT | EBPF_POLICY_WHOLE;
+    const struct EbpfNode none = {};
+    if ((s->policy->flags & asked) != asked || skb->mark != 0 || isLocal(s, 0)) {
+        return TC_ACT_UNSPEC;
+    }
+    int verdict = forward(skb, s, none, hops, length);
+    if (verdict < 0) {
+        return TC_ACT_UNSPEC;
+    }
+    metCount(s, length);
+    return verdict;
+}
+
 // Asks the policy and does what it says. Result: the verdict.
 static __always_inline int decide(struct __sk_buff *skb, struct search *s, uint8_t hops, uint16_t length) {
     const struct EbpfKeyTail *tail = s->is6 ? &s->key.v6.tail : &s->key.v4.tail;
@@ -324,8 +359,11 @@ static __always_inline int decide(struct __sk_buff *skb, struct search *s, uint8
     s->values[EBPF_LENGTH] = length;
     s->rank = EBPF_NO_RANK;
     bpf_loop((EBPF_TUPLES + 1) * (EBPF_PASSES + 1), step, s, 0);
-    if (s->rank == EBPF_NO_RANK || s->next != 0) {
-        return TC_ACT_UNSPEC;
+    if (s->rank == EBPF_NO_RANK) {
+        return routeOn(skb, s, hops, length);
+    }
+    if (s->next != 0) {
+        return TC_ACT_UNSPEC; // more deny rules than can be remembered
     }
     uint32_t place = s->node;
     struct EbpfNode *pNode = bpf_map_lookup_elem(&nodes, &place);
@@ -337,15 +375,9 @@ static __always_inline int decide(struct __sk_buff *skb, struct search *s, uint8
         return TC_ACT_UNSPEC;
     }
     if (node.decision == 0 && !(node.flags & EBPF_NODE_DROP)) {
-        return TC_ACT_UNSPEC;
+        return node.flags & EBPF_NODE_ROUTED ? routeOn(skb, s, hops, length) : TC_ACT_UNSPEC;
     }
-#pragma unroll
-    for (uint32_t i = 0; i < EBPF_PASSES; i++) {
-        if (i < s->passes) {
-            count(s->denied[i], length);
-        }
-    }
-    count(s->rule, length);
+    metCount(s, length);
     if (node.decision == 0) {
         return TC_ACT_SHOT;
     }
@@ -455,6 +487,7 @@ static __always_inline int ingress6(struct __sk_buff *skb, struct search *s) {
     s->key.v6.head.length = (uint16_t)length;
     __builtin_memcpy(s->key.v6.addresses, &ip6->saddr, 32);
     const uint8_t *first = (uint8_t *)ip6;
+    __builtin_memcpy(&s->flow, first, 4);
     s->key.v6.tail.traffic = (uint8_t)(first[0] << 4 | first[1] >> 4);
     __builtin_memcpy(s->key.v6.tail.mac, data + ETH_ALEN, ETH_ALEN);
     if (upperRead(&s->key.v6.tail, ip6 + 1, end, ip6->nexthdr, IPPROTO_ICMPV6, payload) != 0) {
