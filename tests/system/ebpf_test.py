@@ -1,6 +1,5 @@
 """The eBPF device: what its program decides at ingress, what it leaves to the kernel, and what of it stays or goes."""
 import json
-import unittest
 
 import system_case
 import netlab
@@ -10,29 +9,8 @@ from steering_test import both, hops, policy
 COUNTER = "table inet seen { chain forward { type filter hook forward priority 0; counter; }; }"
 
 
-def available():
-    """Why this machine cannot try it; empty: it can."""
-    if system_case.forwarding_device() == "kernel" and not system_case.knows_kernel():
-        return "this build has no kernel device"
-    daemon = netlab.Daemon(ns=None, device="ebpf")
-    try:
-        daemon.start()
-    except netlab.Refused as refused:
-        return str(refused) if "eBPF" in str(refused) or "built without" in str(refused) else ""
-    finally:
-        daemon.close()
-    return ""
-
-
 class EbpfCase(system_case.LabCase):
     device = "ebpf"
-
-    @classmethod
-    def setUpClass(cls):
-        why = available()
-        if why:
-            raise unittest.SkipTest(why)
-        super().setUpClass()
 
     def front(self, interface="lan0", family=4):
         shown = self.daemon.json("show", "device")["front"]["interfaces"]
@@ -145,6 +123,13 @@ class SentOnAtOnce(EbpfCase):
         self.assertTrue(self.daemon.until(lambda: self.front()["on"], 5))
         answer = netlab.run("ping -c 1 -W 2 -t 1 198.51.100.99", "lan", check=False).stdout
         self.assertIn("Time to live exceeded", answer)
+
+    def test_a_check_warns_of_what_others_have_and_packets_pass_by(self):
+        self.daemon.apply(policy(both("upa")))
+        self.all_by("upa")
+        self.count_forwarded()
+        self.assertTrue(self.daemon.until(lambda: "passed-by" in [
+            notice["code"] for notice in json.loads(self.daemon.ctl("--json", "check", check=False).stdout)["warnings"]], 5))
 
 
 class AsTheMachineAllows(EbpfCase):

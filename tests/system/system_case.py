@@ -46,6 +46,19 @@ def forwarding_device():
     return os.environ.get("POLICYROUTE_DEVICE", "kernel")
 
 
+def ebpf_missing():
+    """Why the eBPF device cannot be tried here, in the lab's router; empty: it can."""
+    daemon = netlab.Daemon(device="ebpf")
+    try:
+        daemon.start()
+    except netlab.Refused as refused:
+        told = str(refused)
+        return told if "not permitted" in told or "built without" in told else ""
+    finally:
+        daemon.close()
+    return ""
+
+
 def by_uplink(lab, family=4, port=443, count=20, **options):
     """Sends packets to the server; result: {uplink: how many arrived by it}. Options: those of netlab.send."""
     arrivals = netlab.Arrivals(lab, family, port)
@@ -70,6 +83,10 @@ class LabCase(unittest.TestCase):
         if not knows_kernel():
             raise unittest.SkipTest("this build has no kernel device")
         cls.lab = netlab.Lab(wide=cls.wide)
+        why = ebpf_missing() if (cls.device or forwarding_device()) == "ebpf" else ""
+        if why:
+            cls.lab.close()
+            raise unittest.SkipTest(why)
         for up in cls.lab.uplinks:
             for family in ("ipv4", "ipv6"):
                 netlab.sysctl("rtr", f"{family}/neigh/{up}/retrans_time_ms", 100)

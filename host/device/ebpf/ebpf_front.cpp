@@ -86,7 +86,7 @@ void EbpfFront::aroundRead() {
     if (error_.empty()) {
         error_ = program_->localsPut(locals);
     }
-    hooks_ = redirect_ == EbpfRedirect::Auto ? ebpfHooksRead(*nft_) : "";
+    hooks_ = redirect_ == EbpfRedirect::Off ? "" : ebpfHooksRead(*nft_);
     std::set<uint32_t> found;
     const std::string error = isTakenOver_ ? ebpfFiltersRead(*rt_, &found) : "";
     for (auto it = attached_.begin(); isTakenOver_ && error.empty() && it != attached_.end();) {
@@ -225,6 +225,7 @@ void EbpfFront::before(const KernelModel &model, const std::set<std::string> &li
 // ---- after: equal to the rules again ----
 
 void EbpfFront::after(const KernelModel &model, const std::set<std::string> &lists, bool isDone) {
+    isBroken_ = !isDone;
     if (!isDone) {
         for (auto &[key, policy] : policies_) {
             policyOff(key, policy);
@@ -233,7 +234,6 @@ void EbpfFront::after(const KernelModel &model, const std::set<std::string> &lis
         }
         return;
     }
-    before(model, lists); // nodes that the kernel refused meanwhile are left out
     nodesSet(model, lists);
     pendingBuild(model, false);
     filtersSet();
@@ -411,12 +411,16 @@ void EbpfFront::retiredDrop(bool isAll) {
     });
 }
 
+// Whether something is to be built, and can be.
+bool EbpfFront::isWaiting() const {
+    return !isBroken_ && std::any_of(policies_.begin(), policies_.end(), [](const auto &item) { return item.second.isPending; });
+}
+
 std::chrono::milliseconds EbpfFront::workDelay() const {
     if (isAroundDue_) {
         return Milliseconds{1};
     }
-    const bool isPending = std::any_of(policies_.begin(), policies_.end(), [](const auto &item) { return item.second.isPending; });
-    return isPending ? BUILD_PAUSE : retired_.empty() ? Milliseconds{0} : RETIRED_FOR;
+    return isWaiting() ? BUILD_PAUSE : retired_.empty() ? Milliseconds{0} : RETIRED_FOR;
 }
 
 // What was retired is kept while something is pending, so that what is built goes on with its counters.
@@ -424,10 +428,11 @@ std::chrono::milliseconds EbpfFront::work(const KernelModel &model) {
     if (isAroundDue_.exchange(false)) {
         aroundRead();
     }
-    pendingBuild(model, true);
-    filtersSet();
-    const bool isPending = std::any_of(policies_.begin(), policies_.end(), [](const auto &item) { return item.second.isPending; });
-    if (!isPending) {
+    if (!isBroken_) {
+        pendingBuild(model, true);
+        filtersSet();
+    }
+    if (!isWaiting()) {
         retiredDrop(false);
     }
     return workDelay();
@@ -493,6 +498,17 @@ std::vector<std::string> EbpfFront::differences() {
         }
     }
     return lines;
+}
+
+std::vector<DeviceNotice> EbpfFront::warnings() const {
+    const bool isSentOn = std::any_of(policies_.begin(), policies_.end(), [](const auto &item) {
+        return item.second.isOn && item.second.noRedirect.empty();
+    });
+    if (redirect_ != EbpfRedirect::On || hooks_.empty() || !isSentOn) {
+        return {};
+    }
+    return {{"passed-by", "packets of bound interfaces are sent on at ingress; " + hooks_ + " does not see them",
+             "set host.ebpf-redirect to auto, or be sure that it need not see them"}};
 }
 
 } // namespace host

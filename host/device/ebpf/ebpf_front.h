@@ -45,6 +45,7 @@ public:
     void countsClear() override;
     nlohmann::json show() const override;
     std::vector<std::string> differences() override;
+    std::vector<DeviceNotice> warnings() const override;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -91,6 +92,7 @@ private:
     void nodesSet(const KernelModel &model, const std::set<std::string> &lists);
     void pendingBuild(const KernelModel &model, bool isAll);
     void filtersSet();
+    bool isWaiting() const;
     void retiredDrop(bool isAll);
     void aroundRead();
 
@@ -99,6 +101,7 @@ private:
     std::unique_ptr<NetlinkSocket> rt_, nft_;
     EbpfOptions options_{};
     bool isTakenOver_ = false;
+    bool isBroken_ = false; // what the rules do is not known: everything stays off
     std::map<std::string, std::map<InterfaceKey, std::vector<Place>>> lists_; // as compiled
     std::map<InterfaceKey, std::set<std::string>> listsOf_;
     std::map<InterfaceKey, Policy> policies_;

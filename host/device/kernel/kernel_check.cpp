@@ -181,7 +181,13 @@ std::vector<DeviceNotice> KernelDevice::warnings() {
         address.ifName = link ? link->name : "if" + std::to_string(address.ifUnit);
         address.isUp = link && link->up;
     }
-    return surroundingsJudge(around);
+    std::vector<DeviceNotice> notices = surroundingsJudge(around);
+    if (hooks_.pFront) {
+        std::lock_guard guard(lock_);
+        const std::vector<DeviceNotice> front = hooks_.pFront->warnings();
+        notices.insert(notices.end(), front.begin(), front.end());
+    }
+    return notices;
 }
 
 void KernelDevice::check(std::function<void(nlohmann::json)> done) {

@@ -34,10 +34,12 @@ std::string KernelDevice::applyBehindFront() {
         allAdd();
     }
     const bool wasRefused = plane_.hasRefused();
+    const uint64_t refusals = plane_.counters().refusals;
     hooks_.pFront->before(plane_.model(), lists);
     std::string error = plane_.apply();
-    if (wasRefused || plane_.hasRefused()) {
+    if (wasRefused || plane_.hasRefused() || plane_.counters().refusals != refusals) {
         allAdd();
+        hooks_.pFront->before(plane_.model(), lists); // nodes that were refused are left out
     }
     hooks_.pFront->after(plane_.model(), lists, error.empty());
     isFrontAll_ = !error.empty();

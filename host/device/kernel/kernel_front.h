@@ -55,6 +55,7 @@ public:
 
     virtual nlohmann::json show() const = 0; // the "front" of `show device`
     virtual std::vector<std::string> differences() = 0; // of the kernel, as KernelPlane::differences has them
+    virtual std::vector<DeviceNotice> warnings() const = 0; // of what is around
 };
 
 } // namespace host
