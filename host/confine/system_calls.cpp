@@ -3,7 +3,8 @@
 // The list is what the daemon, the C and C++ libraries, libmnl, libnftnl and SQLite were seen to use in all
 // system tests, with the siblings that another version of those libraries would take instead (openat for
 // open, ppoll for poll), and those that a process of 32 bits makes, whose times have 64 bits or not. Nothing on
-// it starts a program, changes users, mounts, traces or loads code.
+// it starts a program, changes users, mounts, traces or loads code; the eBPF device's own program is loaded by `bpf`,
+// which passes with that device only.
 #include "host/confine/system_calls.h"
 
 #include <cerrno>

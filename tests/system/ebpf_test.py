@@ -13,7 +13,7 @@ class EbpfCase(system_case.LabCase):
     device = "ebpf"
 
     def front(self, interface="lan0", family=4):
-        shown = self.daemon.json("show", "device")["front"]["interfaces"]
+        shown = self.daemon.json("show", "device")["front"]
         return [row for row in shown if row["interface"] == interface and row["ipVersion"] == family][0]
 
     def seen_forwarded(self):

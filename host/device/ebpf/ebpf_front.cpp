@@ -481,7 +481,7 @@ nlohmann::json EbpfFront::show() const {
                               {"noRedirect", policy.isOn ? policy.noRedirect : ""},
                               {"lookUps", policy.isOn ? policy.image.count : 0}, {"elements", policy.holding.keys.size()}});
     }
-    return {{"interfaces", std::move(interfaces)}, {"error", error_}};
+    return {{"front", std::move(interfaces)}, {"frontError", error_}};
 }
 
 std::vector<std::string> EbpfFront::differences() {

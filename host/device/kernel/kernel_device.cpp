@@ -571,7 +571,8 @@ nlohmann::json KernelDevice::show() {
     std::lock_guard guard(lock_);
     const KernelCounters &counters = plane_.counters();
     const char *pState = !isStarted_ ? "unusable" : isHeld_ ? "held" : isFlushed_ ? "flushed" : "live";
-    return {{"kind", hooks_.pFront ? "ebpf" : "kernel"},
+    nlohmann::json shown = hooks_.pFront ? hooks_.pFront->show() : nlohmann::json::object();
+    shown.update({{"kind", hooks_.pFront ? "ebpf" : "kernel"},
             {"state", pState},
             {"error", error_},
             {"markMask", hooks_.options.markMask},
@@ -580,13 +581,13 @@ nlohmann::json KernelDevice::show() {
             {"entries", entriesShow(packets)},
             {"decisions", decisionsShow()},
             {"lists", listsShow()},
-            {"front", hooks_.pFront ? hooks_.pFront->show() : nlohmann::json()},
             {"counters",
              {{"applies", counters.applies},
               {"kernelMessages", counters.kernelMessages},
               {"driftRepaired", counters.driftRepaired},
               {"refusals", counters.refusals},
-              {"lastApplyUs", counters.lastApplyUs}}}};
+              {"lastApplyUs", counters.lastApplyUs}}}});
+    return shown;
 }
 
 } // namespace host

@@ -53,7 +53,7 @@ public:
     virtual std::map<CountKey, NftCount> counts() const = 0;
     virtual void countsClear() = 0;
 
-    virtual nlohmann::json show() const = 0; // the "front" of `show device`
+    virtual nlohmann::json show() const = 0; // more fields of `show device`: "front" and "frontError"
     virtual std::vector<std::string> differences() = 0; // of the kernel, as KernelPlane::differences has them
     virtual std::vector<DeviceNotice> warnings() const = 0; // of what is around
 };
