@@ -222,7 +222,7 @@ def reasons(rows):
     """Why there is a dash, each reason once."""
     def line(each):
         event = f", {EVENTS[each['event']]}" if "event" in each else ""
-        return f"{TITLES.get(each['carrier'], each['carrier'])}{event}: {each['skipped'].strip()}"
+        return f"{TITLES.get(each['carrier'], each['carrier'])}{event}: {' '.join(each['skipped'].split())[:200]}"
 
     told = dict.fromkeys(line(each) for each in rows if "skipped" in each)
     return [""] + ["- " + reason for reason in told] if told else []
