@@ -256,10 +256,12 @@ int32_t KernelDevice::add(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     if (wanted && isDone(*wanted)) {
         return 0; // what else has changed is taken at the end of the run: a run costs one take, not one an entry
     }
-    if (wanted && kept_.count(wanted->list) != 0 && !isFlushed_ && error_.empty()) {
+    if (wanted && (isHeld_ || kept_.count(wanted->list) != 0) && !isFlushed_ && error_.empty()) {
         // The kernel sees nothing of it yet: the entry is put in by itself, and the view is taken at the end.
-        (void)entryMerge(*wanted); // what changed is asked at the release
-        return statusOf(wanted->list, {wanted->ifUnit, wanted->nodeIndex}).error.empty() ? 0 : EOPNOTSUPP;
+        if (!entryMerge(*wanted).empty()) {
+            merged_.insert(wanted->list);
+        }
+        return aloneRefused(*wanted).empty() ? 0 : EOPNOTSUPP;
     }
     std::vector<std::string> changed = hooks_.take(state_, false);
     for (const std::string &list : provisionalMerge(!changed.empty(), ifUnit, aclNum)) {
@@ -302,18 +304,6 @@ bool KernelDevice::isDone(const RedirectEntry &wanted) const {
     return status.error.empty() && (status.installed || isHeld_ || kept_.count(wanted.list) != 0);
 }
 
-// Of a list that is kept, what can be said of the entry alone: the kernel sees it only later.
-KernelEntryStatus KernelDevice::statusOf(const std::string &list, const EntryKey &key) const {
-    if (kept_.count(list) == 0) {
-        return plane_.model().status(list, key);
-    }
-    const RedirectEntry &entry = state_.lists.at(list).at(key);
-    KernelEntryStatus status;
-    status.error = programCompile(list, {{key, entry}}, hooks_.env).entries.at(key).error;
-    status.reason = "waits for the end of a change";
-    return status;
-}
-
 // The view decides: the end of the handler or of the run, which follows, says what remains.
 int32_t KernelDevice::del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
     std::lock_guard guard(lock_);
@@ -324,7 +314,9 @@ int32_t KernelDevice::del(uint32_t ifUnit, uint32_t aclNum, const uint8_t *) {
 void KernelDevice::storeChanged() {
     std::lock_guard guard(lock_);
     provisional_.clear();
-    const std::vector<std::string> changed = hooks_.take(state_, false);
+    std::vector<std::string> changed = hooks_.take(state_, false);
+    changed.insert(changed.end(), merged_.begin(), merged_.end());
+    merged_.clear();
     if (changed.empty()) {
         return;
     }

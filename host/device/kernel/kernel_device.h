@@ -120,6 +120,7 @@ private:
     Surroundings surroundingsBegin() const;
     uint32_t repairsLately() const;
     std::vector<EntryError> errorsOf(const KernelModel &model, const std::set<std::string> &lists) const;
+    std::string aloneRefused(const RedirectEntry &entry) const;
     KernelEntryStatus statusOf(const std::string &list, const EntryKey &key) const;
     std::string firstError() const;
     std::string linkName(uint32_t unit) const;
@@ -138,6 +139,7 @@ private:
     KernelPlane plane_;
     DesiredState state_;
     std::set<std::pair<uint32_t, uint32_t>> provisional_; // (unit, ACL) added, perhaps not in the view's lists yet
+    std::set<std::string> merged_; // lists with entries that add put in; compiled when the store has changed
     std::string error_;    // of the latest apply, when it concerns no single entry
     std::set<std::string> compiled_; // lists that the front has not been told of
     bool isFrontAll_ = false;        // it is told of all

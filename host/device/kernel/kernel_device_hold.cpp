@@ -25,6 +25,23 @@ std::vector<Device::EntryError> KernelDevice::release() {
     return errors;
 }
 
+// Why the entry cannot be expressed, looked at without its list; empty when it can.
+std::string KernelDevice::aloneRefused(const RedirectEntry &entry) const {
+    const EntryKey key{entry.ifUnit, entry.nodeIndex};
+    return programCompile(entry.list, {{key, entry}}, hooks_.env).entries.at(key).error;
+}
+
+// Of a list that is kept, what can be said of the entry alone: the kernel sees it only later.
+KernelEntryStatus KernelDevice::statusOf(const std::string &list, const EntryKey &key) const {
+    if (kept_.count(list) == 0) {
+        return plane_.model().status(list, key);
+    }
+    KernelEntryStatus status;
+    status.error = aloneRefused(state_.lists.at(list).at(key));
+    status.reason = "waits for the end of a change";
+    return status;
+}
+
 // A copy of the model takes the lists: it refuses all that is not the kernel's to refuse.
 std::vector<Device::EntryError> KernelDevice::trial() {
     std::lock_guard guard(lock_);

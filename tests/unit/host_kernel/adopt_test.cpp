@@ -65,6 +65,30 @@ TEST_F(AdoptTest, WhileHeldAnAddIsAnsweredByWhatCanBeExpressed) {
     EXPECT_EQ(device().add(unitOf("lan0"), 1502, nullptr), 0);
 }
 
+TEST_F(AdoptTest, WhileHeldABindingTakesTheViewOnceAtItsEndAndIsInstalledAfterIt) {
+    world_.unbind("wan", "lan0");
+    restart();
+    store();
+    const int before = world_.takes;
+
+    for (uint32_t node = 1; node <= 8; ++node) {
+        world_.acl(1600 + node, {"permit udp from any to any port " + std::to_string(node)});
+        world_.nextHops("wan", "lan0", node, 1600 + node, {"198.51.100.1"});
+        EXPECT_EQ(device().add(unitOf("lan0"), 1600 + node, nullptr), 0);
+    }
+    EXPECT_EQ(world_.takes, before);
+    store();
+    EXPECT_EQ(device().show()["entries"].size(), 8u);
+
+    EXPECT_EQ(device().settle(), "");
+    world_.loop.advance(milliseconds(2000));
+    EXPECT_FALSE(device().isHeld());
+    const nlohmann::json shown = device().show();
+    for (const nlohmann::json &entry : shown["entries"]) {
+        EXPECT_TRUE(entry["installed"]) << entry.dump();
+    }
+}
+
 TEST_F(AdoptTest, TheSamePolicyAgainSendsNoMessage) {
     restart();
     store();
