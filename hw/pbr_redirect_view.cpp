@@ -20,6 +20,47 @@ void hopAppend(PbrRedirect *pRedirect, const PbrNextHopEntry *pHop) {
     pRedirect->nextHopCount++;
 }
 
+// FNV-1a.
+void hashAdd(uint64_t *pHash, const void *pBytes, size_t size) {
+    const auto *pByte = static_cast<const uint8_t *>(pBytes);
+    for (size_t i = 0; i < size; i++) {
+        *pHash = (*pHash ^ pByte[i]) * 0x100000001b3u;
+    }
+}
+
+void nameAdd(uint64_t *pHash, const uint8_t *pName, uint16_t nameLen) {
+    hashAdd(pHash, &nameLen, sizeof(nameLen));
+    hashAdd(pHash, pName, nameLen);
+}
+
+uint64_t choiceHash(const PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
+    uint64_t hash = 0xcbf29ce484222325u;
+    const uint8_t isEcmp = pRedirect->isEcmp != 0 ? 1 : 0;
+    hashAdd(&hash, &pRedirect->ipVer, sizeof(pRedirect->ipVer));
+    hashAdd(&hash, &isEcmp, sizeof(isEcmp));
+    hashAdd(&hash, &pRedirect->vrfid, sizeof(pRedirect->vrfid));
+    for (const PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
+         pHop = pbrNodeNextHopNext(pNode, pHop)) {
+        hashAdd(&hash, pHop->nextHop, pbrAddressSize(pRedirect->ipVer));
+        nameAdd(&hash, pHop->nqaAdminName, pHop->nqaAdminNameLen);
+        nameAdd(&hash, pHop->nqaTestName, pHop->nqaTestNameLen);
+    }
+    return hash | 1;
+}
+
+// The first behind the chosen one that would be chosen alone.
+void standbyFill(PbrRedirect *pRedirect, const PbrNodeEntry *pNode, const PbrNextHopEntry *pChosen) PBR_LOCK_HELD {
+    for (PbrNextHopEntry *pHop = pbrNodeNextHopNext(pNode, pChosen); pHop != nullptr;
+         pHop = pbrNodeNextHopNext(pNode, pHop)) {
+        if (pbrNhopSelect(nullptr, pHop) != nullptr) {
+            memset(pRedirect->standby, 0, PBR_ADDRESS_BYTES);
+            memcpy(pRedirect->standby, pHop->nextHop, pbrAddressSize(pRedirect->ipVer));
+            pRedirect->hasStandby = 1;
+            return;
+        }
+    }
+}
+
 // Members of an ECMP node, by the device records' own test; probes do not count for them.
 void membersAppend(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
     for (const PbrNextHopEntry *pHop = pbrNodeNextHopFirst(pNode); pHop != nullptr;
@@ -31,12 +72,14 @@ void membersAppend(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) {
 }
 
 PbrRedirectKind nextHopsDecide(PbrRedirect *pRedirect, const PbrNodeEntry *pNode) PBR_LOCK_HELD {
+    pRedirect->choice = choiceHash(pRedirect, pNode);
     if (pRedirect->isEcmp != 0) {
         membersAppend(pRedirect, pNode);
     } else {
         const PbrNextHopEntry *pChosen = pbrBestNexthopPeek(pNode);
         if (pChosen != nullptr) {
             hopAppend(pRedirect, pChosen);
+            standbyFill(pRedirect, pNode, pChosen);
         }
     }
     return pRedirect->nextHopCount != 0 ? PBR_REDIRECT_NEXT_HOPS : PBR_REDIRECT_INERT;
@@ -78,6 +121,8 @@ void redirectFill(PbrRedirect *pRedirect, const PbrIfNodeEntry *pLink) PBR_LOCK_
         pNode->policyRouteIpVer == PBR_IP_VERSION_4 || pNode->policyRouteIpVer == PBR_IP_VERSION_6;
     const uint32_t ipPri = pbrNodeIpPriGet(pNode);
     pRedirect->outIfUnit = 0;
+    pRedirect->choice = 0;
+    pRedirect->hasStandby = 0;
     pRedirect->nextHopCount = 0; // the addresses behind the count are left alone: they are 4 KB
     pRedirect->pListName = pNode->pPbrList->name;
     pRedirect->listNameLen = pNode->pPbrList->nameLen;

@@ -43,6 +43,10 @@ struct PbrRedirect {
     uint8_t nextHops[PBR_REDIRECT_MAX_NEXT_HOPS][16]; // network order, list order; IPv4 in 4 bytes, rest
                               // 0; not written from nextHopCount on
     uint32_t configuredCount; // next hops that the node names, usable or not
+    uint64_t choice;          // the same for nodes that choose alike: of the same next hops in the same order with the
+                              // same probes, VRF and isEcmp; 0 without next hops. A hash: others may have it too
+    uint8_t hasStandby;       // 1: one next hop was chosen, and standby would be without it
+    uint8_t standby[16];      // as nextHops; not written without
 };
 
 // Receives the view of the lists that changed. The redirect is valid during the call only. The view

@@ -40,6 +40,8 @@ struct RedirectEntry {
     uint32_t outIfUnit = 0;
     uint32_t configuredCount = 0;
     std::vector<IpAddress> nextHops;
+    uint64_t choice = 0;              // see PbrRedirect
+    std::optional<IpAddress> standby; // the next hop that follows when the one of nextHops is lost
     bool operator==(const RedirectEntry &) const = default;
 };
 RedirectEntry redirectEntryFrom(const PbrRedirect &redirect); // host/device/desired

@@ -114,11 +114,15 @@ RedirectEntry redirectEntryFrom(const PbrRedirect &redirect) {
     entry.vrfid = redirect.vrfid;
     entry.outIfUnit = redirect.outIfUnit;
     entry.configuredCount = redirect.configuredCount;
+    entry.choice = redirect.choice;
     const size_t addressBytes = redirect.ipVer == 2 ? 16 : 4;
     for (uint32_t i = 0; i < redirect.nextHopCount; i++) {
         IpAddress address{};
         std::copy_n(redirect.nextHops[i], addressBytes, address.begin());
         entry.nextHops.push_back(address);
+    }
+    if (redirect.hasStandby != 0) {
+        std::copy_n(redirect.standby, addressBytes, entry.standby.emplace().begin());
     }
     return entry;
 }

@@ -55,7 +55,7 @@ uint32_t DecisionTable::nextHopId(const RtNextHop &nextHop) {
 
 uint32_t DecisionTable::acquire(uint8_t family, const std::vector<ProgramPath> &paths, bool drop,
                                 std::string *pError) {
-    auto known = ids_.find({family, drop, paths});
+    auto known = ids_.find({family, drop, 0, paths});
     if (known != ids_.end()) {
         decisions_[{family, known->second}].users++;
         return known->second;
@@ -66,18 +66,98 @@ uint32_t DecisionTable::acquire(uint8_t family, const std::vector<ProgramPath> &
                   " different decisions (host.mark-mask, host.rule-preference)";
         return 0;
     }
-    for (const ProgramPath &path : paths) {
-        if (nextHopId(nextHopOf(family, path)) == 0) {
-            *pError = "no free next-hop object id";
-            return 0;
-        }
+    if (!nextHopsGet(family, paths)) {
+        *pError = "no free next-hop object id";
+        return 0;
     }
-    ids_[{family, drop, paths}] = id;
+    ids_[{family, drop, 0, paths}] = id;
     Decision &decision = decisions_[{family, id}];
     decision.paths = paths;
     decision.drop = drop;
     decision.users = 1;
     return id;
+}
+
+DecisionTable::Content DecisionTable::contentOf(uint8_t family, const Decision &decision) {
+    return {family, decision.drop, decision.choice, decision.choice == 0 ? decision.paths : std::vector<ProgramPath>{}};
+}
+
+bool DecisionTable::nextHopsGet(uint8_t family, const std::vector<ProgramPath> &paths) {
+    return std::all_of(paths.begin(), paths.end(), [&](const ProgramPath &path) { return nextHopId(nextHopOf(family, path)) != 0; });
+}
+
+void DecisionTable::use(uint8_t family, uint32_t id) { decisions_.at({family, id}).users++; }
+
+uint32_t DecisionTable::choiceFind(uint8_t family, uint64_t choice, bool drop) const {
+    const auto known = ids_.find({family, drop, choice, {}});
+    return known == ids_.end() ? 0 : known->second;
+}
+
+// A decision without users that has these paths, of several rather one with the same standby. Result: 0 none.
+uint32_t DecisionTable::unusedId(uint8_t family, const ProgramDecision &wanted) const {
+    const Content content{family, wanted.drop, 0, wanted.paths};
+    std::set<uint32_t> ids;
+    if (const auto known = ids_.find(content); known != ids_.end()) {
+        ids.insert(known->second);
+    }
+    if (const auto adopted = adopted_.find(content); adopted != adopted_.end()) {
+        ids.insert(adopted->second.begin(), adopted->second.end());
+    }
+    uint32_t found = 0;
+    for (const uint32_t id : ids) {
+        const Decision *pDecision = get({family, id});
+        if (pDecision == nullptr || pDecision->users != 0 || contentOf(family, *pDecision) != content) {
+            continue;
+        }
+        if (pDecision->standby == wanted.standby) {
+            return id;
+        }
+        found = found == 0 ? id : found;
+    }
+    return found;
+}
+
+uint32_t DecisionTable::choiceId(uint8_t family, uint64_t choice, const ProgramDecision &wanted) {
+    const Content content{family, wanted.drop, choice, {}};
+    const uint32_t known = choiceFind(family, choice, wanted.drop);
+    if (known != 0 && decisions_.at({family, known}).isMade) {
+        return known;
+    }
+    const uint32_t same = unusedId(family, wanted);
+    if (known != 0 && same == 0) {
+        return known;
+    }
+    const uint32_t id = same != 0 ? same : freeId(family);
+    if (id == 0) {
+        return 0;
+    }
+    if (const auto byPaths = ids_.find({family, wanted.drop, 0, wanted.paths}); byPaths != ids_.end() && byPaths->second == id) {
+        ids_.erase(byPaths);
+    }
+    if (known != 0) { // of no use to the kernel; its users go to the other one
+        Decision &left = decisions_.at({family, known});
+        left.choice = 0;
+        ids_.try_emplace(contentOf(family, left), known);
+    }
+    ids_[content] = id;
+    Decision &decision = decisions_[{family, id}];
+    decision.choice = choice;
+    decision.drop = wanted.drop;
+    return id;
+}
+
+bool DecisionTable::change(const DecisionKey &key, const ProgramDecision &wanted) {
+    Decision &decision = decisions_.at(key);
+    if (!nextHopsGet(key.first, wanted.paths) || !nextHopsGet(key.first, wanted.standby)) {
+        return false;
+    }
+    if (decision.paths != wanted.paths || decision.standby != wanted.standby) {
+        decision.paths = wanted.paths;
+        decision.standby = wanted.standby;
+        decision.installed = decision.waits = decision.isStandbyRefused = false;
+        decision.error.clear();
+    }
+    return true;
 }
 
 void DecisionTable::release(uint8_t family, uint32_t id) {
@@ -106,15 +186,21 @@ void DecisionTable::nextHopsAvoid(const std::set<uint32_t> &ids) {
 
 void DecisionTable::drop() {
     std::map<RtNextHop, uint32_t> used;
+    adopted_.clear(); // what was adopted and is not used goes now
     for (auto it = decisions_.begin(); it != decisions_.end();) {
         if (it->second.users == 0) {
-            ids_.erase({it->first.first, it->second.drop, it->second.paths});
+            const auto known = ids_.find(contentOf(it->first.first, it->second));
+            if (known != ids_.end() && known->second == it->first.second) {
+                ids_.erase(known);
+            }
             it = decisions_.erase(it);
             continue;
         }
-        for (const ProgramPath &path : it->second.paths) {
-            const RtNextHop nextHop = nextHopOf(it->first.first, path);
-            used[nextHop] = nextHopIds_.at(nextHop);
+        for (const auto *pPaths : {&it->second.paths, &it->second.standby}) {
+            for (const ProgramPath &path : *pPaths) {
+                const RtNextHop nextHop = nextHopOf(it->first.first, path);
+                used[nextHop] = nextHopIds_.at(nextHop);
+            }
         }
         ++it;
     }
@@ -136,12 +222,20 @@ DecisionObjects DecisionTable::objectsOf(const DecisionKey &key) const {
         group.emplace_back(id, path.weight);
     }
     std::sort(group.begin(), group.end());
-    const uint32_t target = group.size() == 1 ? group[0].first : groupId(key);
-    if (group.size() > 1) {
-        objects.groups[target] = group;
-    }
     const uint32_t table = options_.tableBase + key.second;
-    objects.routes[{key.first, table, RT_METRIC}] = target;
+    if (!group.empty()) {
+        const uint32_t target = group.size() == 1 ? group[0].first : groupId(key);
+        if (group.size() > 1) {
+            objects.groups[target] = group;
+        }
+        objects.routes[{key.first, table, RT_METRIC}] = target;
+    }
+    for (const ProgramPath &path : decision.isStandbyRefused ? std::vector<ProgramPath>{} : decision.standby) {
+        const RtNextHop nextHop = nextHopOf(key.first, path);
+        const uint32_t id = nextHopIds_.at(nextHop);
+        objects.nextHops[id] = nextHop;
+        objects.routes[{key.first, table, RT_STANDBY_METRIC}] = id;
+    }
     objects.routes[{key.first, table, RT_LAST_METRIC}] = decision.drop ? RT_BLACKHOLE : RT_THROW;
     objects.rule = {key.first, options_.rulePreference + key.second - 1,
                     key.second << kernelMarkShift(options_), options_.markMask, table, 0, RT_RULE_LOOKUP};
@@ -191,13 +285,20 @@ bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
     const bool drop = last != image.routes.end() && last->second == RT_BLACKHOLE;
     std::vector<ProgramPath> paths;
     if (rule.action != RT_RULE_LOOKUP || id == 0 || id > kernelMarkLimit(options_) || route == image.routes.end() || route->second == 0 ||
-        !pathsOf(image, rule.family, route->second, &paths) || ids_.count({rule.family, drop, paths}) != 0) {
+        !pathsOf(image, rule.family, route->second, &paths)) {
         return false;
     }
     const DecisionKey key{rule.family, id};
     decisions_[key].paths = paths;
     decisions_[key].drop = drop;
-    ids_[{rule.family, drop, paths}] = id;
+    decisions_[key].isMade = true;
+    const auto standby = image.routes.find({rule.family, rule.table, RT_STANDBY_METRIC});
+    std::vector<ProgramPath> second;
+    if (standby != image.routes.end() && pathsOf(image, rule.family, standby->second, &second) && second.size() == 1) {
+        decisions_[key].standby = std::move(second);
+    }
+    const bool isFirst = ids_.try_emplace({rule.family, drop, 0, paths}, id).second;
+    adopted_[{rule.family, drop, 0, paths}].insert(id);
     // A set that shrank with a link is still reached by the group's id: not what we would make.
     const DecisionObjects objects = objectsOf(key);
     const bool isSameGroup =
@@ -206,7 +307,10 @@ bool DecisionTable::adoptOne(const RtImage &image, const RtRule &rule) {
         return true;
     }
     decisions_.erase(key);
-    ids_.erase({rule.family, drop, paths});
+    adopted_[{rule.family, drop, 0, paths}].erase(id);
+    if (isFirst) {
+        ids_.erase({rule.family, drop, 0, paths});
+    }
     return false;
 }
 

@@ -207,11 +207,10 @@ ProgramList KernelDevice::listCompile(const std::string &list) const {
 }
 
 void KernelDevice::listsCompile(const std::vector<std::string> &lists) {
-    for (const std::string &list : std::set<std::string>(lists.begin(), lists.end())) {
-        if (kept_.count(list) != 0) {
-            continue;
-        }
-        compiledSet(list, listCompile(list));
+    std::set<std::string> free(lists.begin(), lists.end());
+    std::erase_if(free, [this](const std::string &list) { return kept_.count(list) != 0; });
+    for (const std::string &list : free) {
+        compiledSet(list, listCompile(list), list != *free.rbegin());
     }
 }
 
@@ -226,10 +225,13 @@ void KernelDevice::allCompile() {
         }
         return it->second;
     };
+    std::set<std::string> free;
     for (const auto &[list, entries] : state_.lists) {
-        if (kept_.count(list) == 0) {
-            compiledSet(list, programCompile(list, entries, env));
-        }
+        free.insert(list);
+    }
+    std::erase_if(free, [this](const std::string &list) { return kept_.count(list) != 0; });
+    for (const std::string &list : free) {
+        compiledSet(list, programCompile(list, state_.lists.at(list), env), list != *free.rbegin());
     }
 }
 
@@ -547,10 +549,15 @@ nlohmann::json KernelDevice::decisionsShow() const {
                              {"weight", path.weight}});
         }
         const RtRule rule = plane_.model().decisions().objectsOf(key).rule;
+        nlohmann::json standby = nlohmann::json::array();
+        for (const ProgramPath &path : decision.standby) {
+            const std::string gateway = path.hasGateway ? ipAddressText(key.first == 6 ? 2 : 1, path.gateway) : "";
+            standby.push_back({{"interface", linkName(path.ifIndex)}, {"gateway", gateway}});
+        }
         shown.push_back({{"id", key.second}, {"ipVersion", key.first}, {"mark", rule.mark}, {"table", rule.table},
                          {"preference", rule.preference}, {"paths", std::move(paths)}, {"otherwise", decision.drop ? "drop" : "normal"},
-                         {"users", decision.users},
-                         {"installed", decision.installed}, {"error", decision.error}});
+                         {"standby", std::move(standby)}, {"users", decision.users}, {"installed", decision.installed},
+                         {"error", decision.error}});
     }
     return shown;
 }

@@ -105,7 +105,7 @@ private:
     void allCompile();
     void apply();
     std::string applyBehindFront();
-    void compiledSet(const std::string &list, ProgramList program);
+    void compiledSet(const std::string &list, ProgramList program, bool isMore);
     void refusedRetry();
     void frontSoon();
     void frontHears(int protocol, const nlmsghdr *pMessage);

@@ -9,11 +9,11 @@
 namespace host {
 
 // Lock: held by caller
-void KernelDevice::compiledSet(const std::string &list, ProgramList program) {
+void KernelDevice::compiledSet(const std::string &list, ProgramList program, bool isMore) {
     if (hooks_.pFront) {
         compiled_.insert(list);
     }
-    plane_.model().listSet(list, std::move(program));
+    plane_.model().listSet(list, std::move(program), isMore);
 }
 
 // What was refused may act otherwise from now on. Lock: held by caller

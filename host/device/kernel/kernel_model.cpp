@@ -63,7 +63,7 @@ int deleteOrder(const std::string &chain) {
 
 // ---- lists ----
 
-void KernelModel::listSet(const std::string &list, ProgramList program) {
+void KernelModel::listSet(const std::string &list, ProgramList program, bool isMore) {
     std::set<InterfaceKey> touched;
     std::set<NodeKey> changed;
     ProgramList &known = lists_[list];
@@ -86,6 +86,9 @@ void KernelModel::listSet(const std::string &list, ProgramList program) {
     if (known.entries.empty()) {
         lists_.erase(list);
     }
+    if (!isMore) {
+        choicesSettle();
+    }
     flatsSet(list, touched, changed);
     for (const InterfaceKey &key : touched) {
         interfaceSet(key);
@@ -99,6 +102,9 @@ bool KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool i
     Node &node = it->second;
     const bool isRetry = !node.refused.empty() || !node.error.empty();
     const bool isDecisionChange = isNew || isRetry || node.program.decision != program.decision;
+    const ProgramDecision &before = node.program.decision, &after = program.decision;
+    node.isActionDue = node.isActionDue || isNew || isRetry || before.precedence != after.precedence || before.drop != after.drop ||
+                       before.choice != after.choice;
     node.program = program;
     if (isDecisionChange) {
         decisionSet(key, node);
@@ -111,7 +117,7 @@ bool KernelModel::nodeSet(const NodeKey &key, const ProgramNode &program, bool i
         chainDrop(kernelActionChain(key));
         return false;
     }
-    if (isDecisionChange) {
+    if (isDecisionChange && program.decision.choice == 0) {
         actionSet(key, node);
     }
     return isRulesChange || isRetry;
@@ -124,33 +130,6 @@ void KernelModel::nodeDel(const NodeKey &key) {
     chainDrop(kernelMatchChain(key));
     chainDrop(kernelActionChain(key));
     nodes_.erase(key);
-}
-
-// Acquires the new decision before the old one is let go, so that an equal one keeps its id.
-void KernelModel::decisionSet(const NodeKey &key, Node &node) {
-    const uint32_t old = node.decision;
-    node.decision = 0;
-    node.error.clear();
-    if (!node.program.decision.paths.empty()) {
-        node.decision = decisions_.acquire(key.family, node.program.decision.paths, node.program.decision.drop,
-                                            &node.error);
-    }
-    if (old != 0) {
-        decisions_.release(key.family, old);
-        std::set<NodeKey> &users = users_[{key.family, old}];
-        users.erase(key);
-        if (users.empty()) {
-            users_.erase({key.family, old});
-        }
-    }
-    if (node.decision != 0) {
-        users_[{key.family, node.decision}].insert(key);
-    }
-}
-
-uint32_t KernelModel::effective(const NodeKey &key, const Node &node) const {
-    const Decision *pDecision = decisions_.get({key.family, node.decision});
-    return pDecision == nullptr || !pDecision->error.empty() ? 0 : node.decision;
 }
 
 std::string KernelModel::errorOf(const NodeKey &key) const {
@@ -168,18 +147,6 @@ void KernelModel::actionSet(const NodeKey &key, const Node &node) {
     chainSet(kernelActionChain(key),
              kernelActionRules(key, effective(key, node), precedence, options_, node.program.decision.drop),
              {key, false, {}, {}, false});
-}
-
-void KernelModel::decisionChanged(const DecisionKey &key) {
-    auto users = users_.find(key);
-    if (users == users_.end()) {
-        return;
-    }
-    for (const NodeKey &node : users->second) {
-        if (nodes_.at(node).refused.empty()) {
-            actionSet(node, nodes_.at(node));
-        }
-    }
 }
 
 bool KernelModel::refuse(const std::string &chain, const std::string &text) {
@@ -507,19 +474,9 @@ std::vector<NodeKey> KernelModel::nodesOf(const std::string &list, const EntryKe
     return keys;
 }
 
-uint32_t KernelModel::decisionOf(const NodeKey &key) const {
-    auto it = nodes_.find(key);
-    return it == nodes_.end() ? 0 : effective(key, it->second);
-}
-
 std::string KernelModel::refusedOf(const NodeKey &key) const {
     auto it = nodes_.find(key);
     return it == nodes_.end() ? "unknown to the device" : it->second.refused;
-}
-
-bool KernelModel::isDropped(const NodeKey &key) const {
-    auto it = nodes_.find(key);
-    return it != nodes_.end() && it->second.refused.empty() && it->second.program.decision.drop && effective(key, it->second) == 0;
 }
 
 KernelEntryStatus KernelModel::status(const std::string &list, const EntryKey &key) const {

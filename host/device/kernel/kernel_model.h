@@ -20,6 +20,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -84,8 +85,9 @@ public:
     // Whether fragments are reassembled before our chain. Before the first list.
     void defragSet(bool on) { options_.defrag = on; }
 
-    // Replaces what is known of a list; an empty program: the list has no links any more.
-    void listSet(const std::string &list, ProgramList program);
+    // Replaces what is known of a list; an empty program: the list has no links any more. isMore: others follow, and
+    // what nodes of several lists share is settled with the last.
+    void listSet(const std::string &list, ProgramList program, bool isMore = false);
 
     // Marks everything as perhaps different from what is installed.
     void allDirty() { isAllDirty_ = true; }
@@ -127,7 +129,9 @@ public:
 private:
     struct Node {
         ProgramNode program;
+        ProgramDecision grouped; // as it is known in choices_
         uint32_t decision = 0;   // id acquired; 0 none
+        bool isActionDue = false; // it has to be written when the choices are settled
         std::string error;       // no decision could be had
         std::string refused;     // the kernel refused the rules
     };
@@ -152,6 +156,14 @@ private:
         std::map<Place, uint32_t> nodes; // -> entries that put it there (two names for one unit: never)
     };
 
+    using ChoiceKey = std::tuple<uint8_t, uint64_t, bool>; // family, choice, drop
+    using Outcome = std::pair<std::vector<ProgramPath>, std::vector<ProgramPath>>; // paths, standby
+    // The nodes of a choice, by what they have chosen: all the same, but for moments and lists that are held.
+    struct Choice {
+        std::map<Outcome, std::set<NodeKey>> groups;
+        std::set<NodeKey> moved; // since it was settled
+    };
+
     using ListKey = std::pair<std::string, uint8_t>; // list, family
     struct FlatPlace {
         NodeKey node;
@@ -174,6 +186,10 @@ private:
     bool nodeSet(const NodeKey &key, const ProgramNode &program, bool isRulesChange);
     void nodeDel(const NodeKey &key);
     void decisionSet(const NodeKey &key, Node &node);
+    void groupLeave(const NodeKey &key, const Node &node);
+    void choicesSettle();
+    void choiceSettle(const ChoiceKey &key);
+    void decisionMove(const NodeKey &key, uint32_t id);
     void actionSet(const NodeKey &key, const Node &node);
     void placesSet(const std::string &list, const ProgramList &program, bool isAdd,
                    std::set<InterfaceKey> &touched);
@@ -212,6 +228,8 @@ private:
     std::map<std::string, ProgramList> lists_;
     std::map<NodeKey, Node> nodes_;
     std::map<DecisionKey, std::set<NodeKey>> users_;
+    std::map<ChoiceKey, Choice> choices_;
+    std::set<ChoiceKey> unsettled_;
     std::map<InterfaceKey, Interface> interfaces_;
     std::map<ListKey, Flat> flats_;
     std::map<std::string, std::string> flatSets_; // maps of flat lists -> owner

@@ -171,10 +171,18 @@ void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, 
     const auto verb = [](const auto &map, const auto &id) {
         return map.count(id) == 0 ? RtVerb::Add : RtVerb::Replace;
     };
+    const auto standby = objects.routes.find({key.first, objects.rule.table, RT_STANDBY_METRIC});
+    const auto isStandby = [&](uint32_t id) {
+        const std::vector<ProgramPath> &paths = model_.decisions().get(key)->paths;
+        return standby != objects.routes.end() && standby->second == id &&
+               std::none_of(paths.begin(), paths.end(), [&](const ProgramPath &path) {
+                   return objects.nextHops.at(id) == RtNextHop{key.first, path.ifIndex, path.hasGateway, path.gateway};
+               });
+    };
     for (const auto &item : objects.nextHops) {
         if (!holds(held.nextHops, item.first, item.second) && planned.insert(item.first).second) {
             steps.push_back({rtNextHopMessage(verb(held.nextHops, item.first), item.first, item.second), key, item.second.ifIndex,
-                             [item](RtImage &image) { image.nextHops[item.first] = item.second; }});
+                             [item](RtImage &image) { image.nextHops[item.first] = item.second; }, isStandby(item.first)});
         }
     }
     for (const auto &item : objects.groups) {
@@ -183,11 +191,22 @@ void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, 
                              [item](RtImage &image) { image.groups[item.first] = item.second; }});
         }
     }
-    // The last route first: a table is never without it while a rule leads there.
-    for (auto it = objects.routes.rbegin(); it != objects.routes.rend(); ++it) {
-        if (!holds(held.routes, it->first, it->second)) {
-            steps.push_back({rtRouteMessage(verb(held.routes, it->first), it->first, it->second), key, 0,
-                             [item = *it](RtImage &image) { image.routes[item.first] = item.second; }});
+    // The last route first: a table is never without it while a rule leads there. The chosen way before the standby:
+    // when the kernel has lost the way of before, the standby is what packets take now.
+    for (const uint32_t metric : {RT_LAST_METRIC, RT_METRIC, RT_STANDBY_METRIC}) {
+        const RtRouteKey place{key.first, objects.rule.table, metric};
+        const auto wanted = objects.routes.find(place);
+        if (wanted != objects.routes.end() && !holds(held.routes, place, wanted->second)) {
+            steps.push_back({rtRouteMessage(verb(held.routes, place), place, wanted->second), key, 0,
+                             [item = *wanted](RtImage &image) { image.routes[item.first] = item.second; },
+                             metric == RT_STANDBY_METRIC});
+        }
+    }
+    for (const uint32_t metric : {RT_METRIC, RT_STANDBY_METRIC}) {
+        const auto old = held.routes.find({key.first, objects.rule.table, metric});
+        if (old != held.routes.end() && objects.routes.count(old->first) == 0) {
+            steps.push_back({rtRouteMessage(RtVerb::Del, old->first, old->second), key, 0,
+                             [place = old->first](RtImage &image) { image.routes.erase(place); }, true});
         }
     }
     if (held.rules.count(objects.rule) == 0) {
@@ -220,6 +239,8 @@ bool KernelPlane::stepsSend(std::vector<RtStep> &steps) {
         auto it = failed.find(seqs[i]);
         if (it == failed.end()) {
             steps[i].done(installed_.rt);
+        } else if (Decision *pDecision = model_.decisions().get(steps[i].owner); steps[i].isOptional && pDecision != nullptr) {
+            pDecision->isStandbyRefused = true;
         } else {
             decisionRefuse(steps[i].owner, it->second->text, linksDown);
         }
@@ -292,8 +313,10 @@ void KernelPlane::decisionsInstall() {
         decisionsMark();
         pending.merge(decisionsSend());
     }
+    bool isLeft = false;
     for (const DecisionKey &key : pending) {
         Decision *pDecision = model_.decisions().get(key);
+        pDecision->isMade = pDecision->isMade || installed_.rt.rules.count(model_.decisions().objectsOf(key).rule) != 0;
         pDecision->installed = pDecision->error.empty() &&
                                holdsAll(installed_.rt, model_.decisions().objectsOf(key));
         if (!pDecision->installed && pDecision->error.empty()) {
@@ -305,6 +328,27 @@ void KernelPlane::decisionsInstall() {
                     key.first, pDecision->error.c_str());
             model_.decisionChanged(key);
         }
+        isLeft = isLeft || (pDecision->waits && pDecision->choice != 0);
+    }
+    if (isLeft) {
+        waysLeave(pending);
+    }
+}
+
+// What packets take while the chosen way cannot be installed, for a link that is down, is not what was chosen before.
+void KernelPlane::waysLeave(const std::set<DecisionKey> &pending) {
+    std::vector<RtStep> steps;
+    for (const DecisionKey &key : pending) {
+        const DecisionObjects objects = model_.decisions().objectsOf(key);
+        const RtRouteKey place{key.first, objects.rule.table, RT_METRIC};
+        const auto held = installed_.rt.routes.find(place);
+        if (model_.decisions().get(key)->waits && held != installed_.rt.routes.end() && !holds(objects.routes, place, held->second)) {
+            steps.push_back({rtRouteMessage(RtVerb::Del, place, held->second), key, 0,
+                             [place](RtImage &image) { image.routes.erase(place); }});
+        }
+    }
+    if (!steps.empty()) {
+        (void)stepsDo(steps); // read back like all that the kernel has
     }
 }
 
@@ -439,6 +483,9 @@ bool KernelPlane::hasRefused() const {
 
 void KernelPlane::retryRefused() {
     for (auto &[key, decision] : model_.decisions().all()) {
+        if (decision.isStandbyRefused) {
+            decision.isStandbyRefused = decision.installed = false;
+        }
         if (!decision.error.empty()) {
             decision.error.clear();
             decision.waits = false;
@@ -463,9 +510,10 @@ bool KernelPlane::reconcile(const NftImage *pNft, const RtImage *pRt, const std:
         isCollectDue_ = isTreeDue_ = true;
         isDrift = isDrift || !std::all_of(tree_.begin(), tree_.end(), [&](const RtRule &rule) { return pRt->rules.count(rule) != 0; });
         for (const auto &[key, decision] : model_.decisions().all()) {
-            const bool isByLink = std::any_of(decision.paths.begin(), decision.paths.end(), [&](const ProgramPath &path) {
-                return linksLost.count(path.ifIndex) != 0;
-            }) && installed_.rt.rules.count(model_.decisions().objectsOf(key).rule) != 0; // rules do not go with a link
+            const auto isLost = [&](const ProgramPath &path) { return linksLost.count(path.ifIndex) != 0; };
+            const bool isByLink = (std::any_of(decision.paths.begin(), decision.paths.end(), isLost) ||
+                                   std::any_of(decision.standby.begin(), decision.standby.end(), isLost)) &&
+                                  installed_.rt.rules.count(model_.decisions().objectsOf(key).rule) != 0; // rules do not go with a link
             isDrift = isDrift || (decision.users > 0 && !decision.installed && decision.error.empty() && !isByLink);
         }
     }

@@ -115,10 +115,12 @@ private:
         DecisionKey owner;
         uint32_t ifIndex; // that a next hop leads out of; 0: no next hop
         std::function<void(RtImage &)> done; // what the image is after it
+        bool isOptional = false; // of a standby: the decision goes without it
     };
     void defragProbe();
     std::set<DecisionKey> decisionsSend();
     void decisionsInstall();
+    void waysLeave(const std::set<DecisionKey> &pending);
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
     bool stepsSend(std::vector<RtStep> &steps);
     void treePlan(const std::set<RtRule> &rules);

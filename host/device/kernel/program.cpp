@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <utility>
 
 namespace host {
 
@@ -77,9 +78,18 @@ Outcome nextHopsOutcome(const RedirectEntry &entry, const ProgramEnv &env) {
             outcome.reason += (outcome.reason.empty() ? "" : "; ") + unusable;
         }
     }
-    std::sort(outcome.decision.paths.begin(), outcome.decision.paths.end());
-    if (outcome.decision.paths.size() == 1) {
-        outcome.decision.paths[0].weight = 1; // there is nothing to weigh it against
+    std::vector<ProgramPath> &paths = outcome.decision.paths, &standby = outcome.decision.standby;
+    std::sort(paths.begin(), paths.end());
+    if (paths.size() == 1) {
+        paths[0].weight = 1; // there is nothing to weigh it against
+    }
+    if (entry.standby && paths.size() <= 1) {
+        (void)nextHopAdd(entry, *entry.standby, env, standby); // one that cannot be used now is none
+        if (paths.empty() && !standby.empty()) {
+            paths = std::exchange(standby, {});
+        } else if (paths == standby) {
+            standby.clear();
+        }
     }
     return outcome;
 }
@@ -106,6 +116,7 @@ Outcome decide(const RedirectEntry &entry, const ProgramEnv &env) {
                         " cannot be set: IP precedence has three bits (1 to 7)", ""};
     }
     outcome.decision.precedence = entry.newIpPri;
+    outcome.decision.choice = entry.choice;
     return outcome;
 }
 

@@ -54,6 +54,8 @@ struct ProgramDecision {
     uint8_t precedence = 0;         // 1..7: new IP precedence, 0 unchanged
     std::vector<ProgramPath> paths; // ascending, no path twice; two or more: the traffic is spread
     bool drop = false;              // what no path takes is dropped
+    std::vector<ProgramPath> standby; // none or one: takes over when the kernel loses the only path with its link
+    uint64_t choice = 0;            // nodes with the same one change their paths together, as a rule; 0: unknown
     auto operator<=>(const ProgramDecision &) const = default;
 };
 

@@ -31,6 +31,7 @@ struct RtRule {
 };
 
 constexpr uint32_t RT_METRIC = 1;               // of the route over the next hop
+constexpr uint32_t RT_STANDBY_METRIC = 2;       // of the route that takes over when the one above is gone
 constexpr uint32_t RT_LAST_METRIC = UINT32_MAX; // of the route for when the one above is gone
 
 // Where a route leads, beside the ids of next hops.

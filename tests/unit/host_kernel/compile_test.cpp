@@ -111,7 +111,7 @@ TEST_F(CompileTest, AnAbsentEntryIsNotAsked) {
 TEST_F(CompileTest, AnInertEntryMatchesAndSetsItsPriority) {
     world_.kind("wan", "lan0", 10, 1501, PBR_REDIRECT_INERT, 6, 1);
     const ProgramList made = program();
-    EXPECT_EQ(made.nodes.at({"wan", 10, 4, 0}).decision, (ProgramDecision{6, {}}));
+    EXPECT_EQ(made.nodes.at({"wan", 10, 4, 0}).decision, (ProgramDecision{6, {}, false, {}, 0}));
     EXPECT_EQ(made.entries.at({1, 10}).reason, "no usable next hop");
 }
 

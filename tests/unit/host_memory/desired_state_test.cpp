@@ -98,6 +98,8 @@ TEST_F(Desired, EveryFieldCountsAsADifference) {
     EXPECT_TRUE(differs([](PbrRedirect &r) { r.vrfid = 10; }));
     EXPECT_TRUE(differs([](PbrRedirect &r) { r.outIfUnit = 3; }));
     EXPECT_TRUE(differs([](PbrRedirect &r) { r.configuredCount = 2; }));
+    EXPECT_TRUE(differs([](PbrRedirect &r) { r.choice = 5; }));
+    EXPECT_TRUE(differs([](PbrRedirect &r) { r.hasStandby = 1; }));
     EXPECT_TRUE(differs([](PbrRedirect &r) { r.nextHopCount = 2; }));
     EXPECT_TRUE(differs([](PbrRedirect &r) { r.nextHops[0][3] = 9; }));
     EXPECT_FALSE(differs([](PbrRedirect &) {}));

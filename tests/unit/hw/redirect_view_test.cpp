@@ -1,6 +1,8 @@
 // The redirect view: what should happen to the packets of a link now, and what has to be asked again.
 #include "hw/pbr_redirect_view.h"
 
+#include <set>
+
 #include "store/pbr_if_node_entry.h"
 #include "store/pbr_view_mark.h"
 #include "tests/unit/hw/steps.h"
@@ -177,6 +179,7 @@ TEST_F(RedirectView, MarksOfSelectionAndBestAreNeitherReadNorWritten) {
         EXPECT_EQ(0, memcmp(&node, pNode_, sizeof(node)));
         EXPECT_EQ(0, memcmp(&hop0, hops_[0], sizeof(hop0)));
         EXPECT_EQ(0, memcmp(&hop1, hops_[1], sizeof(hop1)));
+        // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): a copy of the bytes, padding and all
         EXPECT_EQ(0, memcmp(&linkBefore, pLink_, sizeof(linkBefore)));
     }
     pNode_->pPbrNhopBest = nullptr;
@@ -299,6 +302,57 @@ TEST_F(RedirectViewTake, BeforeAnyListExistsThereIsNothingToVisit) {
     startDaemon();
     (void)pbrLock();
     mirror_ = {};
+}
+
+TEST_F(RedirectView, TheStandbyIsTheNextUsableOneBehindTheChosen) {
+    hops(4);
+    EXPECT_EQ(0, get().hasStandby);
+    hops_[1]->nexthopArpState = hops_[3]->nexthopArpState = 1;
+    PbrRedirect r = get();
+    ASSERT_EQ(1, r.hasStandby);
+    EXPECT_EQ(0, memcmp(r.standby, hops_[3]->nextHop, sizeof(r.standby)));
+    hops_[0]->nexthopArpState = 1;
+    r = get();
+    EXPECT_EQ(0, memcmp(r.nextHops[0], hops_[0]->nextHop, sizeof(r.standby)));
+    EXPECT_EQ(0, memcmp(r.standby, hops_[1]->nextHop, sizeof(r.standby)));
+    hops_[1]->nqaAdminNameLen = hops_[1]->nqaTestNameLen = 1; // a probe without record fails
+    EXPECT_EQ(0, memcmp(get().standby, hops_[3]->nextHop, sizeof(r.standby)));
+    hops_[3]->nexthopArpState = 0;
+    EXPECT_EQ(0, get().hasStandby);
+    pbrNodeIsEcmpSet(pNode_, 1);
+    hops_[3]->nexthopArpState = 1;
+    EXPECT_EQ(0, get().hasStandby) << "the others of a set are in it";
+}
+
+TEST_F(RedirectView, TheChoiceDependsOnWhatIsConfiguredAndNotOnWhatIsUsable) {
+    EXPECT_EQ(0u, get().choice);
+    hops(3);
+    const uint64_t choice = get().choice;
+    EXPECT_NE(0u, choice);
+    hops_[1]->nexthopArpState = 1;
+    pbrNodeIpPriSet(pNode_, 1);
+    pNode_->aclNum = 1502;
+    EXPECT_EQ(choice, get().choice);
+    std::set<uint64_t> choices = {choice};
+    const auto differs = [&](const char *pWhat) { EXPECT_TRUE(choices.insert(get().choice).second) << pWhat; };
+    hops_[2]->nextHop[3]++;
+    differs("an address");
+    std::swap(hops_[0]->nextHop[3], hops_[1]->nextHop[3]);
+    differs("the order");
+    hops_[0]->nqaAdminNameLen = 1;
+    hops_[0]->nqaTestNameLen = 2;
+    differs("a probe");
+    std::swap(hops_[0]->nqaAdminNameLen, hops_[0]->nqaTestNameLen);
+    differs("names of other lengths");
+    hops_[0]->nqaTestName[0] = 'x';
+    differs("a probe's name");
+    pNode_->vrfid = 9;
+    differs("the VRF");
+    pbrNodeIsEcmpSet(pNode_, 1);
+    differs("ECMP");
+    hops_.push_back(makeNextHop(pNode_, 9, "10.0.0.9"));
+    (void)fake::takeTrace();
+    differs("one more");
 }
 
 } // namespace
