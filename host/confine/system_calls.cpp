@@ -101,9 +101,6 @@ int rulesByArgument(scmp_filter_ctx filter) {
     if (error == 0) {
         error = rule(filter, SCMP_ACT_ALLOW, "tgkill", SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid())));
     }
-    if (error == 0 && optionGet("host.device") == "ebpf") {
-        error = rule(filter, SCMP_ACT_ALLOW, "bpf");
-    }
     for (const int number : {PR_SET_NAME, PR_GET_NAME, PR_SET_VMA}) {
         error = error != 0 ? error : rule(filter, SCMP_ACT_ALLOW, "prctl", SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(number)));
     }
@@ -123,6 +120,9 @@ int rulesAdd(scmp_filter_ctx filter) {
     }
     for (const char *pName : MISSING) {
         error = error != 0 ? error : rule(filter, SCMP_ACT_ERRNO(ENOSYS), pName);
+    }
+    if (error == 0 && optionGet("host.device") == "ebpf") {
+        error = rule(filter, SCMP_ACT_ALLOW, "bpf");
     }
     if (IS_SANITIZED) {
         for (const char *pName : ALLOWED_SANITIZED) {
