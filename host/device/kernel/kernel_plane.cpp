@@ -215,8 +215,8 @@ void KernelPlane::stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, 
     }
 }
 
-// Result: true when every step was done. Failures are noted in the decisions.
-bool KernelPlane::stepsSend(std::vector<RtStep> &steps) {
+// Result: for each step what the kernel said; false: done.
+std::vector<NetlinkError> KernelPlane::stepsAnswer(const std::vector<RtStep> &steps) {
     std::vector<NetlinkMessage> messages;
     std::vector<uint32_t> seqs;
     for (const RtStep &step : steps) {
@@ -228,24 +228,34 @@ bool KernelPlane::stepsSend(std::vector<RtStep> &steps) {
     for (const NetlinkError &error : result.failed) {
         failed.emplace(error.seq, &error);
     }
+    std::vector<NetlinkError> answers(steps.size());
+    for (size_t i = 0; i < steps.size(); i++) {
+        const auto it = failed.find(seqs[i]);
+        if (it != failed.end()) {
+            answers[i] = *it->second;
+        }
+    }
+    return answers;
+}
+
+// Failures are noted in the decisions.
+void KernelPlane::stepsSend(std::vector<RtStep> &steps) {
+    const std::vector<NetlinkError> answers = stepsAnswer(steps);
     std::map<uint32_t, std::string> linksDown; // whose next hops the kernel did not take for that, and its words
     for (size_t i = 0; i < steps.size(); i++) {
-        auto it = failed.find(seqs[i]);
-        if (it != failed.end() && it->second->code == ENETDOWN && steps[i].ifIndex != 0) {
-            linksDown.emplace(steps[i].ifIndex, it->second->text);
+        if (answers[i].code == ENETDOWN && steps[i].ifIndex != 0) {
+            linksDown.emplace(steps[i].ifIndex, answers[i].text);
         }
     }
     for (size_t i = 0; i < steps.size(); i++) {
-        auto it = failed.find(seqs[i]);
-        if (it == failed.end()) {
+        if (!answers[i]) {
             steps[i].done(installed_.rt);
         } else if (Decision *pDecision = model_.decisions().get(steps[i].owner); steps[i].isOptional && pDecision != nullptr) {
             pDecision->isStandbyRefused = true;
         } else {
-            decisionRefuse(steps[i].owner, it->second->text, linksDown);
+            decisionRefuse(steps[i].owner, answers[i].text, linksDown);
         }
     }
-    return result.ok();
 }
 
 // A link that went down is told by the kernel before the services know of it. What is built on such a next
@@ -280,7 +290,7 @@ std::set<DecisionKey> KernelPlane::decisionsSend() {
     }
     if (!steps.empty()) {
         counters_.applies++;
-        (void)stepsSend(steps); // what failed is in the decisions
+        stepsSend(steps); // what failed is in the decisions
         isTreeDue_ = true;
     }
     if (isTreeDue_) {

@@ -122,7 +122,8 @@ private:
     void decisionsInstall();
     void waysLeave(const std::set<DecisionKey> &pending);
     void stepsFor(const DecisionKey &key, std::set<uint32_t> &planned, std::vector<RtStep> &steps) const;
-    bool stepsSend(std::vector<RtStep> &steps);
+    std::vector<NetlinkError> stepsAnswer(const std::vector<RtStep> &steps);
+    void stepsSend(std::vector<RtStep> &steps);
     void treePlan(const std::set<RtRule> &rules);
     bool treeSend();
     std::vector<std::string> stepsDo(const std::vector<RtStep> &steps);

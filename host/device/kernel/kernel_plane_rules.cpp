@@ -87,25 +87,14 @@ KernelPlane::RuleCost KernelPlane::ruleCost(uint8_t family) const {
 // Sends removals, and additions that nothing else depends on. Result: for each step the kernel's refusal. What is gone
 // already is as removed as it can be.
 std::vector<std::string> KernelPlane::stepsDo(const std::vector<RtStep> &steps) {
-    std::vector<NetlinkMessage> messages;
-    std::vector<uint32_t> seqs;
-    for (const RtStep &step : steps) {
-        messages.push_back(step.message);
-    }
-    const NetlinkBatchResult result = sockets_->rt.batch(messages, &seqs);
-    counters_.kernelMessages += messages.size();
-    std::map<uint32_t, const NetlinkError *> failed;
-    for (const NetlinkError &error : result.failed) {
-        failed.emplace(error.seq, &error);
-    }
+    const std::vector<NetlinkError> answers = stepsAnswer(steps);
     std::vector<std::string> refusals(steps.size());
     for (size_t i = 0; i < steps.size(); i++) {
-        auto it = failed.find(seqs[i]);
-        const bool isGone = it != failed.end() && (it->second->code == ENOENT || it->second->code == ESRCH);
-        if (it == failed.end() || isGone) {
+        const bool isGone = answers[i].code == ENOENT || answers[i].code == ESRCH;
+        if (!answers[i] || isGone) {
             steps[i].done(installed_.rt);
         } else {
-            refusals[i] = it->second->text;
+            refusals[i] = answers[i].text;
         }
     }
     return refusals;
@@ -176,7 +165,7 @@ std::string KernelPlane::flush() {
     model_.allDirty();
     std::vector<RtStep> steps;
     junkSteps({}, steps);
-    (void)stepsSend(steps); // what remains is read back and told, below
+    stepsSend(steps); // what remains is read back and told, below
     KernelSnapshot snapshot;
     error = snapshotRead(*sockets_, &snapshot);
     installed_ = snapshot;

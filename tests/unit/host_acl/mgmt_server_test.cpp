@@ -365,7 +365,6 @@ TEST_F(MgmtServerOf, ClosesAClientThatDoesNotFetchItsAnswerInTime) {
         }
         ASSERT_NE(answer.value("error", "").find("too many clients"), std::string::npos) << answer;
     }
-    std::string rest;
     EXPECT_FALSE(deaf.line());
 }
 

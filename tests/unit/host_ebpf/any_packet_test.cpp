@@ -133,6 +133,18 @@ protected:
         return image;
     }
 
+    // Permits all, and gives a packet from 10.0.0.0 to 32.0.0.0 or a00:: to 2000::.
+    aclrule::AclPacket permittedOf(int family) {
+        aclrule::AclRule all;
+        all.version = static_cast<uint8_t>(family);
+        install({{0, all}}, family, 1);
+        aclrule::AclPacket packet;
+        packet.version = family;
+        packet.source[0] = 10;
+        packet.destination[0] = 32;
+        return packet;
+    }
+
     EbpfProgram program_;
 };
 
@@ -189,13 +201,7 @@ TEST_P(AnyPacket, IsDecidedAsByTheRulesOneByOneOrLeftAlone) {
 
 TEST_P(AnyPacket, OfWhichTheHeaderIsDamagedOrUnusualIsLeftAlone) {
     const int family = GetParam();
-    aclrule::AclRule all;
-    all.version = static_cast<uint8_t>(family);
-    install({{0, all}}, family, 1);
-    aclrule::AclPacket packet;
-    packet.version = family;
-    packet.source[0] = 10;
-    packet.destination[0] = 32;
+    aclrule::AclPacket packet = permittedOf(family);
     packet.protocol = 17;
     packet.sourcePort = packet.destinationPort = 9;
     packet.length = 80;
@@ -243,13 +249,7 @@ TEST_P(AnyPacket, OfWhichTheHeaderIsDamagedOrUnusualIsLeftAlone) {
 
 TEST_P(AnyPacket, ForThisMachineIsLeftAlone) {
     const int family = GetParam();
-    aclrule::AclRule all;
-    all.version = static_cast<uint8_t>(family);
-    install({{0, all}}, family, 1);
-    aclrule::AclPacket packet;
-    packet.version = family;
-    packet.source[0] = 10;
-    packet.destination[0] = 32;
+    aclrule::AclPacket packet = permittedOf(family);
     packet.destination[2] = 9;
     packet.protocol = 47;
     packet.length = 80;

@@ -11,11 +11,7 @@ class AdoptTest : public KernelTest {
 protected:
     void SetUp() override {
         KernelTest::SetUp();
-        for (const char *pName : {"lan0", "up1", "up2"}) {
-            cable(pName, far_, {}, {});
-        }
-        run("ip address add 192.0.2.254/24 dev up1");
-        run("ip address add 198.51.100.254/24 dev up2");
+        uplinks(far_, {"lan0", "up1", "up2"});
         world_.acl(1501, {"permit tcp from 10.1.0.0/16"});
         world_.acl(1502, {"permit ip from any"});
         world_.route("192.0.2.1", "up1");
@@ -71,11 +67,7 @@ TEST_F(AdoptTest, WhileHeldABindingTakesTheViewOnceAtItsEndAndIsInstalledAfterIt
     store();
     const int before = world_.takes;
 
-    for (uint32_t node = 1; node <= 8; ++node) {
-        world_.acl(1600 + node, {"permit udp from any to any port " + std::to_string(node)});
-        world_.nextHops("wan", "lan0", node, 1600 + node, {"198.51.100.1"});
-        EXPECT_EQ(device().add(unitOf("lan0"), 1600 + node, nullptr), 0);
-    }
+    eightBound();
     EXPECT_EQ(world_.takes, before);
     store();
     EXPECT_EQ(device().show()["entries"].size(), 8u);

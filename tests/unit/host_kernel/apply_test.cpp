@@ -17,11 +17,7 @@ class ApplyTest : public KernelTest {
 protected:
     void SetUp() override {
         KernelTest::SetUp();
-        for (const char *pName : {"lan0", "lan1", "up1", "up2"}) {
-            cable(pName, far_, {}, {});
-        }
-        run("ip address add 192.0.2.254/24 dev up1");
-        run("ip address add 198.51.100.254/24 dev up2");
+        uplinks(far_, {"lan0", "lan1", "up1", "up2"});
         run("ip address add 2001:db8::fe/64 dev up1 nodad");
         world_.acl(1501, {"permit tcp from 10.1.0.0/16 to any port 443", "deny ip from 10.1.9.0/25"});
         world_.acl(1502, {"permit ip from any"});

@@ -12,23 +12,19 @@ using namespace host;
 using std::chrono::milliseconds;
 
 constexpr uint64_t CHOICE = 77;
-constexpr uint32_t NODES = 40;
+constexpr uint32_t CHOOSING = 40;
 
 class ChoiceTest : public KernelTest {
 protected:
     void SetUp() override {
         KernelTest::SetUp();
-        for (const char *pName : {"lan0", "up1", "up2"}) {
-            cable(pName, far_, {}, {});
-        }
-        run("ip address add 192.0.2.254/24 dev up1");
-        run("ip address add 198.51.100.254/24 dev up2");
+        uplinks(far_, {"lan0", "up1", "up2"});
         run("ip address add 10.0.0.254/24 dev lan0");
         for (const char *pHop : {"192.0.2.1", "192.0.2.2"}) {
             world_.route(pHop, "up1");
         }
         world_.route("198.51.100.1", "up2");
-        for (uint32_t node = 1; node <= NODES; node++) {
+        for (uint32_t node = 1; node <= CHOOSING; node++) {
             world_.acl(1000 + node, {"permit udp from any to any port " + std::to_string(node)});
         }
     }
@@ -45,7 +41,7 @@ protected:
         entry.standby = standby.empty() ? std::nullopt : std::optional(address(standby));
     }
     void nodes(const std::vector<std::string> &hops, const std::string &standby = "") {
-        for (uint32_t index = 1; index <= NODES; index++) {
+        for (uint32_t index = 1; index <= CHOOSING; index++) {
             node(index, hops, standby);
         }
     }
@@ -106,7 +102,7 @@ TEST_F(ChoiceTest, WhatAllOfThemChooseNowIsOneRouteWhateverTheirNumber) {
     quiet();
     EXPECT_EQ(nft(), table4);
     EXPECT_EQ(used().size(), 1u);
-    EXPECT_EQ(used()[0]["users"], NODES);
+    EXPECT_EQ(used()[0]["users"], CHOOSING);
     EXPECT_EQ(device().counters().driftRepaired, 0u);
 }
 
@@ -114,7 +110,7 @@ TEST_F(ChoiceTest, ANodeThatIsAddedBeforeItsNextHopIsKnownDisturbsNobody) {
     nodes({"192.0.2.1"});
     device();
     world_.unbind("wan", "lan0");
-    for (uint32_t index = 2; index <= NODES; index++) {
+    for (uint32_t index = 2; index <= CHOOSING; index++) {
         node(index, {"192.0.2.1"});
     }
     store();
@@ -122,10 +118,10 @@ TEST_F(ChoiceTest, ANodeThatIsAddedBeforeItsNextHopIsKnownDisturbsNobody) {
     node(1, {});
     (void)messagesOfStore();
     EXPECT_TRUE(has(wayOf(1), "via 192.0.2.1 ")) << table();
-    EXPECT_EQ(used()[0]["users"], NODES - 1);
+    EXPECT_EQ(used()[0]["users"], CHOOSING - 1);
     node(1, {"192.0.2.1"});
     EXPECT_EQ(messagesOfStore(), 2u) << "its action, emptied and filled";
-    EXPECT_EQ(used()[0]["users"], NODES);
+    EXPECT_EQ(used()[0]["users"], CHOOSING);
 }
 
 TEST_F(ChoiceTest, AStandbyIsTheNextRouteOfTheTableAndTakesOverWithTheLink) {
@@ -183,7 +179,7 @@ TEST_F(ChoiceTest, AStandbyThatTheKernelDoesNotTakeIsLeftOut) {
 }
 
 TEST_F(ChoiceTest, BehindTheStandbyOfANodeThatDropsTheBlackholeIsLast) {
-    for (uint32_t index = 1; index <= NODES; index++) {
+    for (uint32_t index = 1; index <= CHOOSING; index++) {
         world_.drops.insert({"wan", index});
     }
     nodes({"192.0.2.1"}, "198.51.100.1");
@@ -202,7 +198,7 @@ TEST_F(ChoiceTest, BehindTheStandbyOfANodeThatDropsTheBlackholeIsLast) {
 }
 
 TEST_F(ChoiceTest, WhoStartsAgainFindsDecisionsOfEqualPathsAsTheyWere) {
-    for (uint32_t index = 1; index <= NODES; index++) {
+    for (uint32_t index = 1; index <= CHOOSING; index++) {
         node(index, {"192.0.2.1"}, index % 2 == 0 ? "198.51.100.1" : "192.0.2.2", 70 + index % 4);
     }
     device();

@@ -9,11 +9,7 @@ class LinkTest : public KernelTest {
 protected:
     void SetUp() override {
         KernelTest::SetUp();
-        for (const char *pName : {"lan0", "up1", "up2"}) {
-            cable(pName, far_, {}, {});
-        }
-        run("ip address add 192.0.2.254/24 dev up1");
-        run("ip address add 198.51.100.254/24 dev up2");
+        uplinks(far_, {"lan0", "up1", "up2"});
         for (uint32_t acl : {1501, 1502, 1503}) {
             world_.acl(acl, {"permit ip from any"});
         }

@@ -355,6 +355,22 @@ nlohmann::json KernelTest::ourRules(int family) {
     return ours;
 }
 
+void KernelTest::uplinks(const Net &far, const std::vector<std::string> &names) {
+    for (const std::string &name : names) {
+        cable(name, far, {}, {});
+    }
+    run("ip address add 192.0.2.254/24 dev up1");
+    run("ip address add 198.51.100.254/24 dev up2");
+}
+
+void KernelTest::eightBound() {
+    for (uint32_t node = 1; node <= 8; ++node) {
+        world_.acl(1600 + node, {"permit udp from any to any port " + std::to_string(node)});
+        world_.nextHops("wan", "lan0", node, 1600 + node, {"198.51.100.1"});
+        EXPECT_EQ(device().add(unitOf("lan0"), 1600 + node, nullptr), 0);
+    }
+}
+
 void KernelTest::cable(const std::string &name, const Net &far, const std::vector<std::string> &here,
                        const std::vector<std::string> &there) {
     run("ip link add " + name + " type veth peer name " + name + "-far netns " + far.path());

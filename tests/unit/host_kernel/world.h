@@ -126,6 +126,11 @@ protected:
     void cable(const std::string &name, const Net &far, const std::vector<std::string> &here,
                const std::vector<std::string> &there);
 
+    // cable() for each of these, which lead to a namespace of the test's, and addresses beside 192.0.2.1 and 198.51.100.1.
+    void uplinks(const Net &far, const std::vector<std::string> &names);
+    // Makes ACLs 1601 ... and as many nodes of list wan on lan0 with them; each is added to the device.
+    void eightBound();
+
     World world_;
     std::unique_ptr<Net> router_;
     std::unique_ptr<host::KernelDevice> device_;
