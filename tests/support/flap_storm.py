@@ -328,7 +328,7 @@ class Storm:
                 faults.append(f"device: node {node.number} should have {sorted(expected)}: {entry}")
         used = {(entry["ipVersion"], number) for entry in shown["entries"] for number in entry["decisions"]}
         faults += [f"device: decision that no node uses: {each}" for each in shown["decisions"]
-                   if (each["ipVersion"], each["id"]) not in used]
+                   if (each["ipVersion"], each["id"]) not in used and (each["paths"] or not each["users"])]
         checked = self.daemon.ctl("check", "--json", check=False)
         report = json.loads(checked.stdout)
         if checked.returncode or report["differences"]:
@@ -347,13 +347,15 @@ class Storm:
                  for family, node, body in re.findall(r"chain do([46])/wan/(\d+) \{\n(.*?)\n\t\}", text, re.S)}
         for family in (4, 6):
             rules = {int(rule["fwmark"], 16): str(rule["table"]) for rule in
-                     json.loads(run(f"ip -{family} -j rule", "rtr").stdout) if rule.get("protocol") == "206"}
+                     json.loads(run(f"ip -{family} -j rule", "rtr").stdout) if rule.get("protocol") == "206" and "table" in rule}
             routes = json.loads(run(f"ip -{family} -j route show table all proto 206", "rtr").stdout)
             tables = {}
-            for route in routes:
-                if route.get("type", "unicast") == "unicast" and "nhid" in route:
-                    gateways = [route["gateway"]] if "gateway" in route else [each["gateway"] for each in route["nexthops"]]
-                    tables[str(route["table"])] = set(gateways)
+            for route in sorted(routes, key=lambda each: -each.get("metric", 0)):  # of a table the least metric is taken
+                if "nhid" in route:
+                    way = {each["gateway"] for each in route.get("nexthops", [route])}
+                else:
+                    way = {USUAL} if route["type"] == "throw" else set()
+                tables[str(route["table"])] = way
             ways |= {(family, mark): tables.get(table, set()) for mark, table in rules.items()}
         for node in self.nodes:
             mark = marks.get((node.family, node.number))
