@@ -9,8 +9,9 @@ namespace host {
 // Gives up all that the daemon does not need: becomes the user of option host.user when one is named (root
 // only; the folders of this run that were not there yet are made first and are that user's), keeps of the
 // capabilities CAP_NET_ADMIN and CAP_NET_RAW (with the eBPF device CAP_BPF and CAP_PERFMON too), each only if it is
-// there, and takes away the way to new ones (bounding set, no-new-privileges). Root without host.user keeps its number, which gives it no more right
-// to other users' files than anybody has, and joins the group of host.group to give it the sockets.
+// there, and takes away the way to new ones (bounding set, no-new-privileges). Root without host.user keeps its number,
+// which gives it no more right to other users' files than anybody has, and joins the group of host.group to give it the
+// sockets.
 // Called once, when options are known, before there is a second thread and before a file is opened.
 // Result: empty, or why not. Lock: none
 std::string privilegesDrop();

@@ -262,7 +262,8 @@ static __always_inline uint32_t priorityOf(uint8_t traffic) {
     }
 }
 
-// Sends the packet on as the decision's table says, or without a decision as all tables and rules do. Result: the verdict; negative: the IP layer has to do it.
+// Sends the packet on as the decision's table says, or without a decision as all tables and rules do. Result: the verdict;
+// negative: the IP layer has to do it.
 static __always_inline int forward(struct __sk_buff *skb, struct search *s, struct EbpfNode node, uint8_t hops,
                                    uint16_t length) {
     struct bpf_fib_lookup fib = {};
