@@ -21,18 +21,9 @@
 #include <utility>
 #include <vector>
 
+#include "bench/tool.h"
+
 namespace {
-
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "netlink_replay: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::exit(1);
-}
-
-double seconds(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 struct Record {
     int protocol;

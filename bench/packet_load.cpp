@@ -39,23 +39,14 @@
 #include <string>
 #include <vector>
 
+#include "bench/tool.h"
+
 namespace {
 
 constexpr unsigned FLOWS = 64; // source ports, and destinations
 constexpr unsigned PAYLOAD = 18; // the smallest Ethernet frame, with IPv4
 constexpr unsigned BATCH = 64;
 constexpr unsigned ADD_NUMBER = BPF_ALU64 | BPF_ADD; // and BPF_K, which is 0 as BPF_ADD is
-
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "packet_load: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::exit(1);
-}
-
-double seconds(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 // Goes into the network namespace at `path`; result: its descriptor, to come back with rejoin().
 int enter(const char *path) {

@@ -29,6 +29,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/tool.h"
+
 namespace {
 
 struct Arrival {
@@ -37,16 +39,7 @@ struct Arrival {
     double time;
 };
 
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "packet_stream: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::exit(1);
-}
-
-double now() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
+double now() { return seconds(CLOCK_MONOTONIC); }
 
 void sleepUntil(double time) {
     const auto whole = static_cast<time_t>(time);

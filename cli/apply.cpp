@@ -6,6 +6,7 @@
 #include "cli/change_lock.h"
 #include "cli/confirm.h"
 #include "cli/errors.h"
+#include "cli/numbers.h"
 #include "cli/planner.h"
 #include "cli/policy_file.h"
 #include "cli/running.h"
@@ -35,10 +36,6 @@ std::string firstOf(const std::vector<std::string> &problems) {
     }
     return joined({problems.begin(), problems.begin() + PROBLEMS_SHOWN}) + "\n... and " +
            std::to_string(problems.size() - PROBLEMS_SHOWN) + " more";
-}
-
-std::string counted(size_t count, const char *pWhat) {
-    return std::to_string(count) + " " + pWhat + (count == 1 ? "" : "s");
 }
 
 [[noreturn]] void refuse(const PolicyFile &file, const std::vector<std::string> &problems) {

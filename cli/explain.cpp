@@ -139,10 +139,6 @@ json hopsOf(Daemon &daemon, const Running &running, const json &answer) {
     return hops;
 }
 
-std::string counted(size_t count, const char *pThing) {
-    return std::to_string(count) + " " + pThing + (count == 1 ? "" : "s");
-}
-
 std::string wordsOf(const json &texts) {
     std::string joined;
     for (const json &text : texts) {

@@ -78,4 +78,8 @@ std::string addressWrite(const std::vector<uint8_t> &bytes) {
     return text;
 }
 
+std::string counted(size_t count, const char *pWhat) {
+    return std::to_string(count) + " " + pWhat + (count == 1 ? "" : "s");
+}
+
 } // namespace cli

@@ -25,6 +25,9 @@ std::optional<std::vector<uint8_t>> addressRead(const std::string &text);
 // Text of an address of 4 or 16 bytes; empty for any other length. Lock: none
 std::string addressWrite(const std::vector<uint8_t> &bytes);
 
+// "1 node", "2 nodes". Lock: none
+std::string counted(size_t count, const char *pWhat);
+
 } // namespace cli
 
 #endif

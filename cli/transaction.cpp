@@ -7,6 +7,7 @@
 
 #include "cli/check.h"
 #include "cli/errors.h"
+#include "cli/numbers.h"
 #include "cli/operate.h"
 #include "cli/plane_hold.h"
 
@@ -19,10 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds PROBES_WAIT{5};         // for the first results of new probes
 constexpr std::chrono::milliseconds PROBES_STEP{20};   // between two looks at them
-
-std::string counted(size_t count, const char *pWhat) {
-    return std::to_string(count) + " " + pWhat + (count == 1 ? "" : "s");
-}
 
 std::string joined(const std::vector<std::string> &lines, const char *pIndent) {
     std::string text;

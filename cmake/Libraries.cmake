@@ -32,7 +32,7 @@ if(POLICYROUTE_FOREIGN_PACKAGES) # unpacked packages of the target
   pbr_foreign_library(PkgConfig::SECCOMP seccomp)
   pbr_foreign_library(yaml-cpp yaml-cpp)
   pbr_foreign_library(SQLite::SQLite3 sqlite3)
-else() # built here from their sources, soon; what they warn of, or a sanitizer would find, is not ours
+else() # built here from their sources, in little time; what they warn of, or a sanitizer would find, is not ours
   enable_language(C)
   set(sources ${POLICYROUTE_FOREIGN_DIR}/sources)
   file(GLOB yamlSources ${sources}/yaml-cpp/src/*.cpp)
